@@ -1,0 +1,258 @@
+#pragma once
+
+// Root of the core library: the index type, the assertion exception and its
+// macros, narrow text, the owning references, type-erased functions and the
+// two-member record. Everything else in the library builds on these.
+
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <utility>
+
+namespace ORN {
+
+// Sizes and indices are signed 64-bit; VAR_NONE marks "no index".
+using INDEX = std::int64_t;
+using int64 = std::int64_t;
+using uint64 = std::uint64_t;
+inline constexpr INDEX VAR_NONE = -1;
+
+// Root of every polymorphic object of the library.
+class Interface {
+public:
+    virtual ~Interface() = default;
+};
+
+// The exception every failed check raises; what() is the full assertion text.
+class Exception : public std::exception {
+public:
+    explicit Exception(std::string text) noexcept : mText(std::move(text)) {}
+    const char *what() const noexcept override { return mText.c_str(); }
+    const std::string &text() const noexcept { return mText; }
+
+private:
+    std::string mText;
+};
+
+namespace Private {
+// Builds "dynamic_assert failed : <cond> : at <function> in <file> ,<line>"
+// and throws it. Out of line so that every check site stays one branch.
+[[noreturn]] void raise_assertion(const char *condition, const char *function, const char *file, long line);
+} // namespace Private
+
+// Narrow text; paths, setting values and JSON scalars are held in it.
+template <class CHAR>
+using String = std::basic_string<CHAR>;
+
+// Compile-time width tag used by the text helpers (kept for symmetry with
+// the rest of the library's template parameters).
+template <INDEX SIZE>
+struct ARGC {
+    static constexpr INDEX value = SIZE;
+};
+
+// A character as the unsigned byte the text readers compare against.
+constexpr unsigned char STRU8(char c) noexcept { return static_cast<unsigned char>(c); }
+
+} // namespace ORN
+
+// Checks a condition and raises ORN::Exception with the condition text exactly
+// as written at the call site. Never compiled out: assertions are behaviour.
+#define _DYNAMIC_ASSERT_(...)                                                                                          \
+    do {                                                                                                               \
+        if (!(__VA_ARGS__)) [[unlikely]]                                                                               \
+            ::ORN::Private::raise_assertion(#__VA_ARGS__, __PRETTY_FUNCTION__, __FILE__, __LINE__);                    \
+    } while (false)
+
+// Runs a callable; any exception escaping it becomes the assertion "false" of
+// the calling function. Yields the callable's result.
+#define _CALL_TRY_(...) ::ORN::Private::call_try(__VA_ARGS__, __PRETTY_FUNCTION__, __FILE__, __LINE__)
+
+namespace ORN::Private {
+template <class F>
+decltype(auto) call_try(F &&f, const char *function, const char *file, long line) {
+    try {
+        return std::forward<F>(f)();
+    } catch (...) {
+    }
+    raise_assertion("false", function, file, line);
+}
+} // namespace ORN::Private
+
+namespace ORN {
+
+// The try-with-fallback pair: try_invoke runs a callable and yields its
+// result, or the fallback when anything is thrown; try_run only swallows.
+template <class F, class T>
+auto try_invoke(F &&f, T &&fallback) noexcept(std::is_nothrow_constructible_v<std::decay_t<T>, T &&>) {
+    using R = std::decay_t<T>;
+    try {
+        return static_cast<R>(std::forward<F>(f)());
+    } catch (...) {
+        return static_cast<R>(std::forward<T>(fallback));
+    }
+}
+
+template <class F>
+bool try_run(F &&f) noexcept {
+    try {
+        std::forward<F>(f)();
+        return true;
+    } catch (...) {
+        return false;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// References. Access through a reference that holds nothing asserts "exist ()".
+
+// Counted shared reference.
+template <class T>
+class StrongRef {
+public:
+    StrongRef() noexcept = default;
+    StrongRef(std::nullptr_t) noexcept {}
+    explicit StrongRef(std::shared_ptr<T> p) noexcept : mPointer(std::move(p)) {}
+    template <class U, class = std::enable_if_t<std::is_convertible_v<U *, T *>>>
+    StrongRef(const StrongRef<U> &other) noexcept : mPointer(other.shared()) {}
+    template <class U, class = std::enable_if_t<std::is_convertible_v<U *, T *>>>
+    StrongRef(StrongRef<U> &&other) noexcept : mPointer(std::move(other).shared()) {}
+
+    template <class... A>
+    static StrongRef make(A &&...args) {
+        return StrongRef(std::make_shared<T>(std::forward<A>(args)...));
+    }
+
+    bool exist() const noexcept { return static_cast<bool>(mPointer); }
+    T &self() const {
+        _DYNAMIC_ASSERT_(exist ());
+        return *mPointer;
+    }
+    T *operator->() const { return &self(); }
+    T &operator*() const { return self(); }
+    T *get() const noexcept { return mPointer.get(); }
+    void reset() noexcept { mPointer.reset(); }
+    INDEX use_count() const noexcept { return mPointer.use_count(); }
+
+    const std::shared_ptr<T> &shared() const & noexcept { return mPointer; }
+    std::shared_ptr<T> shared() && noexcept { return std::move(mPointer); }
+
+    friend bool operator==(const StrongRef &a, const StrongRef &b) noexcept { return a.mPointer == b.mPointer; }
+
+private:
+    std::shared_ptr<T> mPointer;
+};
+
+// Unique owning reference.
+template <class T>
+class AutoRef {
+public:
+    AutoRef() noexcept = default;
+    AutoRef(std::nullptr_t) noexcept {}
+    explicit AutoRef(std::unique_ptr<T> p) noexcept : mPointer(std::move(p)) {}
+    template <class U, class = std::enable_if_t<std::is_convertible_v<U *, T *>>>
+    AutoRef(AutoRef<U> &&other) noexcept : mPointer(std::move(other).unique()) {}
+
+    template <class... A>
+    static AutoRef make(A &&...args) {
+        return AutoRef(std::make_unique<T>(std::forward<A>(args)...));
+    }
+
+    bool exist() const noexcept { return static_cast<bool>(mPointer); }
+    T &self() const {
+        _DYNAMIC_ASSERT_(exist ());
+        return *mPointer;
+    }
+    T *operator->() const { return &self(); }
+    T &operator*() const { return self(); }
+    T *get() const noexcept { return mPointer.get(); }
+    void reset() noexcept { mPointer.reset(); }
+    std::unique_ptr<T> unique() && noexcept { return std::move(mPointer); }
+
+private:
+    std::unique_ptr<T> mPointer;
+};
+
+// Type-erased callable. Calling an empty one asserts "exist ()".
+template <class>
+class Function;
+
+template <class R, class... A>
+class Function<R(A...)> {
+public:
+    Function() noexcept = default;
+    Function(std::nullptr_t) noexcept {}
+    template <class F, class = std::enable_if_t<!std::is_same_v<std::decay_t<F>, Function> &&
+                                                std::is_invocable_r_v<R, F &, A...>>>
+    Function(F &&f) : mCall(std::forward<F>(f)) {}
+
+    bool exist() const noexcept { return static_cast<bool>(mCall); }
+    R operator()(A... args) const {
+        _DYNAMIC_ASSERT_(exist ());
+        return mCall(std::forward<A>(args)...);
+    }
+    void reset() noexcept { mCall = nullptr; }
+
+private:
+    std::function<R(A...)> mCall;
+};
+
+// Owner with release: holds a plain value (a handle, a pointer) together with
+// the function that releases it. The release runs when the owner is reset,
+// reassigned or destroyed.
+template <class T>
+class UniqueRef {
+public:
+    UniqueRef() noexcept = default;
+    UniqueRef(T value, Function<void(T &)> release) : mValue(std::move(value)), mRelease(std::move(release)), mExist(true) {}
+    UniqueRef(const UniqueRef &) = delete;
+    UniqueRef &operator=(const UniqueRef &) = delete;
+    UniqueRef(UniqueRef &&other) noexcept
+        : mValue(std::move(other.mValue)), mRelease(std::move(other.mRelease)), mExist(std::exchange(other.mExist, false)) {}
+    UniqueRef &operator=(UniqueRef &&other) noexcept {
+        if (this != &other) {
+            reset();
+            mValue = std::move(other.mValue);
+            mRelease = std::move(other.mRelease);
+            mExist = std::exchange(other.mExist, false);
+        }
+        return *this;
+    }
+    ~UniqueRef() { reset(); }
+
+    bool exist() const noexcept { return mExist; }
+    T &self() {
+        _DYNAMIC_ASSERT_(exist ());
+        return mValue;
+    }
+    const T &self() const {
+        _DYNAMIC_ASSERT_(exist ());
+        return mValue;
+    }
+    void reset() noexcept {
+        if (!mExist)
+            return;
+        mExist = false;
+        if (mRelease.exist())
+            try_run([&] { mRelease(mValue); });
+        mValue = T();
+    }
+
+private:
+    T mValue{};
+    Function<void(T &)> mRelease;
+    bool mExist = false;
+};
+
+// Two-member record; the first member is the object.
+template <class A, class B>
+struct PACK {
+    A mP1;
+    B mP2;
+    friend bool operator==(const PACK &, const PACK &) = default;
+};
+
+} // namespace ORN

@@ -1,0 +1,30 @@
+#!/bin/sh
+# Installs the Debian packages the build, the tests and the benchmarks need.
+# Idempotent: only packages that are not installed yet are fetched.
+set -eu
+
+PACKAGES="cmake g++ make pkg-config \
+libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev \
+libflann-dev liblz4-dev libpugixml-dev \
+libgtest-dev libgmock-dev libbenchmark-dev \
+rapidjson-dev nlohmann-json3-dev libnanoflann-dev"
+
+missing=""
+for p in $PACKAGES; do
+    if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+        missing="$missing $p"
+    fi
+done
+
+[ -z "$missing" ] && exit 0
+
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then
+    SUDO="sudo"
+fi
+
+echo "installing:$missing"
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -qq
+# shellcheck disable=SC2086
+$SUDO apt-get install -y --no-install-recommends $missing
