@@ -1,5 +1,13 @@
 #include "orn_basic.h"
 
+namespace ORN {
+
+Exception::~Exception() = default;
+
+const char *Exception::what() const noexcept { return mText.c_str(); }
+
+} // namespace ORN
+
 namespace ORN::Private {
 
 void raise_assertion(const char *condition, const char *function, const char *file, long line) {

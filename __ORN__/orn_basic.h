@@ -30,7 +30,10 @@ public:
 class Exception : public std::exception {
 public:
     explicit Exception(std::string text) noexcept : mText(std::move(text)) {}
-    const char *what() const noexcept override { return mText.c_str(); }
+    // Defined out of line so that the type's identity lives in the core
+    // library and an exception thrown in one module is caught in another.
+    ~Exception() override;
+    const char *what() const noexcept override;
     const std::string &text() const noexcept { return mText; }
 
 private:

@@ -1,0 +1,32 @@
+#pragma once
+
+// Helpers every process uses to find its settings and check its inputs.
+
+#include "__ORN__/orn_array.h"
+#include "__ORN__/orn_serialization.h"
+
+namespace ZARN {
+
+class ConsistencyProc {
+public:
+    // The "setting.xml" files of the working directory, the current directory
+    // and the module's directory, joined in that order into one document. The
+    // same file reached twice is read once; a missing, unreadable or malformed
+    // file leaves its slot empty.
+    static ORN::XmlParser load_Lumora_setting_xml(const ORN::String<char> &working_path);
+
+    // Returns when the file exists; otherwise logs "missing file : " and the
+    // path and fails.
+    static void check_file_existance(const ORN::String<char> &path);
+
+    // Full path of "asset/distortion.txt" under the current directory.
+    static ORN::String<char> asset_file_distort_table_txt();
+
+    // For every identifier in `group` that `ids` knows, sets the bit at its
+    // position in `flags`. Unknown identifiers (and texts that are not
+    // integers) are ignored; bits are only ever set.
+    static void compute_read_array_from_json(const ORN::Array<ORN::JsonParser> &group, const ORN::Set<ORN::int64> &ids,
+                                             ORN::BitSet &flags);
+};
+
+} // namespace ZARN

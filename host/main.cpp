@@ -1,0 +1,225 @@
+// zarn: runs the module's processes over capture job directories.
+//
+//   zarn run [--process NAME]... [--libs DIR] [--log DIR] [--module FILE] WORKDIR...
+//   zarn graph --process NAME WORKDIR
+//   zarn list
+//   zarn --help | --version
+
+#include "ZARN_Common/STLStreamLogger.h"
+#include "ZARN_Runtime/export.h"
+#include "ZARN_Velda/ProcessGraph.h"
+#include "__ORN__/orn_debugger.h"
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::array<std::string_view, 9> PROCESS_ORDER = {
+    "CalibMainProcess",  "StitchMainProcess", "StereoRotStitchMainProcess", "ImageROIProcess",     "ImageFilterProcess",
+    "VeldaMainProcess",  "VeldaMeshProcess",  "VideoTransferProcess",       "VideoROIProcess",
+};
+
+constexpr const char *USAGE = R"(usage:
+  zarn run [--process NAME]... [--libs DIR] [--log DIR] [--module FILE] WORKDIR...
+  zarn graph --process NAME WORKDIR
+  zarn list
+  zarn --help | --version
+
+run      runs the processes over each working directory (all nine in the
+         default order, or the ones named with --process, in the order given)
+graph    prints the node graph of one process in Graphviz DOT form
+list     prints the nine process names in the default order
+
+--libs DIR     directory of the closed libraries, "asset/distortion.txt" and
+               the shared "setting.xml"; becomes the current directory
+--log DIR      writes the console log to DIR/console.log (the previous one is
+               kept as console.old.log)
+--module FILE  the module to load (default: ../lib/libZARN_Velda.so next to
+               this program)
+
+exit status: 0 all done, 1 a process failed, 2 usage error
+)";
+
+constexpr int EXIT_DONE = 0;
+constexpr int EXIT_FAILED = 1;
+constexpr int EXIT_USAGE = 2;
+
+struct UsageError {
+    std::string reason;
+};
+
+struct Options {
+    std::string command;
+    std::vector<std::string> processes;
+    std::string libs;
+    std::string log;
+    std::string module;
+    std::vector<std::string> workdirs;
+};
+
+bool known_process(std::string_view name) {
+    for (auto p : PROCESS_ORDER)
+        if (p == name)
+            return true;
+    return false;
+}
+
+// Absolute and lexically normal, without a trailing separator.
+std::string absolute_path(const std::string &path) {
+    std::string p = fs::absolute(fs::path(path)).lexically_normal().string();
+    while (p.size() > 1 && p.back() == '/')
+        p.pop_back();
+    return p;
+}
+
+std::string launcher_directory() {
+    std::error_code ec;
+    const fs::path self = fs::read_symlink("/proc/self/exe", ec);
+    return ec ? std::string(".") : self.parent_path().string();
+}
+
+Options parse(int argc, char **argv) {
+    Options o;
+    if (argc < 2)
+        throw UsageError{"no command given (try zarn --help)"};
+    o.command = argv[1];
+    if (o.command == "--help" || o.command == "-h" || o.command == "--version" || o.command == "list") {
+        if (argc > 2)
+            throw UsageError{"unexpected argument " + std::string(argv[2])};
+        return o;
+    }
+    if (o.command != "run" && o.command != "graph")
+        throw UsageError{"unknown command " + o.command + " (try zarn --help)"};
+
+    for (int i = 2; i < argc; ++i) {
+        const std::string_view a = argv[i];
+        auto value = [&](std::string &out) {
+            if (i + 1 >= argc)
+                throw UsageError{"option " + std::string(a) + " needs a value"};
+            out = argv[++i];
+        };
+        if (a == "--process") {
+            std::string name;
+            value(name);
+            if (!known_process(name))
+                throw UsageError{"unknown process " + name + " (see zarn list)"};
+            o.processes.push_back(name);
+        } else if (a == "--libs" && o.command == "run") {
+            value(o.libs);
+        } else if (a == "--log" && o.command == "run") {
+            value(o.log);
+        } else if (a == "--module" && o.command == "run") {
+            value(o.module);
+        } else if (a.size() > 1 && a[0] == '-') {
+            throw UsageError{"unknown option " + std::string(a)};
+        } else {
+            o.workdirs.emplace_back(a);
+        }
+    }
+    if (o.workdirs.empty())
+        throw UsageError{"no working directory given"};
+    if (o.command == "graph" && (o.processes.size() != 1 || o.workdirs.size() != 1))
+        throw UsageError{"graph needs exactly one --process NAME and one WORKDIR"};
+    if (o.processes.empty())
+        o.processes.assign(PROCESS_ORDER.begin(), PROCESS_ORDER.end());
+    return o;
+}
+
+// Factories are plain C++ functions of namespace ZARN, looked up by their
+// decorated names: ZARN::create_<Name>() with no arguments.
+std::string factory_symbol(std::string_view name) {
+    const std::string function = "create_" + std::string(name);
+    return "_ZN4ZARN" + std::to_string(function.size()) + function + "Ev";
+}
+
+using Factory = ORN::StrongRef<ZARN::Process> (*)();
+
+int run(const Options &o) {
+    std::vector<std::string> workdirs;
+    for (const auto &w : o.workdirs)
+        workdirs.push_back(absolute_path(w));
+    const std::string module =
+        o.module.empty() ? absolute_path(launcher_directory() + "/../lib/libZARN_Velda.so") : absolute_path(o.module);
+    const std::string log = o.log.empty() ? std::string() : absolute_path(o.log);
+
+    void *library = dlopen(module.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr)
+        throw UsageError{"cannot load module " + module + ": " + dlerror()};
+    std::vector<std::pair<std::string, Factory>> factories;
+    for (const auto &name : o.processes) {
+        auto f = reinterpret_cast<Factory>(dlsym(library, factory_symbol(name).c_str()));
+        if (f == nullptr)
+            throw UsageError{"module " + module + " has no factory for " + name};
+        factories.emplace_back(name, f);
+    }
+    if (!o.libs.empty() && chdir(o.libs.c_str()) != 0)
+        throw UsageError{"cannot enter library directory " + o.libs};
+
+    auto &console = ORN::console();
+    if (!log.empty())
+        console.attach_log(log);
+    ZARN::STLStreamLogger logger(console);
+
+    int status = EXIT_DONE;
+    for (const auto &workdir : workdirs) {
+        for (const auto &[name, factory] : factories) {
+            try {
+                ORN::StrongRef<ZARN::Process> process = factory();
+                process->initialize(workdir);
+                process->execute();
+            } catch (const std::exception &e) {
+                console.error(name, " error");
+                console.error(e.what());
+                status = EXIT_FAILED;
+                break;
+            }
+        }
+    }
+    return status;
+}
+
+int graph(const Options &o) {
+    std::cout << ZARN::process_graph_dot(o.processes.front(), absolute_path(o.workdirs.front()));
+    return EXIT_DONE;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    try {
+        const Options o = parse(argc, argv);
+        if (o.command == "--help" || o.command == "-h") {
+            std::cout << USAGE;
+            return EXIT_DONE;
+        }
+        if (o.command == "--version") {
+            std::cout << "zarn " << ZARN_VERSION << "\n";
+            return EXIT_DONE;
+        }
+        if (o.command == "list") {
+            for (auto p : PROCESS_ORDER)
+                std::cout << p << "\n";
+            return EXIT_DONE;
+        }
+        if (o.command == "graph")
+            return graph(o);
+        return run(o);
+    } catch (const UsageError &e) {
+        std::cerr << "zarn: " << e.reason << "\n";
+        return EXIT_USAGE;
+    } catch (const std::exception &e) {
+        std::cerr << "zarn: " << e.what() << "\n";
+        return EXIT_FAILED;
+    }
+}
