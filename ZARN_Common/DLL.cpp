@@ -1,0 +1,28 @@
+#include "ZARN_Common/DLL.h"
+
+// The platform-neutral face of the wrapper; each platform's source defines
+// DLL::Private::Implement, the constructor and library_path.
+
+namespace ZARN {
+
+void DLL::open(const ORN::String<char> &path) {
+    _DYNAMIC_ASSERT_(mThis.exist ());
+    mThis->open(path);
+}
+
+void DLL::close() {
+    _DYNAMIC_ASSERT_(mThis.exist ());
+    mThis->close();
+}
+
+void *DLL::link(const ORN::String<char> &name) {
+    _DYNAMIC_ASSERT_(mThis.exist ());
+    return mThis->link(name);
+}
+
+ORN::String<char> DLL::file_name_of(const ORN::String<char> &path) {
+    const auto slash = path.find_last_of("\\/");
+    return slash == ORN::String<char>::npos ? path : path.substr(slash + 1);
+}
+
+} // namespace ZARN

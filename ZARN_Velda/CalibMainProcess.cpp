@@ -1,0 +1,21 @@
+// CalibMainProcess: Camera calibration, analysis and shading.
+
+#include "ZARN_Velda/ProcessFrame.h"
+
+namespace ZARN {
+
+class CalibMainProcess::Private::Implement final : public Frame::ProcessImplement<Implement> {
+    ZARN_PROCESS_IMPLEMENT(CalibMainProcess)
+
+    using VAR_mWorkingPath = Frame::VAR_mWorkingPath;
+    using CON_mSettingXml = Frame::CON_mSettingXml<Implement>;
+    using CON_mSplitDataJson = Frame::CON_mSplitDataJson<Implement>;
+    using CON_mEnableProcess = Frame::CON_mEnableProcess<Implement>;
+    using ACT_mWorkingPath = Frame::ACT_mWorkingPath<Implement>;
+
+    using ACTIONS = Frame::Actions<ACT_mWorkingPath>;
+};
+
+ZARN_DEFINE_PROCESS(CalibMainProcess)
+
+} // namespace ZARN

@@ -1,0 +1,219 @@
+#pragma once
+
+// What the nine processes share: the common nodes (working path, settings,
+// split data, enable switch) and the run sequence of `initialize` and
+// `execute`. A process declares its own nodes, its settings record and the
+// ordered list of its top-level actions; ZARN_DEFINE_PROCESS then gives it its
+// entry points and its factory.
+
+#include "ZARN_Common/ConsistencyProc.h"
+#include "ZARN_Velda/export.h"
+#include "__ORN__/orn_debugger.h"
+#include "__ORN__/orn_filesystem.h"
+#include "__ORN__/orn_functional.h"
+#include "__ORN__/orn_runtime.h"
+#include "__ORN__/orn_serialization.h"
+
+#include <array>
+#include <string_view>
+
+namespace ZARN::Frame {
+
+using ORN::FileSystemProc;
+
+// The text after the last '\\' or '/'; the whole path when it has neither.
+inline ORN::String<char> working_name(const ORN::String<char> &path) {
+    const auto slash = path.find_last_of("\\/");
+    return slash == ORN::String<char>::npos ? path : path.substr(slash + 1);
+}
+
+// An ordered list of top-level action node types.
+template <class... ACTIONS>
+struct Actions {
+    static void stack(ORN::SyntaxTree &tree) { (tree.stack<ACTIONS>(), ...); }
+};
+
+// Reads one setting into `field`; an absent key, one that breaks the
+// single-attribute rule or does not convert keeps the current value.
+template <class T>
+void read_setting(const ORN::XmlParser &section, std::string_view key, T &field) {
+    field = section.child(key).value(field);
+}
+
+// ---------------------------------------------------------------------------
+// Common nodes. P is the process's Implement; P::NAME is its class name.
+
+// The working directory handed to `initialize`.
+struct VAR_mWorkingPath {
+    ORN_NODE(VAR_mWorkingPath);
+    ORN::String<char> mSelf;
+    explicit VAR_mWorkingPath(ORN::SyntaxTree &tree) {
+        tree.mark_as_iteration();
+        tree.then([this, &tree] { mSelf = tree.later<ORN::String<char>>(); });
+    }
+};
+
+// The process's section of the joined "setting.xml" files (non-existing when
+// no file has one).
+template <class P>
+struct CON_mSettingXml {
+    ORN_NODE(CON_mSettingXml);
+    ORN::XmlParser mSelf;
+    explicit CON_mSettingXml(ORN::SyntaxTree &tree) {
+        const auto &path = tree.stack<VAR_mWorkingPath>();
+        tree.once([this, &path] {
+            mSelf = ConsistencyProc::load_Lumora_setting_xml(path.mSelf).child("_Lumora").child(P::NAME);
+        });
+    }
+};
+
+// The process's settings record P::SETTING: plain fields named by their keys,
+// holding their defaults, and `each(record, f)` calling f(key, field) for
+// every key in reading order. Filled from the process's settings section.
+template <class P>
+struct CON_mSetting : P::SETTING {
+    ORN_NODE(CON_mSetting);
+    explicit CON_mSetting(ORN::SyntaxTree &tree) {
+        const auto &xml = tree.stack<CON_mSettingXml<P>>();
+        tree.once([this, &xml] {
+            P::SETTING::each(*this, [&](std::string_view key, auto &field) { read_setting(xml.mSelf, key, field); });
+        });
+    }
+    void report(ORN::ConsoleService &console) const {
+        P::SETTING::each(*this, [&](std::string_view key, const auto &field) { console.info(key, " = ", field); });
+    }
+};
+
+// The process's member of "caches/split_data.json".
+template <class P>
+struct CON_mSplitDataJson {
+    ORN_NODE(CON_mSplitDataJson);
+    ORN::JsonParser mSelf;
+    explicit CON_mSplitDataJson(ORN::SyntaxTree &tree) {
+        const auto &path = tree.stack<VAR_mWorkingPath>();
+        tree.once([this, &path] {
+            const auto text = FileSystemProc::load_file(FileSystemProc::join_path(path.mSelf, "caches/split_data.json"));
+            mSelf = ORN::JsonParser(text).child(P::NAME);
+        });
+    }
+};
+
+// True exactly when the split data holds a non-null member for the process.
+template <class P>
+struct CON_mEnableProcess {
+    ORN_NODE(CON_mEnableProcess);
+    bool mSelf = false;
+    explicit CON_mEnableProcess(ORN::SyntaxTree &tree) {
+        const auto &json = tree.stack<CON_mSplitDataJson<P>>();
+        tree.once([this, &json] { mSelf = json.mSelf.exist() && !json.mSelf.null_type(); });
+    }
+};
+
+// The first action of every process: makes the directories the process
+// writes into (P::WORKING_DIRECTORIES, relative to the working path) and
+// logs the settings in effect.
+template <class P>
+struct ACT_mWorkingPath {
+    ORN_NODE(ACT_mWorkingPath);
+    explicit ACT_mWorkingPath(ORN::SyntaxTree &tree) {
+        const auto &path = tree.stack<VAR_mWorkingPath>();
+        if constexpr (requires { typename P::SETTING; }) {
+            const auto &setting = tree.stack<CON_mSetting<P>>();
+            tree.once([&path, &setting] {
+                make_directories(path.mSelf);
+                setting.report(ORN::console());
+            });
+        } else {
+            tree.once([&path] { make_directories(path.mSelf); });
+        }
+    }
+
+private:
+    static void make_directories(const ORN::String<char> &path) {
+        if constexpr (requires { P::WORKING_DIRECTORIES; })
+            for (std::string_view dir : P::WORKING_DIRECTORIES)
+                FileSystemProc::build_directory(FileSystemProc::join_path(path, dir));
+    }
+};
+
+// ---------------------------------------------------------------------------
+// The run sequence shared by every process.
+
+template <class P>
+class ProcessImplement : public Process {
+public:
+    ORN::String<char> mWorkingPath;
+    ORN::String<char> mWorkingName;
+    bool mEnableProcess = false;
+    ORN::SyntaxTree mSyntaxTree;
+
+    // The declared graph of the whole process in Graphviz DOT form; no action
+    // runs.
+    ORN::String<char> graph_dot(const ORN::String<char> &working_path) {
+        mWorkingPath = working_path;
+        mSyntaxTree.stack<CON_mEnableProcess<P>>();
+        mSyntaxTree.redo<VAR_mWorkingPath>(mWorkingPath);
+        P::ACTIONS::stack(mSyntaxTree);
+        return mSyntaxTree.to_dot();
+    }
+
+protected:
+    // Everything of `initialize` after the working name is set and checked.
+    bool initialize_graph() {
+        const auto &enable = mSyntaxTree.stack<CON_mEnableProcess<P>>();
+        mSyntaxTree.redo<VAR_mWorkingPath>(mWorkingPath);
+        mSyntaxTree.play();
+        mEnableProcess = enable.mSelf;
+        return mEnableProcess;
+    }
+
+    void run_sequence(const char *build_date, const char *build_time) {
+        auto &console = ORN::console();
+        console.print(P::NAME, ":");
+        console.print("BUILD-TIME = ", build_date, " ", build_time);
+        console.print("in ", mWorkingPath, " (", mWorkingName, ")");
+        const ORN::TimePoint start = ORN::TimePoint::now();
+        if (!mEnableProcess) {
+            console.warn("skip ", P::NAME);
+        } else {
+            P::ACTIONS::stack(mSyntaxTree);
+            mSyntaxTree.clean();
+            mSyntaxTree.play();
+            for (const auto &r : mSyntaxTree.time_report())
+                console.verbose(r.mName, " : action ", ORN::Duration(std::chrono::nanoseconds(r.mActionTime)).text(),
+                                ", release ", ORN::Duration(std::chrono::nanoseconds(r.mReleaseTime)).text());
+        }
+        console.info("total time costs : ", start.elapsed().text());
+        console.info("all done");
+    }
+};
+
+} // namespace ZARN::Frame
+
+// Defines, inside namespace ZARN, the entry points and the factory of the
+// process NAME, whose Implement derives from Frame::ProcessImplement. Expanded
+// in the process's own source, so that its checks name that source.
+#define ZARN_DEFINE_PROCESS(NAME)                                                                                      \
+    bool NAME::Private::Implement::initialize(const ORN::String<char> &working_path) {                                \
+        mWorkingPath = working_path;                                                                                   \
+        mWorkingName = Frame::working_name(mWorkingPath);                                                              \
+        _DYNAMIC_ASSERT_(!mWorkingName.empty ());                                                                      \
+        return initialize_graph();                                                                                     \
+    }                                                                                                                  \
+    void NAME::Private::Implement::execute() { run_sequence(__DATE__, __TIME__); }                                     \
+    ORN::StrongRef<Process> create_##NAME() {                                                                         \
+        return ORN::StrongRef<Process>(std::make_shared<NAME::Private::Implement>());                                  \
+    }                                                                                                                  \
+    namespace Private {                                                                                                \
+    ORN::String<char> graph_of_##NAME(const ORN::String<char> &working_path) {                                        \
+        return NAME::Private::Implement().graph_dot(working_path);                                                     \
+    }                                                                                                                  \
+    }
+
+// The members every process's Implement declares: its class name and the
+// two entry points that ZARN_DEFINE_PROCESS defines.
+#define ZARN_PROCESS_IMPLEMENT(NAME_)                                                                                  \
+public:                                                                                                                \
+    static constexpr const char *NAME = #NAME_;                                                                        \
+    bool initialize(const ORN::String<char> &working_path) override;                                                   \
+    void execute() override;
