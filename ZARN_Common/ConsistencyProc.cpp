@@ -10,10 +10,12 @@ namespace ZARN {
 using ORN::FileSystemProc;
 
 ORN::XmlParser ConsistencyProc::load_Lumora_setting_xml(const ORN::String<char> &working_path) {
+    // The module's directory is that of the file holding this function.
+    const auto self = &ConsistencyProc::load_Lumora_setting_xml;
     const ORN::Array<ORN::String<char>> candidates{
         FileSystemProc::join_path(working_path, "setting.xml"),
         FileSystemProc::join_path(FileSystemProc::working_path(), "setting.xml"),
-        FileSystemProc::join_path(FileSystemProc::module_path(), "setting.xml"),
+        FileSystemProc::join_path(FileSystemProc::module_path(reinterpret_cast<const void *>(self)), "setting.xml"),
     };
     ORN::Array<ORN::XmlParser> slots(candidates.size());
     for (ORN::INDEX ix = 0; ix < candidates.size(); ++ix) {
@@ -25,7 +27,9 @@ ORN::XmlParser ConsistencyProc::load_Lumora_setting_xml(const ORN::String<char> 
         slots[ix] = ORN::try_invoke(
             [&] {
                 const auto data = FileSystemProc::load_file(candidates[ix]);
-                return ORN::XmlParser(data.text());
+                ORN::XmlParser document(data.text());
+                ORN::console().debug("setting file : ", candidates[ix]);
+                return document;
             },
             ORN::XmlParser());
     }

@@ -4,3 +4,4 @@
 
 #include "__ORN__/orn_array.h"
 #include "__ORN__/orn_basic.h"
+#include "ZARN_Common/STLStreamLogger.h"

@@ -45,6 +45,10 @@ public:
     // Directory of the file this library is loaded from, with a trailing
     // separator.
     static String<char> module_path();
+    // Directory of the loaded file (program or shared library) that holds
+    // `address`, with a trailing separator: a module passes the address of
+    // one of its own functions to find its own directory.
+    static String<char> module_path(const void *address);
 };
 
 // An open file kept for sequential reading or appending; shared by value,

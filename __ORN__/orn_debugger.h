@@ -1,0 +1,125 @@
+#pragma once
+
+// The console and log service: every line the system prints goes through the
+// one ConsoleService of the program, `ORN::console()`.
+//
+// A level operation writes the message and a line feed to standard output
+// as one write (one fwrite and one fflush of the whole line), and, while a log
+// is attached, appends "[" time "][" TAG "] : " message "\n" to its
+// "console.log" with one write, the time being TimePoint::now().text()
+// ("2026-11-21 15:30:12.345"). One mutex covers both, so lines of several
+// threads never interleave and the log keeps the console's order.
+//
+// Colours: ANSI sequences derived from the level's console attribute (the
+// Windows console colour code: bit 0 blue, bit 1 green, bit 2 red, bit 3
+// bright), emitted only when standard output is a terminal and NO_COLOR is
+// not set in the environment. Both are checked on every line, so redirecting
+// the output at run time takes effect at once. Attribute 7, the console's
+// default light grey, is written without any sequence. On Windows the
+// attribute is set on the console itself for the text of the line.
+//
+// A log line that cannot be written is dropped: level operations never
+// throw because of the log.
+
+#include "orn_basic.h"
+#include "orn_core.h"
+#include "orn_stream.h"
+
+#include <string_view>
+
+namespace ORN {
+
+enum class ConsoleLevel : int { Print, Fatal, Error, Warn, Info, Debug, Verbose };
+
+class ORN_API ConsoleService {
+public:
+    class Abstract;
+    struct Private {
+        class Implement;
+    };
+
+    // Level tags and console attributes; fatal is bright blue on purpose.
+    static constexpr std::string_view tag(ConsoleLevel level) noexcept {
+        constexpr std::string_view tags[] = {"PRINT", "FATAL", "ERROR", "WARN", "INFO", "DEBUG", "VERBOSE"};
+        return tags[static_cast<int>(level)];
+    }
+    static constexpr int attribute(ConsoleLevel level) noexcept {
+        constexpr int attributes[] = {7, 9, 12, 14, 10, 11, 15};
+        return attributes[static_cast<int>(level)];
+    }
+    // The ANSI sequence that starts a line of the given console attribute;
+    // empty for the default attribute 7.
+    static String<char> ansi_colour(int attribute);
+
+    // Message built from any number of parts: texts as they are, numbers in
+    // their shortest decimal form.
+    template <class... A>
+    static String<char> compose(const A &...parts) {
+        TextWriter writer;
+        ((void)(writer << parts), ...);
+        return std::move(writer).text();
+    }
+
+    // A new service with no console shown and no log attached. The program's
+    // own service is `console()`; others serve tests.
+    ConsoleService();
+
+    void write(ConsoleLevel level, const String<char> &message);
+
+    void print(const String<char> &message) { write(ConsoleLevel::Print, message); }
+    void fatal(const String<char> &message) { write(ConsoleLevel::Fatal, message); }
+    void error(const String<char> &message) { write(ConsoleLevel::Error, message); }
+    void warn(const String<char> &message) { write(ConsoleLevel::Warn, message); }
+    void info(const String<char> &message) { write(ConsoleLevel::Info, message); }
+    void debug(const String<char> &message) { write(ConsoleLevel::Debug, message); }
+    void verbose(const String<char> &message) { write(ConsoleLevel::Verbose, message); }
+
+    template <class... A>
+    void print(const A &...parts) { print(compose(parts...)); }
+    template <class... A>
+    void fatal(const A &...parts) { fatal(compose(parts...)); }
+    template <class... A>
+    void error(const A &...parts) { error(compose(parts...)); }
+    template <class... A>
+    void warn(const A &...parts) { warn(compose(parts...)); }
+    template <class... A>
+    void info(const A &...parts) { info(compose(parts...)); }
+    template <class... A>
+    void debug(const A &...parts) { debug(compose(parts...)); }
+    template <class... A>
+    void verbose(const A &...parts) { verbose(compose(parts...)); }
+
+    // Makes sure a console exists and keeps its output handle (standard
+    // output on POSIX). Level operations do this themselves when needed.
+    void show();
+
+    // Rotates the log of the directory and opens a new one: "console.old.log"
+    // is deleted, "console.log" (if present) becomes "console.old.log", and
+    // "console.log" is opened for appending. The directory is created when
+    // missing. A log attached before is closed first.
+    void attach_log(const String<char> &directory);
+    // Closes the log; later lines go to the console only.
+    void detach_log();
+    bool log_attached() const;
+    // The attached log directory; empty while none is attached.
+    String<char> log_directory() const;
+
+    // Appends one "[" time "][" tag "] : " message line to the attached log
+    // (nothing without a log). Failures are swallowed.
+    void write_log_file(std::string_view tag, std::string_view message);
+
+    // Draws attention to the console, restores the default attribute and
+    // waits for a key: on Windows the window flashes and "pause" runs; on
+    // POSIX the terminal bell rings and the Enter key is awaited, returning at
+    // once when standard input or standard output is not a terminal. Other
+    // threads keep printing while it waits.
+    void pause();
+    // Clears the console when there is one: "cls" on Windows, "clear" on
+    // POSIX (only when standard output is a terminal).
+    void clear();
+
+private:
+    StrongRef<Abstract> mThis;
+};
+
+} // namespace ORN

@@ -1,0 +1,25 @@
+#pragma once
+
+// The operating-system side of the console service, one definition per
+// platform (orn_debugger.cpp for POSIX, orn_debugger_windows.cpp for
+// Windows). Callers hold the service's mutex.
+
+#include "orn_basic.h"
+
+#include <string_view>
+
+namespace ORN::Private::ConsolePlatform {
+
+// Makes sure a console exists; returns its output handle.
+void *open();
+// Writes the text in the colour of the console attribute, then a line feed,
+// as one piece.
+void write_line(void *handle, int attribute, std::string_view text);
+// Flashes the console window and sets attribute 7 (under the mutex).
+void attention(void *handle);
+// Waits for a key (without the mutex, so other threads keep printing).
+void wait_key(void *handle);
+// Clears the console when there is one.
+void clear(void *handle);
+
+} // namespace ORN::Private::ConsolePlatform

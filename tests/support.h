@@ -1,0 +1,139 @@
+#pragma once
+
+// Helpers shared by the tests that work on real directories and programs.
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace zarn_test {
+
+namespace fs = std::filesystem;
+
+// A fresh directory under the system's temporary directory, removed with
+// everything in it when the object goes.
+class TempDir {
+public:
+    TempDir() {
+        std::string pattern = (fs::temp_directory_path() / "zarn-test-XXXXXX").string();
+        if (mkdtemp(pattern.data()) == nullptr)
+            throw std::runtime_error("mkdtemp failed");
+        mPath = pattern;
+    }
+    TempDir(const TempDir &) = delete;
+    ~TempDir() {
+        std::error_code ec;
+        fs::remove_all(mPath, ec);
+    }
+    const fs::path &path() const { return mPath; }
+    std::string str() const { return mPath.string(); }
+    std::string operator/(const std::string &name) const { return (mPath / name).string(); }
+
+private:
+    fs::path mPath;
+};
+
+inline void write_file(const fs::path &path, const std::string &text) {
+    fs::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+inline std::string read_file(const fs::path &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+inline ino_t inode_of(const fs::path &path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+// Shell-quoted word.
+inline std::string quote(const std::string &word) {
+    std::string q = "'";
+    for (char c : word)
+        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
+struct RunResult {
+    int status = -1;    // exit status
+    std::string output; // standard output and standard error together
+};
+
+// Runs a shell command line and collects its output and exit status.
+inline RunResult run(const std::string &command) {
+    RunResult r;
+    FILE *pipe = ::popen((command + " 2>&1").c_str(), "r");
+    if (pipe == nullptr)
+        return r;
+    char buffer[4096];
+    std::size_t n;
+    while ((n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0)
+        r.output.append(buffer, n);
+    const int raw = ::pclose(pipe);
+    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    return r;
+}
+
+// What `f` writes to standard output (file descriptor 1) while it runs.
+inline std::string capture_stdout(const std::function<void()> &f) {
+    std::fflush(stdout);
+    TempDir dir;
+    const std::string file = dir / "stdout";
+    const int saved = ::dup(1);
+    FILE *sink = std::fopen(file.c_str(), "w");
+    ::dup2(fileno(sink), 1);
+    try {
+        f();
+    } catch (...) {
+        std::fflush(stdout);
+        ::dup2(saved, 1);
+        ::close(saved);
+        std::fclose(sink);
+        throw;
+    }
+    std::fflush(stdout);
+    ::dup2(saved, 1);
+    ::close(saved);
+    std::fclose(sink);
+    return read_file(file);
+}
+
+// The lines of a text, without their line feeds.
+inline std::vector<std::string> lines_of(const std::string &text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+// The text of the exception `f` throws, or "" when it throws none.
+template <class F>
+std::string failure_of(F &&f) {
+    try {
+        f();
+    } catch (const std::exception &e) {
+        return e.what();
+    }
+    return "";
+}
+
+inline bool starts_with(const std::string &text, const std::string &prefix) { return text.rfind(prefix, 0) == 0; }
+inline bool contains(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
+
+} // namespace zarn_test
