@@ -1,0 +1,902 @@
+#include "orn_serialization.h"
+
+#include <pugixml.hpp>
+
+#include <algorithm>
+#include <bit>
+#include <charconv>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace ORN {
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// Typed reads shared by the JSON and XML parsers: the whole text must
+// convert, a leading '+' is allowed before a digit or a point.
+
+std::string_view without_plus(std::string_view text) noexcept {
+    if (text.size() >= 2 && text[0] == '+' && text[1] != '-' && text[1] != '+')
+        text.remove_prefix(1);
+    return text;
+}
+
+template <class T>
+bool convert_text(std::string_view text, T &out) noexcept {
+    if constexpr (std::is_same_v<T, bool>) {
+        if (text == "true" || text == "TRUE") {
+            out = true;
+            return true;
+        }
+        if (text == "false" || text == "FALSE") {
+            out = false;
+            return true;
+        }
+        return false;
+    } else {
+        text = without_plus(text);
+        if (text.empty())
+            return false;
+        const char *const b = text.data();
+        const char *const e = b + text.size();
+        T result{};
+        std::from_chars_result r;
+        if constexpr (std::is_floating_point_v<T>)
+            r = std::from_chars(b, e, result, std::chars_format::general);
+        else
+            r = std::from_chars(b, e, result, 10);
+        if (r.ec != std::errc() || r.ptr != e)
+            return false;
+        out = result;
+        return true;
+    }
+}
+
+// Bytes JSON's blank rule skips between tokens.
+inline bool is_gap(char c) noexcept { return c == ' ' || c == '\n' || c == '\r' || c == '\t'; }
+inline bool is_digit(char c) noexcept { return static_cast<unsigned char>(c - '0') < 10; }
+
+std::uint32_t hash_name(std::string_view name) noexcept {
+    std::uint32_t h = 2166136261u;
+    for (const char c : name)
+        h = (h ^ static_cast<unsigned char>(c)) * 16777619u;
+    return h;
+}
+
+// Value of one hexadecimal digit, or -1.
+inline int hex_digit(char c) noexcept {
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
+// The code unit of four hexadecimal digits, or a negative number.
+inline std::int32_t hex_unit(const char *p) noexcept {
+    return (hex_digit(p[0]) << 12) | (hex_digit(p[1]) << 8) | (hex_digit(p[2]) << 4) | hex_digit(p[3]);
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// JSON node table.
+
+// Objects with at least this many members get a hashed member index; smaller
+// ones are searched along their chain.
+static constexpr INDEX MAPPING_SIZE = 32;
+// Zero bytes kept after the text copy, so that literal matches and 16-byte
+// scans near the end never leave the copy.
+static constexpr INDEX TEXT_PADDING = 64;
+
+class JsonParser::Private::Implement {
+public:
+    // One slot of a member index: the name's hash and the member node.
+    struct SLOT {
+        std::uint32_t mHash;
+        LINK mNode;
+    };
+    // A member index: an open-addressing table of mMask + 1 slots.
+    struct MAPPING {
+        std::unique_ptr<SLOT[]> mSlotSet;
+        INDEX mMask;
+    };
+
+    static constexpr INDEX MAXIMUM_TEXT_SIZE = std::numeric_limits<std::int32_t>::max();
+
+    // Copies the text and sizes the node table. Every node but the root
+    // follows a '[', ',' or ':' of its own, and every one but a last, failing
+    // one takes at least one byte besides: so the node count is at most one
+    // more than the number of those bytes, and at most two more than half
+    // the text. The table never moves while it is filled, and pages of it
+    // that stay unused are never touched.
+    explicit Implement(std::string_view text) {
+        const INDEX size = static_cast<INDEX>(text.size());
+        _DYNAMIC_ASSERT_(size <= MAXIMUM_TEXT_SIZE);
+        mTextSize = size;
+        mText = std::make_unique_for_overwrite<char[]>(static_cast<std::size_t>(size + TEXT_PADDING));
+        const INDEX bound = 1 + std::min(copy_counting(text.data(), mText.get(), size), size / 2 + 1);
+        std::memset(mText.get() + size, 0, TEXT_PADDING);
+        mNodeSet = Buffer<NODE_PACK>(bound);
+    }
+
+    std::string_view text(TEXT t) const noexcept { return {mText.get() + t.mOffset, t.mLength}; }
+    const NODE_PACK &operator[](INDEX index) const noexcept { return mNodeSet.data()[index]; }
+
+    // The member of object `object` named `name`, the last one if repeated.
+    LINK find(const NODE_PACK &object, std::string_view name) const noexcept {
+        if (object.mValue.mOffset != NO_MAPPING) {
+            const MAPPING &m = mMappingSet[object.mValue.mOffset];
+            const SLOT *slots = m.mSlotSet.get();
+            const std::uint32_t h = hash_name(name);
+            for (INDEX i = h & m.mMask;; i = (i + 1) & m.mMask) {
+                const SLOT &s = slots[i];
+                if (s.mNode == VAR_NONE)
+                    return VAR_NONE;
+                if (s.mHash == h && text((*this)[s.mNode].mName) == name)
+                    return s.mNode;
+            }
+        }
+        LINK found = VAR_NONE;
+        for (LINK i = object.mChild; i != VAR_NONE;) {
+            const NODE_PACK &member = (*this)[i];
+            if (member.mName.mLength == name.size() && text(member.mName) == name)
+                found = i;
+            i = member.mBrother;
+        }
+        return found;
+    }
+
+    // Builds the member index of a large object; a later member of the same
+    // name replaces an earlier one.
+    void build_mapping(NODE_PACK &object, INDEX count) {
+        const INDEX capacity = INDEX(std::bit_ceil(static_cast<std::uint64_t>(count) * 2));
+        auto slots = std::make_unique_for_overwrite<SLOT[]>(static_cast<std::size_t>(capacity));
+        std::fill_n(slots.get(), capacity, SLOT{0, VAR_NONE});
+        const INDEX mask = capacity - 1;
+        for (LINK member = object.mChild; member != VAR_NONE; member = (*this)[member].mBrother) {
+            const std::string_view name = text((*this)[member].mName);
+            const std::uint32_t h = hash_name(name);
+            for (INDEX i = h & mask;; i = (i + 1) & mask) {
+                SLOT &s = slots[i];
+                if (s.mNode == VAR_NONE) {
+                    s = SLOT{h, member};
+                    break;
+                }
+                if (s.mHash == h && text((*this)[s.mNode].mName) == name) {
+                    s.mNode = member;
+                    break;
+                }
+            }
+        }
+        object.mValue.mOffset = static_cast<std::uint32_t>(mMappingSet.size());
+        mMappingSet.push_back(MAPPING{std::move(slots), mask});
+    }
+
+    std::unique_ptr<char[]> mText;
+    INDEX mTextSize = 0;
+    Buffer<NODE_PACK> mNodeSet; // sized to the bound, filled up to mNodeSize
+    INDEX mNodeSize = 0;
+    std::vector<MAPPING> mMappingSet;
+
+private:
+    // Copies `size` bytes and counts the '[', ',' and ':' among them.
+    static INDEX copy_counting(const char *from, char *to, INDEX size) noexcept {
+        INDEX count = 0;
+        INDEX i = 0;
+#if defined(__SSE2__)
+        // Per-byte counters, added up before any of them can overflow.
+        const __m128i open = _mm_set1_epi8('[');
+        const __m128i comma = _mm_set1_epi8(',');
+        const __m128i colon = _mm_set1_epi8(':');
+        const __m128i zero = _mm_setzero_si128();
+        while (i + 16 <= size) {
+            __m128i counters = zero;
+            for (int round = 0; round < 255 && i + 16 <= size; ++round, i += 16) {
+                const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(from + i));
+                _mm_storeu_si128(reinterpret_cast<__m128i *>(to + i), v);
+                const __m128i hit = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, open), _mm_cmpeq_epi8(v, comma)), _mm_cmpeq_epi8(v, colon));
+                counters = _mm_sub_epi8(counters, hit);
+            }
+            const __m128i sums = _mm_sad_epu8(counters, zero);
+            count += _mm_cvtsi128_si64(sums) + _mm_cvtsi128_si64(_mm_unpackhi_epi64(sums, sums));
+        }
+#endif
+        for (; i < size; ++i) {
+            const char c = from[i];
+            to[i] = c;
+            count += (c == '[') | (c == ',') | (c == ':');
+        }
+        return count;
+    }
+};
+
+JsonParser::Private::RecursiveCounter::RecursiveCounter(INDEX &self) : mSelf(self) {
+    _DYNAMIC_ASSERT_(mSelf <= DEFAULT_RECURSIVE_SIZE);
+    ++mSelf;
+}
+
+JsonParser::Private::RecursiveCounter::~RecursiveCounter() { --mSelf; }
+
+// The recursive-descent reader over the table's own text copy. Strings with
+// escapes are decoded in place (a decoded string never grows), so every
+// scalar and member name is a run of that copy.
+namespace {
+
+using NODE_PACK = JsonParser::NODE_PACK;
+using TEXT = JsonParser::TEXT;
+using LINK = JsonParser::LINK;
+using Implement = JsonParser::Private::Implement;
+using RecursiveCounter = JsonParser::Private::RecursiveCounter;
+static_assert(sizeof(NODE_PACK) == 32);
+
+constexpr std::uint8_t NODE_NULL = JsonParser::NODE_NULL;
+constexpr std::uint8_t NODE_VALUE = JsonParser::NODE_VALUE;
+constexpr std::uint8_t NODE_ARRAY = JsonParser::NODE_ARRAY;
+constexpr std::uint8_t NODE_OBJECT = JsonParser::NODE_OBJECT;
+constexpr std::uint32_t NO_MAPPING = JsonParser::NO_MAPPING;
+
+class Generator {
+public:
+    explicit Generator(Implement &table) noexcept
+        : mRis(table.mText.get()), mBegin(table.mText.get()), mEnd(table.mText.get() + table.mTextSize),
+          mNodeSet(table.mNodeSet.data()), mTable(table) {}
+
+    // Parses the document; VAR_NONE for a blank text.
+    INDEX generate() {
+        skip_gap();
+        if (mRis == mEnd)
+            return VAR_NONE;
+        mLatestIndex = parse_value(VAR_NONE);
+        skip_gap();
+        _DYNAMIC_ASSERT_(mRis[0] == STRU8 ('\0'));
+        _DYNAMIC_ASSERT_(mRis == mEnd);
+        _DYNAMIC_ASSERT_(mLatestIndex == 0);
+        mTable.mNodeSize = mNodeSize;
+        return mLatestIndex;
+    }
+
+private:
+    void skip_gap() noexcept {
+        while (is_gap(*mRis))
+            ++mRis;
+    }
+
+    TEXT run(const char *b, const char *e) const noexcept {
+        return TEXT{static_cast<std::uint32_t>(b - mBegin), static_cast<std::uint32_t>(e - b)};
+    }
+
+    LINK append(LINK parent) noexcept {
+        const LINK index = mNodeSize++;
+        mNodeSet[index] = NODE_PACK{TEXT{0, 0}, 0, parent, VAR_NONE, VAR_NONE, TEXT{0, 0}};
+        return index;
+    }
+
+    LINK parse_value(LINK parent) {
+        const RecursiveCounter counter(mSelf);
+        const LINK index = append(parent);
+        NODE_PACK &node = mNodeSet[index];
+        switch (*mRis) {
+        case '+':
+        case '-':
+        case '0':
+        case '1':
+        case '2':
+        case '3':
+        case '4':
+        case '5':
+        case '6':
+        case '7':
+        case '8':
+        case '9':
+            node.mValue = parse_number();
+            node.mClass = NODE_VALUE;
+            break;
+        case '"':
+            node.mValue = parse_string();
+            node.mClass = NODE_VALUE;
+            break;
+        case 't':
+        case 'T':
+        case 'f':
+        case 'F':
+            node.mValue = parse_boolean();
+            node.mClass = NODE_VALUE;
+            break;
+        case 'n':
+            _DYNAMIC_ASSERT_(std::memcmp (mRis, "null", 4) == 0);
+            node.mValue = run(mRis, mRis + 4);
+            node.mClass = NODE_NULL;
+            mRis += 4;
+            break;
+        case '[':
+            node.mClass = NODE_ARRAY;
+            parse_array(index);
+            break;
+        case '{':
+            node.mClass = NODE_OBJECT;
+            node.mValue.mOffset = NO_MAPPING;
+            parse_object(index);
+            break;
+        default:
+            _DYNAMIC_ASSERT_(false);
+        }
+        return index;
+    }
+
+    // Sign, integer part, optional fraction (digits optional), optional
+    // exponent (digits required). Only checked here, never converted.
+    TEXT parse_number() {
+        const char *const b = mRis;
+        if (*mRis == '+' || *mRis == '-')
+            ++mRis;
+        if (*mRis == '0') {
+            ++mRis;
+        } else {
+            _DYNAMIC_ASSERT_(is_digit (mRis[0]));
+            do
+                ++mRis;
+            while (is_digit(*mRis));
+        }
+        if (*mRis == '.') {
+            ++mRis;
+            while (is_digit(*mRis))
+                ++mRis;
+        }
+        if (*mRis == 'e' || *mRis == 'E') {
+            ++mRis;
+            if (*mRis == '+' || *mRis == '-')
+                ++mRis;
+            _DYNAMIC_ASSERT_(is_digit (mRis[0]));
+            do
+                ++mRis;
+            while (is_digit(*mRis));
+        }
+        return run(b, mRis);
+    }
+
+    TEXT parse_boolean() {
+        INDEX size = 0;
+        if (std::memcmp(mRis, "true", 4) == 0 || std::memcmp(mRis, "TRUE", 4) == 0)
+            size = 4;
+        else if (std::memcmp(mRis, "false", 5) == 0 || std::memcmp(mRis, "FALSE", 5) == 0)
+            size = 5;
+        _DYNAMIC_ASSERT_(size > 0);
+        const char *const b = mRis;
+        mRis += size;
+        return run(b, mRis);
+    }
+
+    // Moves mRis to the next byte that is a quote, a backslash or below 32
+    // (the NUL after the text is one of those).
+    void scan_plain() noexcept {
+#if defined(__SSE2__)
+        const __m128i quote = _mm_set1_epi8('"');
+        const __m128i slash = _mm_set1_epi8('\\');
+        const __m128i low = _mm_set1_epi8(0x1F);
+        for (;;) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(mRis));
+            const __m128i hit = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, quote), _mm_cmpeq_epi8(v, slash)),
+                                             _mm_cmpeq_epi8(_mm_min_epu8(v, low), v));
+            const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(hit));
+            if (mask != 0) {
+                mRis += std::countr_zero(mask);
+                return;
+            }
+            mRis += 16;
+        }
+#else
+        while (*mRis != '"' && *mRis != '\\' && STRU8(*mRis) >= 0x20)
+            ++mRis;
+#endif
+    }
+
+    // A quoted string at mRis; yields its decoded content.
+    TEXT parse_string() {
+        ++mRis;
+        char *const b = mRis;
+        scan_plain();
+        if (*mRis == '"') {
+            const char *const e = mRis++;
+            return run(b, e);
+        }
+        char *out = mRis;
+        for (;;) {
+            const char c = *mRis;
+            if (c == '"') {
+                ++mRis;
+                return run(b, out);
+            }
+            if (c == '\\') {
+                out = parse_escape(out);
+            } else {
+                _DYNAMIC_ASSERT_(mRis < mEnd);
+                _DYNAMIC_ASSERT_(STRU8 (mRis[0]) >= STRU8 (' '));
+            }
+            const char *const plain = mRis;
+            scan_plain();
+            std::memmove(out, plain, static_cast<std::size_t>(mRis - plain));
+            out += mRis - plain;
+        }
+    }
+
+    // The escape at mRis (a backslash); writes its bytes at `out`.
+    char *parse_escape(char *out) {
+        char escape = 0;
+        switch (mRis[1]) {
+        case '"':
+            escape = '"';
+            break;
+        case '\\':
+            escape = '\\';
+            break;
+        case '/':
+            escape = '/';
+            break;
+        case 'b':
+            escape = '\b';
+            break;
+        case 'f':
+            escape = '\f';
+            break;
+        case 'n':
+            escape = '\n';
+            break;
+        case 'r':
+            escape = '\r';
+            break;
+        case 't':
+            escape = '\t';
+            break;
+        case 'u':
+            return parse_unicode(out);
+        default:
+            break;
+        }
+        _DYNAMIC_ASSERT_(escape != 0);
+        mRis += 2;
+        *out++ = escape;
+        return out;
+    }
+
+    // "\uXXXX", or a surrogate pair of two of them, as UTF-8.
+    char *parse_unicode(char *out) {
+        std::int32_t code = hex_unit(mRis + 2);
+        _DYNAMIC_ASSERT_(code >= 0);
+        mRis += 6;
+        if (code >= 0xD800 && code <= 0xDBFF) {
+            _DYNAMIC_ASSERT_(mRis[0] == STRU8 ('\\') && mRis[1] == STRU8 ('u'));
+            const std::int32_t low = hex_unit(mRis + 2);
+            _DYNAMIC_ASSERT_(low >= 0xDC00 && low <= 0xDFFF);
+            mRis += 6;
+            code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
+        } else {
+            _DYNAMIC_ASSERT_(code < 0xDC00 || code > 0xDFFF);
+        }
+        if (code < 0x80) {
+            *out++ = static_cast<char>(code);
+        } else if (code < 0x800) {
+            *out++ = static_cast<char>(0xC0 | (code >> 6));
+            *out++ = static_cast<char>(0x80 | (code & 0x3F));
+        } else if (code < 0x10000) {
+            *out++ = static_cast<char>(0xE0 | (code >> 12));
+            *out++ = static_cast<char>(0x80 | ((code >> 6) & 0x3F));
+            *out++ = static_cast<char>(0x80 | (code & 0x3F));
+        } else {
+            *out++ = static_cast<char>(0xF0 | (code >> 18));
+            *out++ = static_cast<char>(0x80 | ((code >> 12) & 0x3F));
+            *out++ = static_cast<char>(0x80 | ((code >> 6) & 0x3F));
+            *out++ = static_cast<char>(0x80 | (code & 0x3F));
+        }
+        return out;
+    }
+
+    void parse_array(LINK index) {
+        ++mRis;
+        skip_gap();
+        if (*mRis == ']') {
+            ++mRis;
+            return;
+        }
+        LINK last = parse_value(index);
+        mNodeSet[index].mChild = last;
+        std::uint32_t count = 1;
+        for (;;) {
+            skip_gap();
+            if (*mRis != ',')
+                break;
+            ++mRis;
+            skip_gap();
+            const LINK next = parse_value(index);
+            mNodeSet[last].mBrother = next;
+            last = next;
+            ++count;
+        }
+        _DYNAMIC_ASSERT_(mRis[0] == STRU8 (']'));
+        ++mRis;
+        mNodeSet[index].mValue.mLength = count;
+    }
+
+    void parse_object(LINK index) {
+        ++mRis;
+        skip_gap();
+        if (*mRis == '}') {
+            ++mRis;
+            return;
+        }
+        LINK last = VAR_NONE;
+        std::uint32_t count = 0;
+        for (;;) {
+            _DYNAMIC_ASSERT_(mRis[0] == STRU8 ('"'));
+            const TEXT name = parse_string();
+            skip_gap();
+            _DYNAMIC_ASSERT_(mRis[0] == STRU8 (':'));
+            ++mRis;
+            skip_gap();
+            const LINK member = parse_value(index);
+            mNodeSet[member].mName = name;
+            if (last == VAR_NONE)
+                mNodeSet[index].mChild = member;
+            else
+                mNodeSet[last].mBrother = member;
+            last = member;
+            ++count;
+            skip_gap();
+            if (*mRis != ',')
+                break;
+            ++mRis;
+            skip_gap();
+        }
+        _DYNAMIC_ASSERT_(mRis[0] == STRU8 ('}'));
+        ++mRis;
+        mNodeSet[index].mValue.mLength = count;
+        if (count >= MAPPING_SIZE)
+            mTable.build_mapping(mNodeSet[index], count);
+    }
+
+    char *mRis;
+    const char *const mBegin;
+    const char *const mEnd;
+    NODE_PACK *const mNodeSet;
+    LINK mNodeSize = 0;
+    INDEX mSelf = 0;
+    INDEX mLatestIndex = VAR_NONE;
+    Implement &mTable;
+};
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// JsonParser queries.
+
+JsonParser::JsonParser(std::string_view text) {
+    auto table = std::make_shared<Private::Implement>(text);
+    const INDEX root = Generator(*table).generate();
+    if (root == VAR_NONE)
+        return;
+    mTable = StrongRef<const Private::Implement>(std::move(table));
+    mIndex = root;
+}
+
+JsonParser::JsonParser(const StrongRef<const Private::Implement> &table, INDEX index) noexcept : mTable(table), mIndex(index) {}
+
+const JsonParser::NODE_PACK *JsonParser::node() const noexcept { return exist() ? &(*mTable.get())[mIndex] : nullptr; }
+
+JsonParser JsonParser::at(LINK index) const noexcept { return index == VAR_NONE ? JsonParser() : JsonParser(mTable, index); }
+
+INDEX JsonParser::kind() const noexcept {
+    const NODE_PACK *n = node();
+    return n ? n->mClass : NODE_EMPTY;
+}
+
+std::string_view JsonParser::view() const {
+    _DYNAMIC_ASSERT_(exist ());
+    _DYNAMIC_ASSERT_(string_type ());
+    return mTable.get()->text(node()->mValue);
+}
+
+String<char> JsonParser::value() const {
+    _DYNAMIC_ASSERT_(exist ());
+    _DYNAMIC_ASSERT_(string_type ());
+    return String<char>(mTable.get()->text(node()->mValue));
+}
+
+String<char> JsonParser::value(std::string_view fallback) const {
+    return string_type() ? String<char>(mTable.get()->text(node()->mValue)) : String<char>(fallback);
+}
+String<char> JsonParser::value(const String<char> &fallback) const { return value(std::string_view(fallback)); }
+String<char> JsonParser::value(const char *fallback) const { return value(std::string_view(fallback)); }
+
+template <class T>
+    requires(std::is_arithmetic_v<T> && !std::is_same_v<T, char>)
+T JsonParser::value(T fallback) const {
+    if (!string_type())
+        return fallback;
+    T out = fallback;
+    return convert_text(mTable.get()->text(node()->mValue), out) ? out : fallback;
+}
+
+JsonParser JsonParser::child(std::string_view name) const {
+    if (!object_type())
+        return {};
+    return at(mTable.get()->find(*node(), name));
+}
+
+INDEX JsonParser::size() const noexcept {
+    const NODE_PACK *n = node();
+    return n && n->mClass >= NODE_ARRAY ? n->mValue.mLength : 0;
+}
+
+Array<JsonParser> JsonParser::children() const {
+    Array<JsonParser> result;
+    const NODE_PACK *n = node();
+    if (!n)
+        return result;
+    result.reserve(size());
+    const Private::Implement &table = *mTable.get();
+    for (LINK i = n->mChild; i != VAR_NONE; i = table[i].mBrother)
+        result.append(JsonParser(mTable, i));
+    return result;
+}
+
+JsonParser JsonParser::first() const noexcept {
+    const NODE_PACK *n = node();
+    return n ? at(n->mChild) : JsonParser();
+}
+
+JsonParser JsonParser::parent() const noexcept {
+    const NODE_PACK *n = node();
+    return n ? at(n->mParent) : JsonParser();
+}
+
+JsonParser JsonParser::brother() const noexcept {
+    const NODE_PACK *n = node();
+    return n ? at(n->mBrother) : JsonParser();
+}
+
+std::string_view JsonParser::name() const noexcept {
+    const NODE_PACK *n = node();
+    return n ? mTable.get()->text(n->mName) : std::string_view();
+}
+
+// ---------------------------------------------------------------------------
+// JSON writing.
+
+void json_escape(String<char> &out, std::string_view text) {
+    static constexpr char HEX[] = "0123456789abcdef";
+    const char *p = text.data();
+    const char *const e = p + text.size();
+    while (p < e) {
+        const char *plain = p;
+        while (p < e && *p != '"' && *p != '\\' && STRU8(*p) >= 0x20)
+            ++p;
+        out.append(plain, p);
+        if (p == e)
+            break;
+        const unsigned char c = STRU8(*p++);
+        switch (c) {
+        case '"':
+            out.append("\\\"");
+            break;
+        case '\\':
+            out.append("\\\\");
+            break;
+        case '\b':
+            out.append("\\b");
+            break;
+        case '\f':
+            out.append("\\f");
+            break;
+        case '\n':
+            out.append("\\n");
+            break;
+        case '\r':
+            out.append("\\r");
+            break;
+        case '\t':
+            out.append("\\t");
+            break;
+        default: {
+            const char unit[6] = {'\\', 'u', '0', '0', HEX[c >> 4], HEX[c & 15]};
+            out.append(unit, sizeof(unit));
+        }
+        }
+    }
+}
+
+String<char> json_escape(std::string_view text) {
+    String<char> out;
+    out.reserve(text.size());
+    json_escape(out, text);
+    return out;
+}
+
+// ---------------------------------------------------------------------------
+// XML element model.
+
+class XmlParser::Private::Implement {
+public:
+    // Elements nested deeper than this are refused (the model is built and
+    // released recursively).
+    static constexpr INDEX DEFAULT_RECURSIVE_SIZE = 256;
+
+    // The value of the single-attribute rule.
+    const String<char> &value() const {
+        _DYNAMIC_ASSERT_(mMemberSet.size () == 0);
+        _DYNAMIC_ASSERT_(mAttributeMappingSet.length () == 1);
+        return mAttributeMappingSet[0].mP2;
+    }
+
+    const String<char> *attribute(std::string_view name) const noexcept {
+        for (const auto &a : mAttributeMappingSet)
+            if (a.mP1 == name)
+                return &a.mP2;
+        return nullptr;
+    }
+
+    // Adds the attribute unless one of that name is already there.
+    void unite_attribute(std::string_view name, std::string_view value) {
+        if (!attribute(name))
+            mAttributeMappingSet.append(PACK<String<char>, String<char>>{String<char>(name), String<char>(value)});
+    }
+
+    // The member named `name`, made empty when absent.
+    Implement &member(std::string_view name) {
+        const String<char> key(name);
+        INDEX position = mMemberNameSet.find(key);
+        if (position == VAR_NONE) {
+            position = mMemberNameSet.insert(key);
+            auto node = StrongRef<Implement>::make();
+            node->mName = key;
+            mMemberSet.append(std::move(node));
+        }
+        return *mMemberSet[position];
+    }
+
+    // The member named `name`, or nothing.
+    StrongRef<Implement> find(std::string_view name) const {
+        const INDEX position = mMemberNameSet.find(String<char>(name));
+        return position == VAR_NONE ? StrongRef<Implement>() : mMemberSet[position];
+    }
+
+    // Copies the attributes and child elements of a pugixml node into this
+    // element, uniting same-name children.
+    void build(const pugi::xml_node &source, INDEX depth) {
+        _DYNAMIC_ASSERT_(depth <= DEFAULT_RECURSIVE_SIZE);
+        for (const pugi::xml_attribute &a : source.attributes())
+            unite_attribute(a.name(), a.value());
+        for (const pugi::xml_node &c : source.children())
+            if (c.type() == pugi::node_element)
+                member(c.name()).build(c, depth + 1);
+    }
+
+    // Joins elements of several documents (in slot order) into one; a part
+    // that is the only one of its name is shared as it is.
+    static StrongRef<Implement> join(const std::vector<StrongRef<Implement>> &parts) {
+        if (parts.size() == 1)
+            return parts.front();
+        auto joined = StrongRef<Implement>::make();
+        joined->mName = parts.front()->mName;
+        Set<String<char>> names;
+        std::vector<std::vector<StrongRef<Implement>>> groups;
+        for (const auto &part : parts) {
+            for (const auto &a : part->mAttributeMappingSet)
+                joined->unite_attribute(a.mP1, a.mP2);
+            for (const auto &m : part->mMemberSet) {
+                const INDEX position = names.insert(m->mName);
+                if (position == static_cast<INDEX>(groups.size()))
+                    groups.emplace_back();
+                groups[static_cast<std::size_t>(position)].push_back(m);
+            }
+        }
+        for (INDEX i = 0; i < names.size(); ++i) {
+            joined->mMemberNameSet.insert(names[i]);
+            joined->mMemberSet.append(join(groups[static_cast<std::size_t>(i)]));
+        }
+        return joined;
+    }
+
+    String<char> mName;
+    Array<StrongRef<Implement>> mMemberSet;
+    Set<String<char>> mMemberNameSet;
+    Array<PACK<String<char>, String<char>>> mAttributeMappingSet;
+};
+
+XmlParser::XmlParser(std::string_view text) {
+    if (std::all_of(text.begin(), text.end(), is_gap))
+        return;
+    pugi::xml_document document;
+    const pugi::xml_parse_result result = document.load_buffer(text.data(), text.size());
+    _DYNAMIC_ASSERT_(result.status == pugi::status_ok);
+    auto root = StrongRef<Private::Implement>::make();
+    root->build(document, 0);
+    mNode = std::move(root);
+}
+
+XmlParser::XmlParser(const Array<XmlParser> &documents) {
+    std::vector<StrongRef<Private::Implement>> parts;
+    for (const XmlParser &d : documents)
+        if (d.exist())
+            parts.push_back(d.mNode);
+    if (!parts.empty())
+        mNode = Private::Implement::join(parts);
+}
+
+String<char> XmlParser::name() const { return exist() ? mNode->mName : String<char>(); }
+
+XmlParser XmlParser::child(std::string_view name) const {
+    return exist() ? XmlParser(mNode->find(name)) : XmlParser();
+}
+
+Array<XmlParser> XmlParser::children() const {
+    Array<XmlParser> result;
+    if (exist())
+        for (const auto &m : mNode->mMemberSet)
+            result.append(XmlParser(m));
+    return result;
+}
+
+String<char> XmlParser::value() const {
+    _DYNAMIC_ASSERT_(exist ());
+    return mNode->value();
+}
+
+const String<char> *XmlParser::single_value() const noexcept {
+    if (!exist() || mNode->mMemberSet.size() != 0 || mNode->mAttributeMappingSet.length() != 1)
+        return nullptr;
+    return &mNode->mAttributeMappingSet[0].mP2;
+}
+
+String<char> XmlParser::value(std::string_view fallback) const {
+    const String<char> *v = single_value();
+    return v ? *v : String<char>(fallback);
+}
+String<char> XmlParser::value(const String<char> &fallback) const { return value(std::string_view(fallback)); }
+String<char> XmlParser::value(const char *fallback) const { return value(std::string_view(fallback)); }
+
+template <class T>
+    requires(std::is_arithmetic_v<T> && !std::is_same_v<T, char>)
+T XmlParser::value(T fallback) const {
+    const String<char> *v = single_value();
+    if (!v)
+        return fallback;
+    std::string_view text(*v);
+    while (!text.empty() && is_gap(text.front()))
+        text.remove_prefix(1);
+    while (!text.empty() && is_gap(text.back()))
+        text.remove_suffix(1);
+    T out = fallback;
+    return convert_text(text, out) ? out : fallback;
+}
+
+#define ORN_SERIALIZATION_TYPED_READ(T)                                                                                \
+    template T JsonParser::value<T>(T) const;                                                                          \
+    template T XmlParser::value<T>(T) const;
+
+ORN_SERIALIZATION_TYPED_READ(bool)
+ORN_SERIALIZATION_TYPED_READ(signed char)
+ORN_SERIALIZATION_TYPED_READ(unsigned char)
+ORN_SERIALIZATION_TYPED_READ(short)
+ORN_SERIALIZATION_TYPED_READ(unsigned short)
+ORN_SERIALIZATION_TYPED_READ(int)
+ORN_SERIALIZATION_TYPED_READ(unsigned int)
+ORN_SERIALIZATION_TYPED_READ(long)
+ORN_SERIALIZATION_TYPED_READ(unsigned long)
+ORN_SERIALIZATION_TYPED_READ(long long)
+ORN_SERIALIZATION_TYPED_READ(unsigned long long)
+ORN_SERIALIZATION_TYPED_READ(float)
+ORN_SERIALIZATION_TYPED_READ(double)
+ORN_SERIALIZATION_TYPED_READ(long double)
+
+#undef ORN_SERIALIZATION_TYPED_READ
+
+} // namespace ORN
