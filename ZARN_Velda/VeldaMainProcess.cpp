@@ -1,8 +1,283 @@
 // VeldaMainProcess: Structure from motion over the capture and publication of its up-down and AR results.
+//
+// The run: make the working folders, read the capture record "project.json";
+// unless it says the capture is done, clear the reconstruction's stale
+// outputs and call "run_velda_main" of the reconstruction library; then
+// publish every file the library listed in "caches/upload.part3.json"
+// (up-down) and "caches/upload.part9.json" (AR) from "caches/" into
+// "results/" by hard link, check the manifests against "results/", and
+// replace "project.json" with the new state.
 
+#include "ZARN_Common/DLL.h"
 #include "ZARN_Velda/ProcessFrame.h"
 
+#include <array>
+#include <charconv>
+#include <string_view>
+#include <system_error>
+
 namespace ZARN {
+
+namespace {
+
+using ORN::FileSystemProc;
+
+// Text for the library's narrow argument strings. On Linux the narrow code
+// page is UTF-8, so the conversion is the identity; on Windows this is where
+// UTF-8 goes through UTF-16 into the system code page.
+ORN::String<char> utf8_to_native(const ORN::String<char> &text) { return text; }
+
+// ---------------------------------------------------------------------------
+// Upload manifests.
+
+// The two kinds of published results: the manifest naming them, the folder
+// under "caches/" and "results/", and the first path component that marks an
+// entry of this kind.
+struct UPDOWN_KIND {
+    static constexpr std::string_view MANIFEST = "caches/upload.part3.json";
+    static constexpr std::string_view KIND = "updown";
+};
+struct SFMAR_KIND {
+    static constexpr std::string_view MANIFEST = "caches/upload.part9.json";
+    static constexpr std::string_view KIND = "ar";
+};
+
+// The names, relative to the kind's folder and "/"-separated, of the
+// manifest's "upload" entries whose "file" starts with the kind's component.
+// Entries of other kinds, without a name after the kind, or with "." or ".."
+// components (which would leave the folder) are not listed.
+ORN::Array<ORN::String<char>> read_manifest(const ORN::String<char> &working_path, std::string_view manifest,
+                                            std::string_view kind) {
+    const ORN::String<char> path = FileSystemProc::join_path(working_path, manifest);
+    ConsistencyProc::check_file_existance(path);
+    const ORN::JsonParser document(FileSystemProc::load_file(path));
+    ORN::Array<ORN::String<char>> names;
+    for (const ORN::JsonParser &entry : document.child("upload").children()) {
+        const ORN::JsonParser file = entry.child("file");
+        if (!file.string_type())
+            continue;
+        const ORN::Deque<ORN::String<char>> parts = FileSystemProc::decouple_path_name(file.value());
+        if (parts.size() < 2 || parts[0] != kind)
+            continue;
+        ORN::String<char> name;
+        bool inside = true;
+        for (ORN::INDEX i = 1; i < parts.size() && inside; ++i) {
+            inside = !parts[i].empty() && parts[i] != "." && parts[i] != "..";
+            if (i > 1)
+                name.push_back('/');
+            name.append(parts[i]);
+        }
+        if (!inside) {
+            ORN::console().warn("ignored upload entry : ", file.value());
+            continue;
+        }
+        names.append(std::move(name));
+    }
+    return names;
+}
+
+// ---------------------------------------------------------------------------
+// The capture record "project.json".
+
+// Keys of the record in their fixed order; "progress" follows them and is
+// written only.
+constexpr std::array<std::string_view, 12> PROJECT_KEYS = {
+    "protocol",    "version",       "description", "category", "uuid",        "sceneNum",
+    "dataSource",  "create_time",   "create_time_s", "state",  "expect_time", "expect_time_s",
+};
+constexpr std::string_view PROJECT_STATE = "state";
+
+// Keys whose value is a number when the record does not have them.
+constexpr bool numeric_key(std::string_view key) {
+    return key == "sceneNum" || key == "create_time_s" || key == "expect_time_s";
+}
+
+// -?(0|[1-9][0-9]*)(\.[0-9]+)?([eE][+-]?[0-9]+)?
+bool json_number_text(std::string_view t) {
+    std::size_t i = 0;
+    auto digits = [&] {
+        const std::size_t b = i;
+        while (i < t.size() && t[i] >= '0' && t[i] <= '9')
+            ++i;
+        return i > b;
+    };
+    if (i < t.size() && t[i] == '-')
+        ++i;
+    if (i < t.size() && t[i] == '0')
+        ++i;
+    else if (!digits())
+        return false;
+    if (i < t.size() && t[i] == '.' && (++i, !digits()))
+        return false;
+    if (i < t.size() && (t[i] == 'e' || t[i] == 'E')) {
+        ++i;
+        if (i < t.size() && (t[i] == '+' || t[i] == '-'))
+            ++i;
+        if (!digits())
+            return false;
+    }
+    return i == t.size();
+}
+
+// The bare scalar text as standard JSON: numbers and the words true and
+// false as they are; the forms the reader also accepts ("+5", "5.", "TRUE")
+// rewritten; empty when the text is no bare scalar at all.
+ORN::String<char> json_literal(std::string_view text) {
+    if (json_number_text(text) || text == "true" || text == "false")
+        return ORN::String<char>(text);
+    if (text == "TRUE" || text == "FALSE")
+        return text == "TRUE" ? "true" : "false";
+    std::string_view digits = text;
+    if (!digits.empty() && digits.front() == '+')
+        digits.remove_prefix(1);
+    ORN::int64 integer = 0;
+    auto r = std::from_chars(digits.data(), digits.data() + digits.size(), integer);
+    if (r.ec == std::errc() && r.ptr == digits.data() + digits.size())
+        return ORN::TextWriter::number(integer);
+    double real = 0;
+    const auto q = std::from_chars(digits.data(), digits.data() + digits.size(), real);
+    if (q.ec == std::errc() && q.ptr == digits.data() + digits.size() && real - real == real - real)
+        return ORN::TextWriter::number(real);
+    return {};
+}
+
+// Skips one JSON value of an accepted document text.
+void skip_json_value(ORN::TextReader &reader) {
+    ORN::INDEX depth = 0;
+    do {
+        reader.skip_gap();
+        const unsigned char c = reader.get();
+        if (c == '"') {
+            for (unsigned char s = reader.get(); s != '"' && s != 0; s = reader.get())
+                if (s == '\\')
+                    reader.skip();
+        } else if (c == '{' || c == '[') {
+            ++depth;
+        } else if (c == '}' || c == ']') {
+            --depth;
+        } else if (c != ',' && c != ':') {
+            while (!reader.at_end() && !ORN::TextReader::is_gap(reader.peek()) && reader.peek() != ',' &&
+                   reader.peek() != '}' && reader.peek() != ']')
+                reader.skip();
+        }
+    } while (depth > 0 && !reader.at_end());
+}
+
+// Names of the top-level members of an object text whose value is written as
+// a quoted string (for a repeated name, as its last occurrence is). The JSON
+// tree keeps every scalar as text, so whether a scalar was a string or a bare
+// number is read off the document text itself; the text has been accepted by
+// the JSON reader already. Member names are compared as written.
+ORN::Set<ORN::String<char>> quoted_members(std::string_view text) {
+    ORN::Set<ORN::String<char>> quoted;
+    const ORN::String<char> copy = ORN::TextReader::terminated(text);
+    ORN::TextReader reader(copy);
+    reader.skip_gap();
+    if (reader.get() != '{')
+        return quoted;
+    for (;;) {
+        reader.skip_gap();
+        if (reader.get() != '"')
+            return quoted;
+        const char *b = reader.position();
+        for (unsigned char s = reader.get(); s != '"' && s != 0; s = reader.get())
+            if (s == '\\')
+                reader.skip();
+        const ORN::String<char> name(b, reader.position() - 1);
+        reader.skip_gap();
+        if (reader.get() != ':')
+            return quoted;
+        reader.skip_gap();
+        if (reader.peek() == '"')
+            quoted.insert(name);
+        else
+            quoted.erase(name);
+        skip_json_value(reader);
+        reader.skip_gap();
+        if (reader.get() != ',')
+            return quoted;
+    }
+}
+
+// One field of the record: its value text and the JSON form it is written
+// back in (a quoted string, a bare number or word, or null).
+struct PROJECT_FIELD {
+    enum class FORM { STRING, LITERAL, NUL };
+    ORN::String<char> mText;
+    FORM mForm = FORM::STRING;
+};
+
+// The record as read: one field per key of PROJECT_KEYS except "state", and
+// the two state flags.
+struct PROJECT_RECORD {
+    std::array<PROJECT_FIELD, PROJECT_KEYS.size()> mField;
+    bool mDone = false;
+    bool mCrashed = false;
+
+    // An absent record: empty texts, zero numbers, neither done nor crashed.
+    PROJECT_RECORD() {
+        for (std::size_t i = 0; i < PROJECT_KEYS.size(); ++i)
+            if (numeric_key(PROJECT_KEYS[i]))
+                mField[i] = PROJECT_FIELD{"0", PROJECT_FIELD::FORM::LITERAL};
+    }
+
+    explicit PROJECT_RECORD(std::string_view text) : PROJECT_RECORD() {
+        const ORN::JsonParser document(text);
+        const ORN::Set<ORN::String<char>> quoted = quoted_members(text);
+        for (std::size_t i = 0; i < PROJECT_KEYS.size(); ++i) {
+            const ORN::JsonParser member = document.child(PROJECT_KEYS[i]);
+            if (PROJECT_KEYS[i] == PROJECT_STATE) {
+                mDone = member.child("done").value(false);
+                mCrashed = member.child("crashed").value(false);
+            } else if (member.null_type()) {
+                mField[i] = PROJECT_FIELD{"null", PROJECT_FIELD::FORM::NUL};
+            } else if (member.string_type()) {
+                ORN::String<char> literal;
+                if (quoted.find(ORN::String<char>(PROJECT_KEYS[i])) == ORN::VAR_NONE)
+                    literal = json_literal(member.view());
+                mField[i] = literal.empty() ? PROJECT_FIELD{member.value(), PROJECT_FIELD::FORM::STRING}
+                                            : PROJECT_FIELD{std::move(literal), PROJECT_FIELD::FORM::LITERAL};
+            }
+            // Arrays and objects are no values of the record: the default stays.
+        }
+    }
+
+    // The record with the given state and progress, in the fixed key order.
+    ORN::String<char> text(bool done, bool crashed, ORN::int64 progress) const {
+        ORN::JsonWriter writer(512);
+        writer.raw("{");
+        for (std::size_t i = 0; i < PROJECT_KEYS.size(); ++i) {
+            writer.key(PROJECT_KEYS[i]);
+            if (PROJECT_KEYS[i] == PROJECT_STATE) {
+                writer.raw("{").key("done").boolean(done).comma().key("crashed").boolean(crashed).raw("}");
+            } else if (mField[i].mForm == PROJECT_FIELD::FORM::STRING) {
+                writer.string(mField[i].mText);
+            } else {
+                writer.raw(mField[i].mText);
+            }
+            writer.comma();
+        }
+        writer.key("progress").number(progress).raw("}");
+        return std::move(writer).text();
+    }
+};
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// The reconstruction library: "libopenMVG_velda.so" ("openMVG_velda.dll" on
+// Windows) in the current directory, and its one entry, a program's main.
+struct VeldaHandle {
+    using RUN_VELDA_MAIN = int(int, char **);
+
+    DLL mDLL;
+    RUN_VELDA_MAIN *mRunVeldaMain = nullptr;
+
+    VeldaHandle() {
+        mDLL.open(DLL::library_path("openMVG_velda"));
+        mRunVeldaMain = mDLL.link_as<RUN_VELDA_MAIN>("run_velda_main");
+    }
+};
 
 class VeldaMainProcess::Private::Implement final : public Frame::ProcessImplement<Implement> {
     ZARN_PROCESS_IMPLEMENT(VeldaMainProcess)
@@ -16,6 +291,13 @@ class VeldaMainProcess::Private::Implement final : public Frame::ProcessImplemen
         }
     };
 
+    static constexpr std::array<std::string_view, 4> WORKING_DIRECTORIES = {
+        "caches/updown",
+        "results/updown",
+        "caches/ar",
+        "results/ar",
+    };
+
     using VAR_mWorkingPath = Frame::VAR_mWorkingPath;
     using CON_mSettingXml = Frame::CON_mSettingXml<Implement>;
     using CON_mSplitDataJson = Frame::CON_mSplitDataJson<Implement>;
@@ -23,7 +305,231 @@ class VeldaMainProcess::Private::Implement final : public Frame::ProcessImplemen
     using CON_mEnableProcess = Frame::CON_mEnableProcess<Implement>;
     using ACT_mWorkingPath = Frame::ACT_mWorkingPath<Implement>;
 
-    using ACTIONS = Frame::Actions<ACT_mWorkingPath>;
+    // The library, opened and linked when the node plays (declaring the graph
+    // touches nothing).
+    struct CON_mVeldaHandle {
+        ORN_NODE(CON_mVeldaHandle);
+        ORN::AutoRef<VeldaHandle> mSelf;
+        explicit CON_mVeldaHandle(ORN::SyntaxTree &tree) {
+            tree.once([this] { mSelf = ORN::AutoRef<VeldaHandle>::make(); });
+        }
+    };
+
+    // "velda_type" of object "Common" in the process's split data, as UTF-8.
+    struct CON_mVeldaType {
+        ORN_NODE(CON_mVeldaType);
+        ORN::String<char> mSelf;
+        explicit CON_mVeldaType(ORN::SyntaxTree &tree) {
+            const auto &json = tree.stack<CON_mSplitDataJson>();
+            tree.once([this, &json] { mSelf = json.mSelf.child("Common").child("velda_type").value(""); });
+        }
+    };
+
+    // The capture record as it was before this run; a missing "project.json"
+    // is a fresh capture. A record whose replacement was interrupted between
+    // removing the old file and renaming the new one is found in its
+    // complete ".tmp" file.
+    struct CON_mProject {
+        ORN_NODE(CON_mProject);
+        PROJECT_RECORD mSelf;
+        explicit CON_mProject(ORN::SyntaxTree &tree) {
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([this, &path] {
+                const ORN::String<char> file = FileSystemProc::join_path(path.mSelf, "project.json");
+                if (FileSystemProc::find_file(file)) {
+                    mSelf = PROJECT_RECORD(FileSystemProc::load_file(file).text());
+                } else {
+                    mSelf = ORN::try_invoke(
+                        [&] { return PROJECT_RECORD(FileSystemProc::load_file(file + ".tmp").text()); },
+                        PROJECT_RECORD());
+                }
+                ORN::console().info("project done = ", mSelf.mDone);
+            });
+        }
+    };
+
+    // Clears what the library writes anew and makes its floor plan folder.
+    struct ACT_mVeldaMain_mClean {
+        ORN_NODE(ACT_mVeldaMain_mClean);
+        explicit ACT_mVeldaMain_mClean(ORN::SyntaxTree &tree) {
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([&path] {
+                FileSystemProc::build_directory(FileSystemProc::join_path(path.mSelf, "caches/floorplan"));
+                for (std::string_view file : {"caches/vision.json", "caches/floorplan.json", "caches/mesh.json"})
+                    FileSystemProc::erase_file(FileSystemProc::join_path(path.mSelf, file));
+            });
+        }
+    };
+
+    // Calls the library once: ("", type, working path).
+    struct ACT_mVeldaMain_mEnable {
+        ORN_NODE(ACT_mVeldaMain_mEnable);
+        ORN::int64 mMainReturnValue = 0;
+        explicit ACT_mVeldaMain_mEnable(ORN::SyntaxTree &tree) {
+            tree.stack<ACT_mVeldaMain_mClean>();
+            const auto &type = tree.stack<CON_mVeldaType>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            const auto &handle = tree.stack<CON_mVeldaHandle>();
+            tree.once([this, &type, &path, &handle] {
+                ORN::String<char> program;
+                ORN::String<char> velda_type = utf8_to_native(type.mSelf);
+                ORN::String<char> working_path = path.mSelf;
+                char *argv[] = {program.data(), velda_type.data(), working_path.data(), nullptr};
+                const auto run = handle.mSelf->mRunVeldaMain;
+                mMainReturnValue = _CALL_TRY_([&] { return run(3, argv); });
+                ORN::console().info("return value = ", mMainReturnValue);
+                _DYNAMIC_ASSERT_(mMainReturnValue == 0);
+            });
+        }
+    };
+
+    // The reconstruction step. A done capture only says so; otherwise the
+    // clean and the library call are fetched here and play before this node
+    // completes. A done capture therefore opens no library.
+    struct ACT_mVeldaMain {
+        ORN_NODE(ACT_mVeldaMain);
+        explicit ACT_mVeldaMain(ORN::SyntaxTree &tree) {
+            const auto &project = tree.stack<CON_mProject>();
+            // Declared now, while the split data is still held for it.
+            tree.stack<CON_mVeldaType>();
+            tree.maybe<ACT_mVeldaMain_mClean>();
+            tree.maybe<ACT_mVeldaMain_mEnable>();
+            tree.once([&tree, &project] {
+                if (project.mSelf.mDone) {
+                    ORN::console().info("already done");
+                    return;
+                }
+                tree.stack<ACT_mVeldaMain_mClean>();
+                tree.stack<ACT_mVeldaMain_mEnable>();
+            });
+        }
+    };
+
+    // True when the library left "caches/vision.json".
+    struct CON_mHasVisionJson {
+        ORN_NODE(CON_mHasVisionJson);
+        bool mSelf = false;
+        explicit CON_mHasVisionJson(ORN::SyntaxTree &tree) {
+            tree.stack<ACT_mVeldaMain>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([this, &path] {
+                mSelf = FileSystemProc::find_file(FileSystemProc::join_path(path.mSelf, "caches/vision.json"));
+            });
+        }
+    };
+
+    // The files of one kind that the library listed in its manifest; nothing
+    // for a done capture, whose results were published by its earlier run.
+    template <class K>
+    struct ENUM_FILE {
+        ORN::Array<ORN::String<char>> mSelf;
+        explicit ENUM_FILE(ORN::SyntaxTree &tree) {
+            tree.stack<ACT_mVeldaMain>();
+            const auto &project = tree.stack<CON_mProject>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([this, &project, &path] {
+                if (project.mSelf.mDone)
+                    return;
+                mSelf = read_manifest(path.mSelf, K::MANIFEST, K::KIND);
+                ORN::console().info(K::MANIFEST, " : ", mSelf.size(), " files");
+            });
+        }
+    };
+    struct CON_mEnumUpdownFile : ENUM_FILE<UPDOWN_KIND> {
+        ORN_NODE(CON_mEnumUpdownFile);
+        using ENUM_FILE::ENUM_FILE;
+    };
+    struct CON_mEnumSFMARFile : ENUM_FILE<SFMAR_KIND> {
+        ORN_NODE(CON_mEnumSFMARFile);
+        using ENUM_FILE::ENUM_FILE;
+    };
+
+    // Publishes each listed file: the result is removed and made again as a
+    // hard link to the cache file; nothing is copied.
+    template <class K, class ENUM>
+    struct RESULTS_DIRE {
+        explicit RESULTS_DIRE(ORN::SyntaxTree &tree) {
+            const auto &names = tree.stack<ENUM>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([&names, &path] {
+                const ORN::String<char> caches = FileSystemProc::join_path(path.mSelf, "caches");
+                const ORN::String<char> results = FileSystemProc::join_path(path.mSelf, "results");
+                for (const ORN::String<char> &name : names.mSelf) {
+                    const ORN::String<char> relative = ORN::String<char>(K::KIND) + "/" + name;
+                    const ORN::String<char> source = FileSystemProc::join_path(caches, relative);
+                    const ORN::String<char> target = FileSystemProc::join_path(results, relative);
+                    ConsistencyProc::check_file_existance(source);
+                    FileSystemProc::erase_file(target);
+                    if (name.find('/') != ORN::String<char>::npos)
+                        FileSystemProc::build_directory(target.substr(0, target.find_last_of('/')));
+                    FileSystemProc::link_file(source, target);
+                    ORN::console().debug("link : results/", relative);
+                }
+            });
+        }
+    };
+    struct ACT_mResultsUpdownDire : RESULTS_DIRE<UPDOWN_KIND, CON_mEnumUpdownFile> {
+        ORN_NODE(ACT_mResultsUpdownDire);
+        using RESULTS_DIRE::RESULTS_DIRE;
+    };
+    struct ACT_mResultsSFMARDire : RESULTS_DIRE<SFMAR_KIND, CON_mEnumSFMARFile> {
+        ORN_NODE(ACT_mResultsSFMARDire);
+        using RESULTS_DIRE::RESULTS_DIRE;
+    };
+
+    // Closes a manifest: read again, every file it lists of its kind must now
+    // be in "results/". A done capture published nothing and checks nothing.
+    template <class K, class DIRE>
+    struct UPLOAD_JSON {
+        explicit UPLOAD_JSON(ORN::SyntaxTree &tree) {
+            tree.stack<DIRE>();
+            const auto &project = tree.stack<CON_mProject>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([&project, &path] {
+                if (project.mSelf.mDone)
+                    return;
+                const ORN::String<char> results = FileSystemProc::join_path(path.mSelf, "results");
+                for (const ORN::String<char> &name : read_manifest(path.mSelf, K::MANIFEST, K::KIND))
+                    ConsistencyProc::check_file_existance(
+                        FileSystemProc::join_path(results, ORN::String<char>(K::KIND) + "/" + name));
+            });
+        }
+    };
+    struct ACT_mUploadPart3Json : UPLOAD_JSON<UPDOWN_KIND, ACT_mResultsUpdownDire> {
+        ORN_NODE(ACT_mUploadPart3Json);
+        using UPLOAD_JSON::UPLOAD_JSON;
+    };
+    struct ACT_mUploadPart9Json : UPLOAD_JSON<SFMAR_KIND, ACT_mResultsSFMARDire> {
+        ORN_NODE(ACT_mUploadPart9Json);
+        using UPLOAD_JSON::UPLOAD_JSON;
+    };
+
+    // Replaces "project.json" once everything else has succeeded: the fields
+    // as read; done when the run left a vision file (a done capture stays
+    // done), not crashed, progress 100. The new record is complete in
+    // "project.json.tmp" before the old one is removed.
+    struct ACT_mProjectJson {
+        ORN_NODE(ACT_mProjectJson);
+        explicit ACT_mProjectJson(ORN::SyntaxTree &tree) {
+            tree.stack<ACT_mUploadPart3Json>();
+            tree.stack<ACT_mUploadPart9Json>();
+            const auto &project = tree.stack<CON_mProject>();
+            const auto &vision = tree.stack<CON_mHasVisionJson>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([&project, &vision, &path] {
+                const bool done = project.mSelf.mDone || vision.mSelf;
+                const ORN::String<char> file = FileSystemProc::join_path(path.mSelf, "project.json");
+                const ORN::String<char> temporary = file + ".tmp";
+                FileSystemProc::save_file(temporary, project.mSelf.text(done, false, 100));
+                FileSystemProc::erase_file(file);
+                FileSystemProc::move_file(temporary, file);
+                ORN::console().info("project.json : done = ", done);
+            });
+        }
+    };
+
+    using ACTIONS = Frame::Actions<ACT_mWorkingPath, ACT_mVeldaMain, ACT_mResultsUpdownDire, ACT_mUploadPart3Json,
+                                   ACT_mResultsSFMARDire, ACT_mUploadPart9Json, ACT_mProjectJson>;
 };
 
 ZARN_DEFINE_PROCESS(VeldaMainProcess)

@@ -113,18 +113,17 @@ public:
 
     static constexpr INDEX MAXIMUM_TEXT_SIZE = std::numeric_limits<std::int32_t>::max();
 
-    // Copies the text and sizes the node table. Every node but the root
-    // follows a '[', ',' or ':' of its own, and every one but a last, failing
-    // one takes at least one byte besides: so the node count is at most one
-    // more than the number of those bytes, and at most two more than half
-    // the text. The table never moves while it is filled, and pages of it
-    // that stay unused are never touched.
+    // Copies the text and sizes the node table. Every node but the root is
+    // made right after a '[', ',' or ':' of its own (a failing last node
+    // too), so the node count is at most one more than the number of those
+    // bytes. The table never moves while it is filled, and pages of it that
+    // stay unused are never touched.
     explicit Implement(std::string_view text) {
         const INDEX size = static_cast<INDEX>(text.size());
         _DYNAMIC_ASSERT_(size <= MAXIMUM_TEXT_SIZE);
         mTextSize = size;
         mText = std::make_unique_for_overwrite<char[]>(static_cast<std::size_t>(size + TEXT_PADDING));
-        const INDEX bound = 1 + std::min(copy_counting(text.data(), mText.get(), size), size / 2 + 1);
+        const INDEX bound = 1 + copy_counting(text.data(), mText.get(), size);
         std::memset(mText.get() + size, 0, TEXT_PADDING);
         mNodeSet = Buffer<NODE_PACK>(bound);
     }

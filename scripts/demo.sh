@@ -1,14 +1,35 @@
 #!/bin/sh
-# Runs the launcher over a fresh copy of the sample job.
+# Runs the launcher over a fresh copy of the sample job and shows what it
+# published.
 set -eu
 BUILD=${1:-build}
 if [ ! -x "$BUILD/bin/zarn" ]; then
     echo "The demo runs the launcher build/bin/zarn, which is not built yet."
     exit 0
 fi
+mkdir -p "$BUILD/backends"
+for library in libopenMVG_velda.so libCalib.so libStitch.so libStereoRotCam.so; do
+    [ -f "$BUILD/backends/$library" ] ||
+        echo "note: $BUILD/backends/$library is not built; a process that needs it will report it missing."
+done
 JOB="$BUILD/demo/sample-job"
 rm -rf "$BUILD/demo"
 mkdir -p "$BUILD/demo"
 cp -r examples/sample-job "$JOB"
-"$BUILD/bin/zarn" run --libs "$BUILD/backends" --log "$BUILD/demo" "$(pwd)/$JOB"
+status=0
+"$BUILD/bin/zarn" run --libs "$BUILD/backends" --log "$BUILD/demo" "$(pwd)/$JOB" || status=$?
+
+echo
+echo "== published results (hard links: inode, link count, size, name)"
+if [ -d "$JOB/results" ]; then
+    (cd "$JOB/results" && find . -type f | sort | xargs -r ls -i -l | awk '{ print $1, $3, $6, $NF }')
+else
+    echo "(none)"
+fi
+echo
+echo "== project.json"
+cat "$JOB/project.json"
+echo
+echo
 echo "results are in $JOB/results (log: $BUILD/demo/console.log)"
+exit "$status"
