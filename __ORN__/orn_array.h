@@ -115,15 +115,27 @@ public:
 
 // Set of distinct items, each mapped to its position: positions run from 0
 // to size () - 1 in insertion order; erasing moves the last item into the
-// freed position.
+// freed position. Small sets (most sets hold a handful of items) are searched
+// in place; the hash index is built once a set grows past kLinear items.
 template <class T, class HASH = std::hash<T>>
 class Set {
+    using Index = std::unordered_map<T, INDEX, HASH>;
+    static constexpr std::size_t kLinear = 8;
+
 public:
     Set() = default;
     Set(std::initializer_list<T> items) {
         for (const auto &i : items)
             insert(i);
     }
+    Set(const Set &other) : mItems(other.mItems), mPositions(other.mPositions ? std::make_unique<Index>(*other.mPositions) : nullptr) {}
+    Set(Set &&) noexcept = default;
+    Set &operator=(const Set &other) {
+        if (this != &other)
+            *this = Set(other);
+        return *this;
+    }
+    Set &operator=(Set &&) noexcept = default;
 
     INDEX size() const noexcept { return static_cast<INDEX>(mItems.size()); }
     INDEX length() const noexcept { return size(); }
@@ -131,8 +143,14 @@ public:
 
     // Position of the item, or VAR_NONE.
     INDEX find(const T &item) const {
-        const auto it = mPositions.find(item);
-        return it == mPositions.end() ? VAR_NONE : it->second;
+        if (!mPositions) {
+            for (std::size_t i = 0; i < mItems.size(); ++i)
+                if (std::equal_to<T>()(mItems[i], item))
+                    return static_cast<INDEX>(i);
+            return VAR_NONE;
+        }
+        const auto it = mPositions->find(item);
+        return it == mPositions->end() ? VAR_NONE : it->second;
     }
     bool used(INDEX index) const noexcept { return index != VAR_NONE; }
     // Position of an item that must be present.
@@ -143,32 +161,43 @@ public:
     }
     // Inserts the item if absent; returns its position either way.
     INDEX insert(const T &item) {
-        const auto [it, added] = mPositions.try_emplace(item, size());
-        if (added)
-            mItems.push_back(item);
-        return it->second;
+        const INDEX found = find(item);
+        if (found != VAR_NONE)
+            return found;
+        mItems.push_back(item);
+        if (mPositions)
+            mPositions->emplace(mItems.back(), size() - 1);
+        else if (mItems.size() > kLinear)
+            build_index();
+        return size() - 1;
     }
     // Removes the item if present; returns whether it was.
     bool erase(const T &item) {
-        const auto it = mPositions.find(item);
-        if (it == mPositions.end())
+        const INDEX found = find(item);
+        if (found == VAR_NONE)
             return false;
-        const auto pos = static_cast<std::size_t>(it->second);
-        mPositions.erase(it);
+        const auto pos = static_cast<std::size_t>(found);
+        if (mPositions)
+            mPositions->erase(item);
         if (pos + 1 != mItems.size()) {
             mItems[pos] = std::move(mItems.back());
-            mPositions[mItems[pos]] = static_cast<INDEX>(pos);
+            if (mPositions)
+                (*mPositions)[mItems[pos]] = static_cast<INDEX>(pos);
         }
         mItems.pop_back();
         return true;
     }
     void clear() noexcept {
         mItems.clear();
-        mPositions.clear();
+        mPositions.reset();
     }
     void reserve(INDEX n) {
         mItems.reserve(static_cast<std::size_t>(n));
-        mPositions.reserve(static_cast<std::size_t>(n));
+        if (static_cast<std::size_t>(n) > kLinear) {
+            if (!mPositions)
+                build_index();
+            mPositions->reserve(static_cast<std::size_t>(n));
+        }
     }
 
     const T &operator[](INDEX index) const {
@@ -179,8 +208,16 @@ public:
     auto end() const noexcept { return mItems.end(); }
 
 private:
+    void build_index() {
+        auto index = std::make_unique<Index>();
+        index->reserve(mItems.size() * 2);
+        for (std::size_t i = 0; i < mItems.size(); ++i)
+            index->emplace(mItems[i], static_cast<INDEX>(i));
+        mPositions = std::move(index);
+    }
+
     std::vector<T> mItems;
-    std::unordered_map<T, INDEX, HASH> mPositions;
+    std::unique_ptr<Index> mPositions;
 };
 
 // Fixed-size bit set.
