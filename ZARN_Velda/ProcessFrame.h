@@ -15,6 +15,7 @@
 #include "__ORN__/orn_serialization.h"
 
 #include <array>
+#include <cstdio>
 #include <string_view>
 
 namespace ZARN::Frame {
@@ -158,6 +159,16 @@ public:
     }
 
 protected:
+    // The graph's time report, costliest node first, at verbose level.
+    void report_times(ORN::ConsoleService &console) const {
+        char line[64];
+        for (const auto &r : mSyntaxTree.time_report()) {
+            std::snprintf(line, sizeof(line), " : action %.3f ms, release %.3f ms", double(r.mActionTime) * 1e-6,
+                          double(r.mReleaseTime) * 1e-6);
+            console.verbose(r.mName, line);
+        }
+    }
+
     // Everything of `initialize` after the working name is set and checked.
     bool initialize_graph() {
         const auto &enable = mSyntaxTree.stack<CON_mEnableProcess<P>>();
@@ -177,11 +188,11 @@ protected:
             console.warn("skip ", P::NAME);
         } else {
             P::ACTIONS::stack(mSyntaxTree);
+            mSyntaxTree.observe([this, &console](ORN::INDEX ix) { console.debug(mSyntaxTree.node_name(ix)); });
             mSyntaxTree.clean();
             mSyntaxTree.play();
-            for (const auto &r : mSyntaxTree.time_report())
-                console.verbose(r.mName, " : action ", ORN::Duration(std::chrono::nanoseconds(r.mActionTime)).text(),
-                                ", release ", ORN::Duration(std::chrono::nanoseconds(r.mReleaseTime)).text());
+            mSyntaxTree.observe(nullptr);
+            report_times(console);
         }
         console.info("total time costs : ", start.elapsed().text());
         console.info("all done");

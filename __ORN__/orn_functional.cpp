@@ -323,6 +323,8 @@ void SyntaxTree::play() {
         }
         if (!mTree[iy].mOncePlayed) {
             _DYNAMIC_ASSERT_(mTree[iy].mValue.exist ());
+            if (mObserver.exist())
+                mObserver(iy);
             if (mTree[iy].mOnceActor.exist())
                 run_actor(iy, mTree[iy].mOnceActor);
             NODE &n = mTree[iy];

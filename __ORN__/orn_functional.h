@@ -226,6 +226,10 @@ public:
     void clean();
     void play_clean();
 
+    // Called with a node's index each time a node starts to play (before its
+    // first action), e.g. to log the evaluation; an empty function stops it.
+    void observe(Function<void(INDEX)> &&observer) { mObserver = std::move(observer); }
+
     // The switch made by clean: while absent or false, no value is freed.
     StrongRef<bool> clean_switch() const { return mCleanSwitch; }
 
@@ -342,6 +346,7 @@ private:
     void run_actor(INDEX iy, Function<void()> &actor);
 
     NODE_LIST mTree;
+    Function<void(INDEX)> mObserver;
     Array<SLOT> mSlots;
     INDEX mSlotsUsed = 0;
     Array<INDEX> mStack; // current-node stack, the root at the bottom
