@@ -1,0 +1,727 @@
+#include "PlyReader.h"
+
+#include "__ORN__/orn_filesystem.h"
+#include "__ORN__/orn_stream.h"
+
+#include <bit>
+#include <charconv>
+#include <cstring>
+#include <string_view>
+#include <type_traits>
+#include <unordered_map>
+
+namespace ZARN {
+
+using ORN::INDEX;
+using ORN::STRU8;
+using ORN::VAR_NONE;
+
+namespace {
+
+// Type names of a "property" line and their codes; the high hex digit of a
+// code is the storage class (1 double, 2 int64, 3 uint64).
+struct TYPE_NAME {
+    std::string_view mName;
+    INDEX mCode;
+};
+constexpr TYPE_NAME PROPERTY_TYPE[] = {
+    {"float", 0x10}, {"double", 0x11}, {"int", 0x20},    {"int64", 0x21},
+    {"uchar", 0x30}, {"uint16", 0x31}, {"uint32", 0x32}, {"uint64", 0x33},
+};
+// Types allowed for the count of a list (no floating point).
+constexpr TYPE_NAME LIST_COUNT_TYPE[] = {
+    {"int", 0x20}, {"int64", 0x21}, {"uchar", 0x30}, {"uint16", 0x31}, {"uint32", 0x32}, {"uint64", 0x33},
+};
+
+template <std::size_t N>
+INDEX find_type(const TYPE_NAME (&table)[N], std::string_view name) noexcept {
+    for (std::size_t i = 0; i < N; ++i)
+        if (table[i].mName == name)
+            return static_cast<INDEX>(i);
+    return VAR_NONE;
+}
+
+constexpr INDEX storage_class(INDEX code) noexcept { return code >> 4; }
+
+// Bytes a value of the type takes on disk.
+constexpr INDEX width_of(INDEX code) noexcept {
+    switch (code) {
+    case 0x10: return 4;
+    case 0x11: return 8;
+    case 0x20: return 4;
+    case 0x21: return 8;
+    case 0x30: return 1;
+    case 0x31: return 2;
+    case 0x32: return 4;
+    default: return 8;
+    }
+}
+
+template <class U>
+constexpr U swap_bytes(U value) noexcept {
+    if constexpr (sizeof(U) == 1)
+        return value;
+    else if constexpr (sizeof(U) == 2)
+        return __builtin_bswap16(value);
+    else if constexpr (sizeof(U) == 4)
+        return __builtin_bswap32(value);
+    else
+        return __builtin_bswap64(value);
+}
+
+template <std::size_t N>
+struct UNSIGNED_OF;
+template <>
+struct UNSIGNED_OF<1> {
+    using type = std::uint8_t;
+};
+template <>
+struct UNSIGNED_OF<2> {
+    using type = std::uint16_t;
+};
+template <>
+struct UNSIGNED_OF<4> {
+    using type = std::uint32_t;
+};
+template <>
+struct UNSIGNED_OF<8> {
+    using type = std::uint64_t;
+};
+
+// One on-disk value at an unaligned address.
+template <class RAW, bool SWAP>
+inline RAW load(const unsigned char *source) noexcept {
+    using U = typename UNSIGNED_OF<sizeof(RAW)>::type;
+    U bits;
+    std::memcpy(&bits, source, sizeof(U));
+    if constexpr (SWAP)
+        bits = swap_bytes(bits);
+    return std::bit_cast<RAW>(bits);
+}
+
+// Widens `count` on-disk values, `stride` bytes apart, into `target`, one
+// every `step` stored values.
+using DECODE = void (*)(const unsigned char *source, INDEX stride, INDEX count, void *target, INDEX step);
+
+template <class RAW, class STORE, bool SWAP>
+void decode_column(const unsigned char *source, INDEX stride, INDEX count, void *target, INDEX step) {
+    STORE *out = static_cast<STORE *>(target);
+    if (step == 1) {
+        for (INDEX i = 0; i < count; ++i, source += stride)
+            out[i] = static_cast<STORE>(load<RAW, SWAP>(source));
+    } else {
+        for (INDEX i = 0; i < count; ++i, source += stride, out += step)
+            *out = static_cast<STORE>(load<RAW, SWAP>(source));
+    }
+}
+
+template <bool SWAP>
+DECODE decoder_of(INDEX code) noexcept {
+    switch (code) {
+    case 0x10: return &decode_column<float, double, SWAP>;
+    case 0x11: return &decode_column<double, double, SWAP>;
+    case 0x20: return &decode_column<std::int32_t, ORN::int64, SWAP>;
+    case 0x21: return &decode_column<std::int64_t, ORN::int64, SWAP>;
+    case 0x30: return &decode_column<std::uint8_t, ORN::uint64, SWAP>;
+    case 0x31: return &decode_column<std::uint16_t, ORN::uint64, SWAP>;
+    case 0x32: return &decode_column<std::uint32_t, ORN::uint64, SWAP>;
+    default: return &decode_column<std::uint64_t, ORN::uint64, SWAP>;
+    }
+}
+
+DECODE decoder_of(INDEX code, bool swap) noexcept { return swap ? decoder_of<true>(code) : decoder_of<false>(code); }
+
+// A list count of any count type, as a signed number (a uint64 count beyond
+// the int64 range turns negative and is rejected as such).
+template <bool SWAP>
+ORN::int64 load_count(INDEX code, const unsigned char *source) noexcept {
+    switch (code) {
+    case 0x20: return load<std::int32_t, SWAP>(source);
+    case 0x21: return load<std::int64_t, SWAP>(source);
+    case 0x30: return load<std::uint8_t, SWAP>(source);
+    case 0x31: return load<std::uint16_t, SWAP>(source);
+    case 0x32: return load<std::uint32_t, SWAP>(source);
+    default: return static_cast<ORN::int64>(load<std::uint64_t, SWAP>(source));
+    }
+}
+
+// Items of a fixed-width element decoded per property in blocks, so that the
+// block's source bytes stay in cache while each column is filled.
+constexpr INDEX DECODE_BLOCK = 2048;
+
+// Read in place of the byte after the header when the file ends there.
+constexpr unsigned char NO_BYTE = 0;
+
+} // namespace
+
+class PlyReader::Implement : public PlyReader::Abstract {
+public:
+    enum : INDEX {
+        PLYREADER_BODY_TYPE_VALUE,
+        PLYREADER_BODY_TYPE_VALUE_LIST,
+        PLYREADER_BODY_TYPE_INDEX,
+        PLYREADER_BODY_TYPE_INDEX_LIST,
+        PLYREADER_BODY_TYPE_BYTE,
+        PLYREADER_BODY_TYPE_BYTE_LIST,
+    };
+
+    // One "element" line.
+    struct ELEMENT {
+        ORN::String<char> mName;
+        INDEX mSize = 0;
+        // Positions in mProperty of the element's properties, in header order.
+        ORN::Array<INDEX> mProperty;
+        // Property name -> index among the element's properties.
+        std::unordered_map<ORN::String<char>, INDEX> mPropertyMap;
+    };
+
+    // One "property" line.
+    struct PROPERTY {
+        ORN::String<char> mName;
+        INDEX mType = VAR_NONE;
+        // Type of the count of a list property; VAR_NONE for a scalar.
+        INDEX mListType = VAR_NONE;
+    };
+
+    // Stored values of one property: one contiguous run per storage class
+    // (only the property's own class is used). A list property keeps all its
+    // items' values back to back; while every list has the same length only
+    // that length is kept, otherwise mOffset holds where each item's list
+    // starts (item count + 1 entries).
+    struct COLUMN {
+        ORN::Buffer<double> mValue;
+        ORN::Buffer<ORN::int64> mIndex;
+        ORN::Buffer<ORN::uint64> mByte;
+        INDEX mUsed = 0;
+        INDEX mStride = VAR_NONE;
+        ORN::Buffer<INDEX> mOffset;
+
+        template <class T>
+        ORN::Buffer<T> &store() noexcept {
+            if constexpr (std::is_same_v<T, double>)
+                return mValue;
+            else if constexpr (std::is_same_v<T, ORN::int64>)
+                return mIndex;
+            else
+                return mByte;
+        }
+        template <class T>
+        const ORN::Buffer<T> &store() const noexcept {
+            return const_cast<COLUMN *>(this)->store<T>();
+        }
+
+        // Room for the next item's list of `count` values; `room` bounds
+        // what the rest of the file can still hold, for the first guess.
+        template <class T>
+        T *append_list(INDEX item_index, INDEX count, INDEX item_count, INDEX room);
+
+        template <class T>
+        ORN::ArrayView<const T> list(INDEX item_index) const noexcept {
+            const T *values = store<T>().data();
+            if (mOffset.empty())
+                return {values + item_index * mStride, mStride};
+            const INDEX *offset = mOffset.data();
+            return {values + offset[item_index], offset[item_index + 1] - offset[item_index]};
+        }
+    };
+
+    explicit Implement(const ORN::String<char> &path);
+    ~Implement() override = default;
+
+    INDEX find_element(const ORN::String<char> &name) const override;
+    INDEX element_size(INDEX element_index) const override;
+    INDEX find_property(INDEX element_index, const ORN::String<char> &name) const override;
+    const double &get_value(INDEX element_index, INDEX property_index, INDEX item_index) const override;
+    VALUE_LIST get_value_list(INDEX element_index, INDEX property_index, INDEX item_index) const override;
+    const ORN::int64 &get_index(INDEX element_index, INDEX property_index, INDEX item_index) const override;
+    INDEX_LIST get_index_list(INDEX element_index, INDEX property_index, INDEX item_index) const override;
+    const ORN::uint64 &get_byte(INDEX element_index, INDEX property_index, INDEX item_index) const override;
+    BYTE_LIST get_byte_list(INDEX element_index, INDEX property_index, INDEX item_index) const override;
+
+private:
+    void read_header();
+    void read_body_text();
+    void read_body_binary(bool swap);
+    template <bool SWAP>
+    void read_element_binary(INDEX element_index);
+    void prepare_columns();
+    const COLUMN &item_column(INDEX element_index, INDEX property_index, INDEX item_index) const;
+
+    ORN::Array<ELEMENT> mElement;
+    std::unordered_map<ORN::String<char>, INDEX> mElementMap;
+    ORN::Array<PROPERTY> mProperty;
+    // [element_index][property_index]
+    ORN::Array<ORN::Array<INDEX>> mBodyType;
+    ORN::Array<ORN::Array<COLUMN>> mColumn;
+    ORN::String<char> mFormat;
+
+    // Cursors over the loaded file while parsing: the header's, the body's,
+    // and the end of the data.
+    const unsigned char *mTempRis = nullptr;
+    const unsigned char *mRis = nullptr;
+    const unsigned char *mEnd = nullptr;
+};
+
+template <class T>
+T *PlyReader::Implement::COLUMN::append_list(INDEX item_index, INDEX count, INDEX item_count, INDEX room) {
+    ORN::Buffer<T> &values = store<T>();
+    if (item_index == 0) {
+        // Guess that every list has the first one's length: exact for the
+        // usual faces of one polygon kind, so no offsets are kept at all.
+        mStride = count;
+        const bool fits = count == 0 || item_count <= room / count;
+        values = ORN::Buffer<T>(fits ? item_count * count : count);
+    } else if (mStride != VAR_NONE && count != mStride) {
+        mOffset = ORN::Buffer<INDEX>(item_count + 1);
+        for (INDEX i = 0; i <= item_index; ++i)
+            mOffset.data()[i] = i * mStride;
+        mStride = VAR_NONE;
+    }
+    if (count > values.size() - mUsed) {
+        const INDEX grown = values.size() + values.size() / 2 + 16;
+        values.resize(mUsed + count > grown ? mUsed + count : grown);
+    }
+    T *target = values.data() + mUsed;
+    mUsed += count;
+    if (mStride == VAR_NONE)
+        mOffset.data()[item_index + 1] = mUsed;
+    return target;
+}
+
+PlyReader::Implement::Implement(const ORN::String<char> &path) {
+    const ORN::Buffer<unsigned char> file = ORN::FileSystemProc::load_file(path);
+    mTempRis = file.data();
+    mEnd = file.data() + file.size();
+    read_header();
+    prepare_columns();
+    if (mFormat == "ascii")
+        read_body_text();
+    else if (mFormat == "binary_little_endian")
+        read_body_binary(std::endian::native != std::endian::little);
+    else if (mFormat == "binary_big_endian")
+        read_body_binary(std::endian::native != std::endian::big);
+    else
+        _DYNAMIC_ASSERT_(false);
+    mTempRis = mRis = mEnd = nullptr;
+}
+
+void PlyReader::Implement::read_header() {
+    std::string_view words[6];
+    for (INDEX line = 0;; ++line) {
+        const void *feed = mTempRis < mEnd ? std::memchr(mTempRis, '\n', static_cast<std::size_t>(mEnd - mTempRis)) : nullptr;
+        const unsigned char *line_end = feed ? static_cast<const unsigned char *>(feed) : mEnd;
+        const unsigned char *next = feed ? line_end + 1 : mEnd;
+
+        // Split at blanks; a carriage return counts as one.
+        INDEX count = 0;
+        for (const unsigned char *p = mTempRis; p < line_end;) {
+            while (p < line_end && (*p == ' ' || *p == '\t' || *p == '\r'))
+                ++p;
+            const unsigned char *b = p;
+            while (p < line_end && *p != ' ' && *p != '\t' && *p != '\r')
+                ++p;
+            if (p > b) {
+                if (count == 6) {
+                    ++count;
+                    break;
+                }
+                words[count++] = {reinterpret_cast<const char *>(b), static_cast<std::size_t>(p - b)};
+            }
+        }
+
+        if (line == 0) {
+            const std::string_view r1x = count == 1 ? words[0] : std::string_view();
+            _DYNAMIC_ASSERT_(r1x == "ply");
+            mTempRis = next;
+            continue;
+        }
+        const std::string_view key = count > 0 ? words[0] : std::string_view();
+        if (key == "format" && count >= 2) {
+            mFormat = words[1];
+        } else if (key == "comment") {
+        } else if (key == "element" && count == 3) {
+            INDEX r3x = VAR_NONE;
+            const auto r = std::from_chars(words[2].data(), words[2].data() + words[2].size(), r3x);
+            if (r.ec != std::errc() || r.ptr != words[2].data() + words[2].size())
+                r3x = VAR_NONE;
+            _DYNAMIC_ASSERT_(r3x >= 0);
+            ELEMENT &element = mElement.append();
+            element.mName = words[1];
+            element.mSize = r3x;
+            mElementMap.try_emplace(element.mName, mElement.size() - 1);
+        } else if (key == "property" && !mElement.empty() && count == 3 && words[1] != "list") {
+            const INDEX ix = find_type(PROPERTY_TYPE, words[1]);
+            _DYNAMIC_ASSERT_(ix != VAR_NONE);
+            PROPERTY &property = mProperty.append();
+            property.mName = words[2];
+            property.mType = PROPERTY_TYPE[ix].mCode;
+            ELEMENT &element = mElement.back();
+            element.mPropertyMap.try_emplace(property.mName, element.mProperty.size());
+            element.mProperty.append(mProperty.size() - 1);
+        } else if (key == "property" && !mElement.empty() && count == 5 && words[1] == "list") {
+            const INDEX r4x = find_type(LIST_COUNT_TYPE, words[2]);
+            _DYNAMIC_ASSERT_(r4x != VAR_NONE);
+            const INDEX r5x = find_type(PROPERTY_TYPE, words[3]);
+            _DYNAMIC_ASSERT_(r5x != VAR_NONE);
+            PROPERTY &property = mProperty.append();
+            property.mName = words[4];
+            property.mType = PROPERTY_TYPE[r5x].mCode;
+            property.mListType = LIST_COUNT_TYPE[r4x].mCode;
+            ELEMENT &element = mElement.back();
+            element.mPropertyMap.try_emplace(property.mName, element.mProperty.size());
+            element.mProperty.append(mProperty.size() - 1);
+        } else if (key == "end_header" && count == 1) {
+            // The header ends right after the word, in "\n" or "\r\n".
+            mTempRis = reinterpret_cast<const unsigned char *>(words[0].data() + words[0].size());
+            if (mTempRis < mEnd && mTempRis[0] == STRU8('\r'))
+                ++mTempRis;
+            if (mTempRis >= mEnd)
+                mTempRis = &NO_BYTE;
+            _DYNAMIC_ASSERT_(mTempRis[0] == STRU8 ('\n'));
+            mRis = mTempRis + 1;
+            return;
+        } else {
+            _DYNAMIC_ASSERT_(false);
+        }
+        mTempRis = next;
+    }
+}
+
+void PlyReader::Implement::prepare_columns() {
+    mBodyType = ORN::Array<ORN::Array<INDEX>>(mElement.size());
+    mColumn = ORN::Array<ORN::Array<COLUMN>>(mElement.size());
+    for (INDEX e = 0; e < mElement.size(); ++e) {
+        const ELEMENT &element = mElement[e];
+        mBodyType[e] = ORN::Array<INDEX>(element.mProperty.size());
+        mColumn[e] = ORN::Array<COLUMN>(element.mProperty.size());
+        for (INDEX p = 0; p < element.mProperty.size(); ++p) {
+            const PROPERTY &property = mProperty[element.mProperty[p]];
+            const bool list = property.mListType != VAR_NONE;
+            switch (storage_class(property.mType)) {
+            case 1: mBodyType[e][p] = list ? PLYREADER_BODY_TYPE_VALUE_LIST : PLYREADER_BODY_TYPE_VALUE; break;
+            case 2: mBodyType[e][p] = list ? PLYREADER_BODY_TYPE_INDEX_LIST : PLYREADER_BODY_TYPE_INDEX; break;
+            default: mBodyType[e][p] = list ? PLYREADER_BODY_TYPE_BYTE_LIST : PLYREADER_BODY_TYPE_BYTE; break;
+            }
+        }
+    }
+}
+
+void PlyReader::Implement::read_body_text() {
+    ORN::TextReader reader(reinterpret_cast<const char *>(mRis), mEnd - mRis);
+
+    // Reads one number of type `code` into `target`, which has the type's
+    // storage class.
+    const auto read_value = [&reader](INDEX code, auto *target) {
+        switch (code) {
+        case 0x10: case 0x11: case 0x20: case 0x21:
+        case 0x30: case 0x31: case 0x32: case 0x33: break;
+        default: _DYNAMIC_ASSERT_(false);
+        }
+        // A number ends at a gap or at the end: "2.5" is no integer.
+        const bool number_read = reader.read_number(*target) && (reader.at_end() || ORN::TextReader::is_gap(reader.peek()));
+        _DYNAMIC_ASSERT_(number_read);
+    };
+
+    for (INDEX e = 0; e < mElement.size(); ++e) {
+        const ELEMENT &element = mElement[e];
+        const INDEX item_count = element.mSize;
+        const INDEX property_count = element.mProperty.size();
+        if (item_count == 0 || property_count == 0)
+            continue;
+        // Every value takes at least one character and one gap.
+        _DYNAMIC_ASSERT_(item_count <= (reader.remaining () + 1) / 2 / property_count);
+
+        ORN::Array<COLUMN> &columns = mColumn[e];
+        for (INDEX p = 0; p < property_count; ++p) {
+            const PROPERTY &property = mProperty[element.mProperty[p]];
+            if (property.mListType != VAR_NONE)
+                continue;
+            switch (storage_class(property.mType)) {
+            case 1: columns[p].mValue = ORN::Buffer<double>(item_count); break;
+            case 2: columns[p].mIndex = ORN::Buffer<ORN::int64>(item_count); break;
+            default: columns[p].mByte = ORN::Buffer<ORN::uint64>(item_count); break;
+            }
+        }
+
+        for (INDEX i = 0; i < item_count; ++i) {
+            for (INDEX p = 0; p < property_count; ++p) {
+                const PROPERTY &property = mProperty.data()[element.mProperty.data()[p]];
+                COLUMN &column = columns.data()[p];
+                if (property.mListType == VAR_NONE) {
+                    switch (storage_class(property.mType)) {
+                    case 1: read_value(property.mType, column.mValue.data() + i); break;
+                    case 2: read_value(property.mType, column.mIndex.data() + i); break;
+                    default: read_value(property.mType, column.mByte.data() + i); break;
+                    }
+                    continue;
+                }
+                ORN::int64 list_count = VAR_NONE;
+                read_value(0x21, &list_count);
+                _DYNAMIC_ASSERT_(list_count >= 0);
+                _DYNAMIC_ASSERT_(list_count <= (reader.remaining () + 1) / 2);
+                const INDEX room = (reader.remaining() + 1) / 2;
+                const auto read_list = [&](auto *target) {
+                    for (INDEX k = 0; k < list_count; ++k)
+                        read_value(property.mType, target + k);
+                };
+                switch (storage_class(property.mType)) {
+                case 1: read_list(column.append_list<double>(i, list_count, item_count, room)); break;
+                case 2: read_list(column.append_list<ORN::int64>(i, list_count, item_count, room)); break;
+                default: read_list(column.append_list<ORN::uint64>(i, list_count, item_count, room)); break;
+                }
+            }
+        }
+    }
+}
+
+void PlyReader::Implement::read_body_binary(bool swap) {
+    for (INDEX e = 0; e < mElement.size(); ++e) {
+        if (swap)
+            read_element_binary<true>(e);
+        else
+            read_element_binary<false>(e);
+    }
+}
+
+template <bool SWAP>
+void PlyReader::Implement::read_element_binary(INDEX element_index) {
+    const ELEMENT &element = mElement[element_index];
+    const INDEX item_count = element.mSize;
+    const INDEX property_count = element.mProperty.size();
+    if (item_count == 0 || property_count == 0)
+        return;
+    ORN::Array<COLUMN> &columns = mColumn[element_index];
+
+    // Layout of one item when every item has the same one: where each
+    // property's first value sits, how many values it has, and for a list
+    // where its count sits.
+    ORN::Array<DECODE> decode(property_count);
+    ORN::Array<INDEX> offset(property_count);
+    ORN::Array<INDEX> length(property_count, 1);
+    ORN::Array<INDEX> count_offset(property_count, VAR_NONE);
+    bool fixed = true;
+    INDEX item_width = 0;
+    for (INDEX p = 0; p < property_count; ++p) {
+        const PROPERTY &property = mProperty[element.mProperty[p]];
+        decode[p] = decoder_of(property.mType, SWAP);
+        offset[p] = item_width;
+        item_width += width_of(property.mType);
+        fixed = fixed && property.mListType == VAR_NONE;
+    }
+    if (fixed)
+        _DYNAMIC_ASSERT_(item_count <= (mEnd - mRis) / item_width);
+    else
+        // Every item holds at least one byte.
+        _DYNAMIC_ASSERT_(item_count <= mEnd - mRis);
+
+    // With lists, the layout is fixed when every list is as long as in the
+    // first item (triangles, quads): checked on the counts alone, before
+    // anything is stored. Otherwise items are read one by one.
+    bool uniform = fixed;
+    if (!fixed) {
+        uniform = true;
+        item_width = 0;
+        for (INDEX p = 0; p < property_count && uniform; ++p) {
+            const PROPERTY &property = mProperty[element.mProperty[p]];
+            const INDEX width = width_of(property.mType);
+            if (property.mListType != VAR_NONE) {
+                const INDEX count_width = width_of(property.mListType);
+                uniform = count_width <= mEnd - mRis - item_width;
+                if (!uniform)
+                    break;
+                const ORN::int64 list_count = load_count<SWAP>(property.mListType, mRis + item_width);
+                uniform = list_count >= 0 && list_count <= (mEnd - mRis - item_width - count_width) / width;
+                if (!uniform)
+                    break;
+                count_offset[p] = item_width;
+                length[p] = list_count;
+                item_width += count_width;
+            }
+            offset[p] = item_width;
+            item_width += width * length[p];
+        }
+        uniform = uniform && item_count <= (mEnd - mRis) / item_width;
+        for (INDEX p = 0; p < property_count && uniform; ++p) {
+            const INDEX list_type = mProperty[element.mProperty[p]].mListType;
+            if (list_type == VAR_NONE)
+                continue;
+            const unsigned char *at = mRis + count_offset[p];
+            for (INDEX i = 1; i < item_count && uniform; ++i)
+                uniform = load_count<SWAP>(list_type, at + i * item_width) == length[p];
+        }
+    }
+
+    ORN::Array<unsigned char *> target(property_count);
+    for (INDEX p = 0; p < property_count; ++p) {
+        const PROPERTY &property = mProperty[element.mProperty[p]];
+        if (property.mListType != VAR_NONE && !uniform)
+            continue;
+        const INDEX stored = item_count * length[p];
+        COLUMN &column = columns[p];
+        if (property.mListType != VAR_NONE) {
+            column.mStride = length[p];
+            column.mUsed = stored;
+        }
+        switch (storage_class(property.mType)) {
+        case 1:
+            column.mValue = ORN::Buffer<double>(stored);
+            target[p] = reinterpret_cast<unsigned char *>(column.mValue.data());
+            break;
+        case 2:
+            column.mIndex = ORN::Buffer<ORN::int64>(stored);
+            target[p] = reinterpret_cast<unsigned char *>(column.mIndex.data());
+            break;
+        default:
+            column.mByte = ORN::Buffer<ORN::uint64>(stored);
+            target[p] = reinterpret_cast<unsigned char *>(column.mByte.data());
+            break;
+        }
+    }
+
+    if (uniform) {
+        for (INDEX first = 0; first < item_count; first += DECODE_BLOCK) {
+            const INDEX count = item_count - first < DECODE_BLOCK ? item_count - first : DECODE_BLOCK;
+            const unsigned char *block = mRis + first * item_width;
+            for (INDEX p = 0; p < property_count; ++p) {
+                const INDEX n = length.data()[p];
+                const INDEX width = width_of(mProperty.data()[element.mProperty.data()[p]].mType);
+                for (INDEX k = 0; k < n; ++k)
+                    decode.data()[p](block + offset.data()[p] + k * width, item_width, count,
+                                     target.data()[p] + (first * n + k) * 8, n);
+            }
+        }
+        mRis += item_count * item_width;
+        return;
+    }
+
+    for (INDEX i = 0; i < item_count; ++i) {
+        for (INDEX p = 0; p < property_count; ++p) {
+            const PROPERTY &property = mProperty.data()[element.mProperty.data()[p]];
+            if (property.mListType == VAR_NONE) {
+                const INDEX width = width_of(property.mType);
+                _DYNAMIC_ASSERT_(width <= mEnd - mRis);
+                decode.data()[p](mRis, 0, 1, target.data()[p] + i * 8, 1);
+                mRis += width;
+                continue;
+            }
+            const INDEX count_width = width_of(property.mListType);
+            _DYNAMIC_ASSERT_(count_width <= mEnd - mRis);
+            const ORN::int64 list_count = load_count<SWAP>(property.mListType, mRis);
+            mRis += count_width;
+            const INDEX width = width_of(property.mType);
+            _DYNAMIC_ASSERT_(list_count >= 0);
+            _DYNAMIC_ASSERT_(list_count <= (mEnd - mRis) / width);
+            const INDEX room = (mEnd - mRis) / width;
+            COLUMN &column = columns.data()[p];
+            void *values = nullptr;
+            switch (storage_class(property.mType)) {
+            case 1: values = column.append_list<double>(i, list_count, item_count, room); break;
+            case 2: values = column.append_list<ORN::int64>(i, list_count, item_count, room); break;
+            default: values = column.append_list<ORN::uint64>(i, list_count, item_count, room); break;
+            }
+            decode.data()[p](mRis, width, list_count, values, 1);
+            mRis += list_count * width;
+        }
+    }
+}
+
+INDEX PlyReader::Implement::find_element(const ORN::String<char> &name) const {
+    const auto it = mElementMap.find(name);
+    return it == mElementMap.end() ? VAR_NONE : it->second;
+}
+
+INDEX PlyReader::Implement::element_size(INDEX element_index) const { return mElement[element_index].mSize; }
+
+INDEX PlyReader::Implement::find_property(INDEX element_index, const ORN::String<char> &name) const {
+    const ELEMENT &element = mElement[element_index];
+    const auto it = element.mPropertyMap.find(name);
+    return it == element.mPropertyMap.end() ? VAR_NONE : it->second;
+}
+
+const PlyReader::Implement::COLUMN &PlyReader::Implement::item_column(INDEX element_index, INDEX property_index, INDEX item_index) const {
+    _DYNAMIC_ASSERT_(item_index >= 0 && item_index < mElement[element_index].mSize);
+    return mColumn[element_index][property_index];
+}
+
+const double &PlyReader::Implement::get_value(INDEX element_index, INDEX property_index, INDEX item_index) const {
+    _DYNAMIC_ASSERT_(mBodyType[element_index][property_index] == PLYREADER_BODY_TYPE_VALUE);
+    return item_column(element_index, property_index, item_index).mValue.data()[item_index];
+}
+
+PlyReader::VALUE_LIST PlyReader::Implement::get_value_list(INDEX element_index, INDEX property_index, INDEX item_index) const {
+    _DYNAMIC_ASSERT_(mBodyType[element_index][property_index] == PLYREADER_BODY_TYPE_VALUE_LIST);
+    return item_column(element_index, property_index, item_index).list<double>(item_index);
+}
+
+const ORN::int64 &PlyReader::Implement::get_index(INDEX element_index, INDEX property_index, INDEX item_index) const {
+    _DYNAMIC_ASSERT_(mBodyType[element_index][property_index] == PLYREADER_BODY_TYPE_INDEX);
+    return item_column(element_index, property_index, item_index).mIndex.data()[item_index];
+}
+
+PlyReader::INDEX_LIST PlyReader::Implement::get_index_list(INDEX element_index, INDEX property_index, INDEX item_index) const {
+    _DYNAMIC_ASSERT_(mBodyType[element_index][property_index] == PLYREADER_BODY_TYPE_INDEX_LIST);
+    return item_column(element_index, property_index, item_index).list<ORN::int64>(item_index);
+}
+
+const ORN::uint64 &PlyReader::Implement::get_byte(INDEX element_index, INDEX property_index, INDEX item_index) const {
+    _DYNAMIC_ASSERT_(mBodyType[element_index][property_index] == PLYREADER_BODY_TYPE_BYTE);
+    return item_column(element_index, property_index, item_index).mByte.data()[item_index];
+}
+
+PlyReader::BYTE_LIST PlyReader::Implement::get_byte_list(INDEX element_index, INDEX property_index, INDEX item_index) const {
+    _DYNAMIC_ASSERT_(mBodyType[element_index][property_index] == PLYREADER_BODY_TYPE_BYTE_LIST);
+    return item_column(element_index, property_index, item_index).list<ORN::uint64>(item_index);
+}
+
+// ---------------------------------------------------------------------------
+
+PlyReader::PlyReader(const ORN::String<char> &path) : mThis(ORN::StrongRef<Implement>::make(path)) {}
+
+void PlyReader::check_avaliable(const ORN::StrongRef<Abstract> &pointer) { _DYNAMIC_ASSERT_(pointer.exist ()); }
+
+INDEX PlyReader::find_element(const ORN::String<char> &name) const {
+    check_avaliable(mThis);
+    return mThis.get()->find_element(name);
+}
+
+INDEX PlyReader::element_size(INDEX element_index) const {
+    check_avaliable(mThis);
+    return mThis.get()->element_size(element_index);
+}
+
+INDEX PlyReader::find_property(INDEX element_index, const ORN::String<char> &name) const {
+    check_avaliable(mThis);
+    return mThis.get()->find_property(element_index, name);
+}
+
+const double &PlyReader::get_value(INDEX element_index, INDEX property_index, INDEX item_index) const {
+    check_avaliable(mThis);
+    return mThis.get()->get_value(element_index, property_index, item_index);
+}
+
+PlyReader::VALUE_LIST PlyReader::get_value_list(INDEX element_index, INDEX property_index, INDEX item_index) const {
+    check_avaliable(mThis);
+    return mThis.get()->get_value_list(element_index, property_index, item_index);
+}
+
+const ORN::int64 &PlyReader::get_index(INDEX element_index, INDEX property_index, INDEX item_index) const {
+    check_avaliable(mThis);
+    return mThis.get()->get_index(element_index, property_index, item_index);
+}
+
+PlyReader::INDEX_LIST PlyReader::get_index_list(INDEX element_index, INDEX property_index, INDEX item_index) const {
+    check_avaliable(mThis);
+    return mThis.get()->get_index_list(element_index, property_index, item_index);
+}
+
+const ORN::uint64 &PlyReader::get_byte(INDEX element_index, INDEX property_index, INDEX item_index) const {
+    check_avaliable(mThis);
+    return mThis.get()->get_byte(element_index, property_index, item_index);
+}
+
+PlyReader::BYTE_LIST PlyReader::get_byte_list(INDEX element_index, INDEX property_index, INDEX item_index) const {
+    check_avaliable(mThis);
+    return mThis.get()->get_byte_list(element_index, property_index, item_index);
+}
+
+} // namespace ZARN
