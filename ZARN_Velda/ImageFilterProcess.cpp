@@ -18,13 +18,6 @@ class ImageFilterProcess::Private::Implement final : public Frame::ProcessImplem
         }
     };
 
-    using VAR_mWorkingPath = Frame::VAR_mWorkingPath;
-    using CON_mSettingXml = Frame::CON_mSettingXml<Implement>;
-    using CON_mSplitDataJson = Frame::CON_mSplitDataJson<Implement>;
-    using CON_mSetting = Frame::CON_mSetting<Implement>;
-    using CON_mEnableProcess = Frame::CON_mEnableProcess<Implement>;
-    using ACT_mWorkingPath = Frame::ACT_mWorkingPath<Implement>;
-
     using ACTIONS = Frame::Actions<ACT_mWorkingPath>;
 };
 

@@ -143,6 +143,14 @@ private:
 template <class P>
 class ProcessImplement : public Process {
 public:
+    // The common nodes, under the names a process's own nodes use.
+    using VAR_mWorkingPath = Frame::VAR_mWorkingPath;
+    using CON_mSettingXml = Frame::CON_mSettingXml<P>;
+    using CON_mSetting = Frame::CON_mSetting<P>;
+    using CON_mSplitDataJson = Frame::CON_mSplitDataJson<P>;
+    using CON_mEnableProcess = Frame::CON_mEnableProcess<P>;
+    using ACT_mWorkingPath = Frame::ACT_mWorkingPath<P>;
+
     ORN::String<char> mWorkingPath;
     ORN::String<char> mWorkingName;
     bool mEnableProcess = false;
@@ -152,7 +160,7 @@ public:
     // runs.
     ORN::String<char> graph_dot(const ORN::String<char> &working_path) {
         mWorkingPath = working_path;
-        mSyntaxTree.stack<CON_mEnableProcess<P>>();
+        mSyntaxTree.stack<CON_mEnableProcess>();
         mSyntaxTree.redo<VAR_mWorkingPath>(mWorkingPath);
         P::ACTIONS::stack(mSyntaxTree);
         return mSyntaxTree.to_dot();
@@ -171,7 +179,7 @@ protected:
 
     // Everything of `initialize` after the working name is set and checked.
     bool initialize_graph() {
-        const auto &enable = mSyntaxTree.stack<CON_mEnableProcess<P>>();
+        const auto &enable = mSyntaxTree.stack<CON_mEnableProcess>();
         mSyntaxTree.redo<VAR_mWorkingPath>(mWorkingPath);
         mSyntaxTree.play();
         mEnableProcess = enable.mSelf;

@@ -298,13 +298,6 @@ class VeldaMainProcess::Private::Implement final : public Frame::ProcessImplemen
         "results/ar",
     };
 
-    using VAR_mWorkingPath = Frame::VAR_mWorkingPath;
-    using CON_mSettingXml = Frame::CON_mSettingXml<Implement>;
-    using CON_mSplitDataJson = Frame::CON_mSplitDataJson<Implement>;
-    using CON_mSetting = Frame::CON_mSetting<Implement>;
-    using CON_mEnableProcess = Frame::CON_mEnableProcess<Implement>;
-    using ACT_mWorkingPath = Frame::ACT_mWorkingPath<Implement>;
-
     // The library, opened and linked when the node plays (declaring the graph
     // touches nothing).
     struct CON_mVeldaHandle {

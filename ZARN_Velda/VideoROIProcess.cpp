@@ -7,12 +7,6 @@ namespace ZARN {
 class VideoROIProcess::Private::Implement final : public Frame::ProcessImplement<Implement> {
     ZARN_PROCESS_IMPLEMENT(VideoROIProcess)
 
-    using VAR_mWorkingPath = Frame::VAR_mWorkingPath;
-    using CON_mSettingXml = Frame::CON_mSettingXml<Implement>;
-    using CON_mSplitDataJson = Frame::CON_mSplitDataJson<Implement>;
-    using CON_mEnableProcess = Frame::CON_mEnableProcess<Implement>;
-    using ACT_mWorkingPath = Frame::ACT_mWorkingPath<Implement>;
-
     using ACTIONS = Frame::Actions<ACT_mWorkingPath>;
 };
 

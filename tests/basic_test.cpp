@@ -2,20 +2,15 @@
 #include "__ORN__/orn_array.h"
 #include "__ORN__/orn_basic.h"
 
+#include "support.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
 
 namespace {
 
-std::string failure_of(const auto &f) {
-    try {
-        f();
-    } catch (const ORN::Exception &e) {
-        return e.what();
-    }
-    return "";
-}
+using zarn_test::failure_of;
 
 int checked_half(int x) {
     _DYNAMIC_ASSERT_(x % 2 == 0);

@@ -5,6 +5,8 @@
 #include "__ORN__/orn_runtime.h"
 #include "ZARN_Common/STLStreamLogger.h"
 
+#include "support.h"
+
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -24,36 +26,7 @@
 
 namespace {
 
-class TempDir {
-public:
-    TempDir() {
-        char pattern[] = "/tmp/zarn_console_XXXXXX";
-        mPath = ::mkdtemp(pattern);
-    }
-    ~TempDir() { std::filesystem::remove_all(mPath); }
-    std::string operator/(const std::string &name) const { return mPath + "/" + name; }
-    const std::string &path() const { return mPath; }
-
-private:
-    std::string mPath;
-};
-
-std::string read_text(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-void write_text(const std::string &path, const std::string &text) { std::ofstream(path, std::ios::binary) << text; }
-
-std::vector<std::string> lines_of(const std::string &text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
-}
+using namespace zarn_test;
 
 // Sends file descriptor 1 to another file for the life of the object.
 class Redirect {
@@ -81,7 +54,7 @@ public:
     ~CaptureStdout() { ::close(mFd); }
     std::string text() const {
         std::fflush(stdout);
-        return read_text(mPath);
+        return read_file(mPath);
     }
 
 private:
@@ -144,7 +117,7 @@ TEST(Console, WithoutLogOnlyPlainLinesReachStandardOutput) {
     EXPECT_EQ(text, "print 1\nfatal 2.5\nerror -3 true\nwarn\ninfo 0.1 1e+300\ndebug\n\n");
     EXPECT_FALSE(service.log_attached());
     // Nothing but the captured output was written anywhere.
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.str()), {}), 1);
 }
 
 TEST(Console, ColoursOnlyOnATerminalWithoutNoColor) {
@@ -194,15 +167,15 @@ TEST(Console, ColoursOnlyOnATerminalWithoutNoColor) {
 
 TEST(ConsoleLog, RotationKeepsOneGenerationAndFormatsLines) {
     TempDir dir;
-    write_text(dir / "console.log", "previous run\n");
-    write_text(dir / "console.old.log", "run before that\n");
+    write_file(dir / "console.log", "previous run\n");
+    write_file(dir / "console.old.log", "run before that\n");
     ORN::ConsoleService service;
     {
         CaptureStdout capture(dir / "stdout");
-        service.attach_log(dir.path());
+        service.attach_log(dir.str());
         EXPECT_TRUE(service.log_attached());
-        EXPECT_EQ(service.log_directory(), dir.path());
-        EXPECT_EQ(read_text(dir / "console.log"), "");
+        EXPECT_EQ(service.log_directory(), dir.str());
+        EXPECT_EQ(read_file(dir / "console.log"), "");
         service.info("msg");
         service.fatal("n = ", 42);
         service.write_log_file("VERBOSE", "direct");
@@ -211,9 +184,9 @@ TEST(ConsoleLog, RotationKeepsOneGenerationAndFormatsLines) {
         EXPECT_EQ(capture.text(), "msg\nn = 42\nafter detach\n");
     }
     EXPECT_FALSE(service.log_attached());
-    EXPECT_EQ(read_text(dir / "console.old.log"), "previous run\n");
-    const auto lines = lines_of(read_text(dir / "console.log"));
-    ASSERT_EQ(lines.size(), 3u) << read_text(dir / "console.log");
+    EXPECT_EQ(read_file(dir / "console.old.log"), "previous run\n");
+    const auto lines = lines_of(read_file(dir / "console.log"));
+    ASSERT_EQ(lines.size(), 3u) << read_file(dir / "console.log");
     EXPECT_EQ(parse_log_line(lines[0]), std::make_pair(std::string("INFO"), std::string("msg"))) << lines[0];
     EXPECT_EQ(parse_log_line(lines[1]), std::make_pair(std::string("FATAL"), std::string("n = 42"))) << lines[1];
     EXPECT_EQ(parse_log_line(lines[2]), std::make_pair(std::string("VERBOSE"), std::string("direct"))) << lines[2];
@@ -223,10 +196,10 @@ TEST(ConsoleLog, RotationKeepsOneGenerationAndFormatsLines) {
     // A second attach rotates this run's log in turn; a missing directory is
     // created.
     service.attach_log(dir / "sub/logs");
-    service.attach_log(dir.path());
+    service.attach_log(dir.str());
     service.detach_log();
-    EXPECT_EQ(lines_of(read_text(dir / "console.old.log")).size(), 3u);
-    EXPECT_EQ(read_text(dir / "console.log"), "");
+    EXPECT_EQ(lines_of(read_file(dir / "console.old.log")).size(), 3u);
+    EXPECT_EQ(read_file(dir / "console.log"), "");
     EXPECT_TRUE(std::filesystem::is_regular_file(dir / "sub/logs/console.log"));
 }
 
@@ -239,7 +212,7 @@ TEST(ConsoleLog, ConcurrentWritersProduceWholeLinesInPerThreadOrder) {
     std::string out;
     {
         CaptureStdout capture(dir / "stdout");
-        service.attach_log(dir.path());
+        service.attach_log(dir.str());
         std::vector<std::thread> threads;
         for (int t = 0; t < kThreads; ++t)
             threads.emplace_back([&, t] {
@@ -264,7 +237,7 @@ TEST(ConsoleLog, ConcurrentWritersProduceWholeLinesInPerThreadOrder) {
     };
     check(lines_of(out));
     std::vector<std::string> logged;
-    for (const auto &line : lines_of(read_text(dir / "console.log"))) {
+    for (const auto &line : lines_of(read_file(dir / "console.log"))) {
         const auto [tag, message] = parse_log_line(line);
         EXPECT_EQ(tag, "INFO") << line;
         logged.push_back(message);
@@ -282,7 +255,7 @@ TEST(ConsoleStreams, LoggerRoutesCoutAndCerrAndRestoresThem) {
     std::string out;
     {
         CaptureStdout capture(dir / "stdout");
-        service.attach_log(dir.path());
+        service.attach_log(dir.str());
         {
             ZARN::STLStreamLogger logger(service);
             EXPECT_NE(std::cout.rdbuf(), cout_buffer);
@@ -301,7 +274,7 @@ TEST(ConsoleStreams, LoggerRoutesCoutAndCerrAndRestoresThem) {
     }
     EXPECT_EQ(out, "from cout 42\nerr 1\ntwo\nlines\npartial\nafter\n");
     std::vector<std::pair<std::string, std::string>> logged;
-    for (const auto &line : lines_of(read_text(dir / "console.log")))
+    for (const auto &line : lines_of(read_file(dir / "console.log")))
         logged.push_back(parse_log_line(line));
     const std::vector<std::pair<std::string, std::string>> expected = {
         {"PRINT", "from cout 42"}, {"ERROR", "err 1"}, {"PRINT", "two"}, {"PRINT", "lines"}, {"PRINT", "partial"}};

@@ -3,6 +3,8 @@
 #include "__ORN__/orn_filesystem.h"
 #include "__ORN__/orn_runtime.h"
 
+#include "support.h"
+
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -16,47 +18,14 @@
 
 namespace {
 
-using FS = ORN::FileSystemProc;
+using namespace zarn_test;
 
-std::string failure_of(const auto &f) {
-    try {
-        f();
-    } catch (const ORN::Exception &e) {
-        return e.what();
-    }
-    return "";
-}
+using FS = ORN::FileSystemProc;
 
 // The assertion text up to the line number.
 std::string assertion(const std::string &condition, const std::string &function) {
     return "dynamic_assert failed : " + condition + " : at " + function + " in __ORN__/orn_filesystem.cpp ,";
 }
-
-
-bool starts_with(const std::string &text, const std::string &prefix) { return text.rfind(prefix, 0) == 0; }
-
-class TempDir {
-public:
-    TempDir() {
-        char pattern[] = "/tmp/zarn_fs_XXXXXX";
-        mPath = ::mkdtemp(pattern);
-    }
-    ~TempDir() { std::filesystem::remove_all(mPath); }
-    std::string operator/(const std::string &name) const { return mPath + "/" + name; }
-    const std::string &path() const { return mPath; }
-
-private:
-    std::string mPath;
-};
-
-std::string read_text(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-void write_text(const std::string &path, const std::string &text) { std::ofstream(path, std::ios::binary) << text; }
 
 ino_t inode_of(const std::string &path) {
     struct stat st {};
@@ -76,19 +45,19 @@ private:
 
 TEST(FileSystemLoadSave, RoundTripsBytesAndEmptyFileGivesEmptyBuffer) {
     TempDir dir;
-    write_text(dir / "empty", "");
+    write_file(dir / "empty", "");
     const auto empty = FS::load_file(dir / "empty");
     EXPECT_TRUE(empty.empty());
     EXPECT_EQ(empty.size(), 0);
 
     const std::string bytes("a\0b\xff\n\r", 6);
     FS::save_file(dir / "bin", ORN::Buffer<unsigned char>::from_text(bytes));
-    EXPECT_EQ(read_text(dir / "bin"), bytes);
+    EXPECT_EQ(read_file(dir / "bin"), bytes);
     EXPECT_EQ(FS::load_file(dir / "bin").text(), bytes);
 
     // Saving truncates a longer file; the text form writes the same bytes.
     FS::save_file(dir / "bin", std::string_view("xy"));
-    EXPECT_EQ(read_text(dir / "bin"), "xy");
+    EXPECT_EQ(read_file(dir / "bin"), "xy");
     FS::save_file(dir / "bin", ORN::Buffer<unsigned char>());
     EXPECT_EQ(std::filesystem::file_size(dir / "bin"), 0u);
 }
@@ -97,7 +66,7 @@ TEST(FileSystemLoadSave, MissingFileOrDirectoryFailsOnTheSizeCheck) {
     TempDir dir;
     const std::string expected = assertion("r2x >= 0 && r2x < load_file_size ()",
                                            "static ORN::Buffer<unsigned char> ORN::FileSystemProc::load_file()");
-    for (const std::string &path : {dir / "missing", dir.path()}) {
+    for (const std::string &path : {dir / "missing", dir.str()}) {
         const std::string text = failure_of([&] { FS::load_file(path); });
         // The parameter list is the compiler's own spelling; compare around it
         // and up to the line number.
@@ -118,15 +87,15 @@ TEST(FileSystemLoadSave, SaveIntoMissingDirectoryFailsOnR3x) {
 
 TEST(FileSystemQuery, FindFileAndFindDirectoryTellThemApart) {
     TempDir dir;
-    write_text(dir / "f", "1");
+    write_file(dir / "f", "1");
     EXPECT_TRUE(FS::find_file(dir / "f"));
     EXPECT_FALSE(FS::find_directory(dir / "f"));
-    EXPECT_TRUE(FS::find_directory(dir.path()));
-    EXPECT_FALSE(FS::find_file(dir.path()));
+    EXPECT_TRUE(FS::find_directory(dir.str()));
+    EXPECT_FALSE(FS::find_file(dir.str()));
     EXPECT_FALSE(FS::find_file(dir / "missing"));
     EXPECT_FALSE(FS::find_directory(dir / "missing"));
     // Trailing separators name the directory too.
-    EXPECT_TRUE(FS::find_directory(dir.path() + "/"));
+    EXPECT_TRUE(FS::find_directory(dir.str() + "/"));
 
     FS::erase_file(dir / "f");
     EXPECT_FALSE(FS::find_file(dir / "f"));
@@ -136,13 +105,13 @@ TEST(FileSystemQuery, FindFileAndFindDirectoryTellThemApart) {
 TEST(FileSystemDirectory, BuildsMissingLevelsOfRelativeAndAbsolutePaths) {
     TempDir dir;
     ::mkdir((dir / "one").c_str(), 0777);
-    write_text(dir / "one/keep", "kept");
+    write_file(dir / "one/keep", "kept");
     {
-        ScopedChdir in(dir.path());
+        ScopedChdir in(dir.str());
         FS::build_directory("one\\two/three");
         EXPECT_TRUE(FS::find_directory("one/two"));
         EXPECT_TRUE(FS::find_directory("one/two/three"));
-        EXPECT_EQ(read_text("one/keep"), "kept");
+        EXPECT_EQ(read_file("one/keep"), "kept");
     }
     FS::build_directory(dir / "abs/a/b/");
     EXPECT_TRUE(FS::find_directory(dir / "abs/a/b"));
@@ -169,38 +138,38 @@ TEST(FileSystemDirectory, DecouplesOnBothSeparatorsKeepingDriveAndRoot) {
 
 TEST(FileSystemLink, CreatesTheSameFileAndRefusesAnExistingDestination) {
     TempDir dir;
-    write_text(dir / "src", "source");
-    write_text(dir / "dst", "destination");
+    write_file(dir / "src", "source");
+    write_file(dir / "dst", "destination");
     const std::string text = failure_of([&] { FS::link_file(dir / "src", dir / "dst"); });
     EXPECT_TRUE(starts_with(text, "dynamic_assert failed : !r1x : at static void ORN::FileSystemProc::link_file(")) << text;
-    EXPECT_EQ(read_text(dir / "src"), "source");
-    EXPECT_EQ(read_text(dir / "dst"), "destination");
+    EXPECT_EQ(read_file(dir / "src"), "source");
+    EXPECT_EQ(read_file(dir / "dst"), "destination");
     EXPECT_NE(inode_of(dir / "src"), inode_of(dir / "dst"));
 
     FS::link_file(dir / "src", dir / "linked");
     EXPECT_EQ(inode_of(dir / "src"), inode_of(dir / "linked"));
-    EXPECT_EQ(read_text(dir / "linked"), "source");
+    EXPECT_EQ(read_file(dir / "linked"), "source");
     EXPECT_TRUE(FS::identical_file(dir / "src", dir / "linked"));
 }
 
 TEST(FileSystemMove, RenamesAndRefusesAnExistingDestination) {
     TempDir dir;
-    write_text(dir / "a", "A");
-    write_text(dir / "b", "B");
+    write_file(dir / "a", "A");
+    write_file(dir / "b", "B");
     const std::string text = failure_of([&] { FS::move_file(dir / "a", dir / "b"); });
     EXPECT_TRUE(starts_with(text, "dynamic_assert failed : !r1x : at static void ORN::FileSystemProc::move_file(")) << text;
-    EXPECT_EQ(read_text(dir / "a"), "A");
-    EXPECT_EQ(read_text(dir / "b"), "B");
+    EXPECT_EQ(read_file(dir / "a"), "A");
+    EXPECT_EQ(read_file(dir / "b"), "B");
 
     FS::move_file(dir / "a", dir / "c");
     EXPECT_FALSE(FS::find_file(dir / "a"));
-    EXPECT_EQ(read_text(dir / "c"), "A");
+    EXPECT_EQ(read_file(dir / "c"), "A");
 }
 
 TEST(FileSystemIdentity, HardLinkAndSymlinkAreIdenticalCopiesAndMissingFilesAreNot) {
     TempDir dir;
-    write_text(dir / "f", "same");
-    write_text(dir / "copy", "same");
+    write_file(dir / "f", "same");
+    write_file(dir / "copy", "same");
     ::link((dir / "f").c_str(), (dir / "hard").c_str());
     ::symlink((dir / "f").c_str(), (dir / "soft").c_str());
     EXPECT_TRUE(FS::identical_file(dir / "f", dir / "f"));
@@ -213,7 +182,7 @@ TEST(FileSystemIdentity, HardLinkAndSymlinkAreIdenticalCopiesAndMissingFilesAreN
 
 TEST(FileSystemStream, WriteAppendsToExistingFileAndReadCreatesMissingOne) {
     TempDir dir;
-    write_text(dir / "log", "first\n");
+    write_file(dir / "log", "first\n");
     {
         auto out = ORN::StreamLoader::open_write(dir / "log");
         auto copy = out; // shared: the file stays open while a copy lives
@@ -222,7 +191,7 @@ TEST(FileSystemStream, WriteAppendsToExistingFileAndReadCreatesMissingOne) {
         copy.write("third\n", 6);
         copy.flush();
     }
-    EXPECT_EQ(read_text(dir / "log"), "first\nsecond\nthird\n");
+    EXPECT_EQ(read_file(dir / "log"), "first\nsecond\nthird\n");
 
     auto in = ORN::StreamLoader::open_read(dir / "log");
     ORN::Buffer<unsigned char> part(6);
@@ -247,12 +216,12 @@ TEST(FileSystemWriter, TinyBufferKeepsOrderAndWritesOnFillFlushAndDestruction) {
         ORN::FileWriter writer(ORN::StreamLoader::open_write(path), 4);
         EXPECT_EQ(writer.buffer_size(), 4);
         writer.write("ab");
-        EXPECT_EQ(read_text(path), ""); // still in the buffer
+        EXPECT_EQ(read_file(path), ""); // still in the buffer
         writer.write("cd");
         writer.write("e"); // does not fit: "abcd" goes out first
-        EXPECT_EQ(read_text(path), "abcd");
+        EXPECT_EQ(read_file(path), "abcd");
         writer.write("0123456789"); // larger than the buffer: straight through after "e"
-        EXPECT_EQ(read_text(path), "abcde0123456789");
+        EXPECT_EQ(read_file(path), "abcde0123456789");
         for (int i = 0; i < 50; ++i) {
             const std::string piece(static_cast<std::size_t>(i % 7), static_cast<char>('A' + i % 26));
             writer.write(piece);
@@ -260,10 +229,10 @@ TEST(FileSystemWriter, TinyBufferKeepsOrderAndWritesOnFillFlushAndDestruction) {
         }
         writer.write("z");
         writer.flush();
-        EXPECT_EQ(read_text(path), "abcde0123456789" + expected + "z");
+        EXPECT_EQ(read_file(path), "abcde0123456789" + expected + "z");
         writer.write("tail");
     }
-    EXPECT_EQ(read_text(path), "abcde0123456789" + expected + "ztail");
+    EXPECT_EQ(read_file(path), "abcde0123456789" + expected + "ztail");
 }
 
 TEST(FileSystemPaths, WorkingAndModulePathsEndWithSeparator) {
@@ -283,10 +252,10 @@ TEST(FileSystemExec, ReturnsExitCodesOfTheChild) {
     EXPECT_EQ(ORN::GlobalRuntime::system_exec("kill -9 $$"), 128 + 9);
     // The child runs in the current directory and is waited for.
     {
-        ScopedChdir in(dir.path());
+        ScopedChdir in(dir.str());
         EXPECT_EQ(ORN::GlobalRuntime::system_exec("sleep 0.1; printf done > marker"), 0);
     }
-    EXPECT_EQ(read_text(dir / "marker"), "done");
+    EXPECT_EQ(read_file(dir / "marker"), "done");
 }
 
 } // namespace

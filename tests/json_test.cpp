@@ -1,6 +1,8 @@
 // JSON reading (ORN::JsonParser) and writing (ORN::JsonWriter, json_escape).
 #include "__ORN__/orn_serialization.h"
 
+#include "support.h"
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -10,16 +12,9 @@
 
 namespace {
 
-using ORN::JsonParser;
+using zarn_test::failure_of;
 
-std::string failure_of(const auto &f) {
-    try {
-        f();
-    } catch (const ORN::Exception &e) {
-        return e.what();
-    }
-    return "";
-}
+using ORN::JsonParser;
 
 // The parse of `text` fails with the assertion `condition` of the parser's
 // source file.

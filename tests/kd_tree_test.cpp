@@ -2,6 +2,8 @@
 // concurrent queries.
 #include "ZARN_Common/KD_Tree.h"
 
+#include "support.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,19 +15,12 @@
 
 namespace {
 
+using zarn_test::failure_of;
+
 using ORN::INDEX;
 using ORN::Vector;
 using ZARN::KD_Tree;
 using RESULT = ORN::Array<ORN::PACK<INDEX, double>>;
-
-std::string failure_of(const auto &f) {
-    try {
-        f();
-    } catch (const ORN::Exception &e) {
-        return e.what();
-    }
-    return "";
-}
 
 std::vector<Vector<double>> random_points(INDEX n, unsigned seed) {
     std::mt19937_64 rng(seed);

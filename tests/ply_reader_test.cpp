@@ -2,6 +2,8 @@
 // their exact assertion texts, typed access, and malformed bodies.
 #include "ZARN_Common/PlyReader.h"
 
+#include "support.h"
+
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -16,18 +18,11 @@
 
 namespace {
 
+using zarn_test::failure_of;
+
 namespace fs = std::filesystem;
 using ORN::INDEX;
 using ZARN::PlyReader;
-
-std::string failure_of(const auto &f) {
-    try {
-        f();
-    } catch (const ORN::Exception &e) {
-        return e.what();
-    }
-    return "";
-}
 
 // True when `text` is the assertion of `condition` raised in the reader's
 // source, inside a function whose signature contains `function`.

@@ -3,6 +3,8 @@
 // the two-run pattern of a process.
 #include "__ORN__/orn_functional.h"
 
+#include "support.h"
+
 #include <gtest/gtest.h>
 
 #include <map>
@@ -12,6 +14,8 @@
 #include <vector>
 
 namespace {
+
+using zarn_test::failure_of;
 
 using ORN::SyntaxTree;
 
@@ -49,15 +53,6 @@ void stack_all(SyntaxTree &tree) {
             tree.once([] { gLog.push_back(NAME); });                                                                   \
         }                                                                                                              \
     }
-
-std::string failure_of(const auto &f) {
-    try {
-        f();
-    } catch (const ORN::Exception &e) {
-        return e.what();
-    }
-    return "(no failure)";
-}
 
 // The assertion text of the evaluator for `condition`.
 void expect_assertion(const std::string &text, const std::string &condition) {

@@ -1,22 +1,17 @@
 // Settings documents read through ORN::XmlParser.
 #include "__ORN__/orn_serialization.h"
 
+#include "support.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
 
 namespace {
 
-using ORN::XmlParser;
+using zarn_test::failure_of;
 
-std::string failure_of(const auto &f) {
-    try {
-        f();
-    } catch (const ORN::Exception &e) {
-        return e.what();
-    }
-    return "";
-}
+using ORN::XmlParser;
 
 void expect_assertion(const std::string &what, const std::string &condition) {
     EXPECT_EQ(what.rfind("dynamic_assert failed : " + condition + " : at ", 0), 0u) << what;
