@@ -7,16 +7,7 @@ namespace ZARN {
 class ImageFilterProcess::Private::Implement final : public Frame::ProcessImplement<Implement> {
     ZARN_PROCESS_IMPLEMENT(ImageFilterProcess)
 
-    struct SETTING {
-        ORN::int64 mThreadConcurrency = 64; // number of worker threads
-        ORN::int64 mFileWriterBufferSize = 268435456; // size in bytes of the buffered file writer
-
-        template <class S, class F>
-        static void each(S &s, F &&f) {
-            f("mThreadConcurrency", s.mThreadConcurrency);
-            f("mFileWriterBufferSize", s.mFileWriterBufferSize);
-        }
-    };
+    using SETTING = Frame::WORKER_SETTING<64>;
 
     using ACTIONS = Frame::Actions<ACT_mWorkingPath>;
 };

@@ -41,6 +41,23 @@ void read_setting(const ORN::XmlParser &section, std::string_view key, T &field)
     field = section.child(key).value(field);
 }
 
+// Default size in bytes of the buffered file writer (256 MiB).
+inline constexpr ORN::int64 DEFAULT_FILE_WRITER_BUFFER_SIZE = 268435456;
+
+// The settings record of a process whose only keys are its worker count and
+// its file writer's buffer size, read in that order.
+template <ORN::int64 THREADS>
+struct WORKER_SETTING {
+    ORN::int64 mThreadConcurrency = THREADS;                             // number of worker threads
+    ORN::int64 mFileWriterBufferSize = DEFAULT_FILE_WRITER_BUFFER_SIZE; // size in bytes of the file writer's buffer
+
+    template <class S, class F>
+    static void each(S &s, F &&f) {
+        f("mThreadConcurrency", s.mThreadConcurrency);
+        f("mFileWriterBufferSize", s.mFileWriterBufferSize);
+    }
+};
+
 // ---------------------------------------------------------------------------
 // Common nodes. P is the process's Implement; P::NAME is its class name.
 

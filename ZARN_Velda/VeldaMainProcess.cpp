@@ -283,7 +283,7 @@ class VeldaMainProcess::Private::Implement final : public Frame::ProcessImplemen
     ZARN_PROCESS_IMPLEMENT(VeldaMainProcess)
 
     struct SETTING {
-        ORN::int64 mFileWriterBufferSize = 268435456; // size in bytes of the buffered file writer
+        ORN::int64 mFileWriterBufferSize = Frame::DEFAULT_FILE_WRITER_BUFFER_SIZE; // size in bytes of the buffered file writer
 
         template <class S, class F>
         static void each(S &s, F &&f) {

@@ -10,7 +10,7 @@ class VeldaMeshProcess::Private::Implement final : public Frame::ProcessImplemen
     struct SETTING {
         ORN::int64 mThreadConcurrency = 64; // number of worker threads
         ORN::int64 mPointCloudSearchCount = 8; // neighbour count of point-cloud searches
-        ORN::int64 mFileWriterBufferSize = 268435456; // size in bytes of the buffered file writer
+        ORN::int64 mFileWriterBufferSize = Frame::DEFAULT_FILE_WRITER_BUFFER_SIZE; // size in bytes of the buffered file writer
 
         template <class S, class F>
         static void each(S &s, F &&f) {

@@ -7,16 +7,8 @@ namespace ZARN {
 class VideoTransferProcess::Private::Implement final : public Frame::ProcessImplement<Implement> {
     ZARN_PROCESS_IMPLEMENT(VideoTransferProcess)
 
-    struct SETTING {
-        ORN::int64 mThreadConcurrency = 1; // number of worker threads (one: videos are transferred one at a time)
-        ORN::int64 mFileWriterBufferSize = 268435456; // size in bytes of the buffered file writer
-
-        template <class S, class F>
-        static void each(S &s, F &&f) {
-            f("mThreadConcurrency", s.mThreadConcurrency);
-            f("mFileWriterBufferSize", s.mFileWriterBufferSize);
-        }
-    };
+    // One worker: videos are transferred one at a time.
+    using SETTING = Frame::WORKER_SETTING<1>;
 
     using ACTIONS = Frame::Actions<ACT_mWorkingPath>;
 };

@@ -166,12 +166,15 @@ private:
 // 2 GiB); larger transfers are done in several calls.
 constexpr INDEX kTransferLimit = INDEX(1) << 30;
 
-// Reads up to `size` bytes; stops early only at the end of the file. False on
-// a read error; `done` holds the bytes read either way.
-bool read_fully(int fd, unsigned char *data, INDEX size, INDEX &done) noexcept {
+// Moves up to `size` bytes with read(2) or write(2), retrying after
+// interruptions; stops early only when the call moves nothing (the end of
+// the file, a full device). False on an error; `done` holds the bytes moved
+// either way.
+template <class CALL, class BYTE>
+bool transfer_fully(CALL call, int fd, BYTE *data, INDEX size, INDEX &done) noexcept {
     done = 0;
     while (done < size) {
-        const ssize_t n = ::read(fd, data + done, static_cast<std::size_t>(std::min(size - done, kTransferLimit)));
+        const ssize_t n = call(fd, data + done, static_cast<std::size_t>(std::min(size - done, kTransferLimit)));
         if (n < 0) {
             if (errno == EINTR)
                 continue;
@@ -184,22 +187,12 @@ bool read_fully(int fd, unsigned char *data, INDEX size, INDEX &done) noexcept {
     return true;
 }
 
-// Writes all `size` bytes unless the device refuses more. False on a write
-// error; `done` holds the bytes written either way.
+bool read_fully(int fd, unsigned char *data, INDEX size, INDEX &done) noexcept {
+    return transfer_fully(::read, fd, data, size, done);
+}
+
 bool write_fully(int fd, const unsigned char *data, INDEX size, INDEX &done) noexcept {
-    done = 0;
-    while (done < size) {
-        const ssize_t n = ::write(fd, data + done, static_cast<std::size_t>(std::min(size - done, kTransferLimit)));
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        if (n == 0)
-            break;
-        done += n;
-    }
-    return true;
+    return transfer_fully(::write, fd, data, size, done);
 }
 
 // Size of a regular file open at `fd`; -1 for an unopened descriptor or for
