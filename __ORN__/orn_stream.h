@@ -70,7 +70,8 @@ public:
     // before the line feed is not part of the line.
     std::string_view line() noexcept {
         const char *b = mRis;
-        const void *nl = std::memchr(mRis, '\n', static_cast<std::size_t>(remaining()));
+        const std::size_t left = mRis < mEnd ? static_cast<std::size_t>(mEnd - mRis) : 0;
+        const void *nl = left ? std::memchr(mRis, '\n', left) : nullptr;
         const char *e = nl ? static_cast<const char *>(nl) : mEnd;
         mRis = nl ? e + 1 : mEnd;
         if (e > b && e[-1] == '\r')
@@ -130,7 +131,7 @@ public:
     static void append_number(String<char> &out, T value) {
         char buffer[64];
         const auto r = std::to_chars(buffer, buffer + sizeof(buffer), value);
-        out.append(buffer, r.ptr);
+        out.append(std::string_view(buffer, static_cast<std::size_t>(r.ptr - buffer)));
     }
     template <class T>
     static String<char> number(T value) {
