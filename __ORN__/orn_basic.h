@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
+#include <new>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -180,27 +181,142 @@ private:
 };
 
 // Type-erased callable. Calling an empty one asserts "exist ()".
+//
+// A callable of up to three words (a lambda capturing `this` and two
+// references, say) is kept inside the object; a larger one on the heap. The
+// object is four words, like std::function, which keeps only two words in
+// place. Made from a null function pointer or an empty function, it is empty.
 template <class>
 class Function;
 
+namespace Private {
+template <class>
+struct IsStdFunction : std::false_type {};
+template <class S>
+struct IsStdFunction<std::function<S>> : std::true_type {};
+template <class>
+struct IsOwnFunction : std::false_type {};
+template <class S>
+struct IsOwnFunction<Function<S>> : std::true_type {};
+} // namespace Private
+
 template <class R, class... A>
 class Function<R(A...)> {
+    static constexpr std::size_t kInline = 3 * sizeof(void *);
+
+    // What the object does with the callable it holds; one table per type
+    // and place (in the object or on the heap).
+    struct OPS {
+        R (*mCall)(void *, A &&...);
+        void (*mCopy)(void *to, const void *from);
+        void (*mMove)(void *to, void *from) noexcept; // and destroys the source
+        void (*mDestroy)(void *) noexcept;
+        bool mPlain; // destroying runs no code
+    };
+    template <class F>
+    static constexpr bool kInPlace =
+        sizeof(F) <= kInline && alignof(F) <= alignof(void *) && std::is_nothrow_move_constructible_v<F>;
+
+    template <class F>
+    static R invoke(F &f, A &&...args) {
+        if constexpr (std::is_void_v<R>)
+            std::invoke(f, std::forward<A>(args)...);
+        else
+            return std::invoke(f, std::forward<A>(args)...);
+    }
+    template <class F>
+    struct InPlace {
+        static F &self(void *p) noexcept { return *std::launder(static_cast<F *>(p)); }
+        static R call(void *p, A &&...args) { return invoke(self(p), std::forward<A>(args)...); }
+        static void copy(void *to, const void *from) { ::new (to) F(*std::launder(static_cast<const F *>(from))); }
+        static void move(void *to, void *from) noexcept {
+            ::new (to) F(std::move(self(from)));
+            self(from).~F();
+        }
+        static void destroy(void *p) noexcept { self(p).~F(); }
+        static constexpr OPS kOps{&call, &copy, &move, &destroy, std::is_trivially_destructible_v<F>};
+    };
+    template <class F>
+    struct OnHeap {
+        static F *&self(void *p) noexcept { return *std::launder(static_cast<F **>(p)); }
+        static R call(void *p, A &&...args) { return invoke(*self(p), std::forward<A>(args)...); }
+        static void copy(void *to, const void *from) { ::new (to) F *(new F(**std::launder(static_cast<F *const *>(from)))); }
+        static void move(void *to, void *from) noexcept { ::new (to) F *(self(from)); }
+        static void destroy(void *p) noexcept { delete self(p); }
+        static constexpr OPS kOps{&call, &copy, &move, &destroy, false};
+    };
+
 public:
     Function() noexcept = default;
     Function(std::nullptr_t) noexcept {}
     template <class F, class = std::enable_if_t<!std::is_same_v<std::decay_t<F>, Function> &&
                                                 std::is_invocable_r_v<R, F &, A...>>>
-    Function(F &&f) : mCall(std::forward<F>(f)) {}
+    Function(F &&f) {
+        using D = std::decay_t<F>;
+        static_assert(std::is_copy_constructible_v<D>, "a function is copyable, so is what it holds");
+        if constexpr (std::is_pointer_v<D> || std::is_member_pointer_v<D>) {
+            if (f == nullptr)
+                return;
+        } else if constexpr (Private::IsStdFunction<D>::value) {
+            if (!f)
+                return;
+        } else if constexpr (Private::IsOwnFunction<D>::value) {
+            if (!f.exist())
+                return;
+        }
+        if constexpr (kInPlace<D>) {
+            ::new (static_cast<void *>(mBuffer)) D(std::forward<F>(f));
+            mOps = &InPlace<D>::kOps;
+        } else {
+            ::new (static_cast<void *>(mBuffer)) D *(new D(std::forward<F>(f)));
+            mOps = &OnHeap<D>::kOps;
+        }
+    }
+    Function(const Function &other) {
+        if (other.mOps) {
+            other.mOps->mCopy(mBuffer, other.mBuffer);
+            mOps = other.mOps;
+        }
+    }
+    Function(Function &&other) noexcept {
+        if (other.mOps) {
+            other.mOps->mMove(mBuffer, other.mBuffer);
+            mOps = std::exchange(other.mOps, nullptr);
+        }
+    }
+    Function &operator=(const Function &other) {
+        if (this != &other)
+            *this = Function(other);
+        return *this;
+    }
+    Function &operator=(Function &&other) noexcept {
+        if (this != &other) {
+            reset();
+            if (other.mOps) {
+                other.mOps->mMove(mBuffer, other.mBuffer);
+                mOps = std::exchange(other.mOps, nullptr);
+            }
+        }
+        return *this;
+    }
+    ~Function() { reset(); }
 
-    bool exist() const noexcept { return static_cast<bool>(mCall); }
+    bool exist() const noexcept { return mOps != nullptr; }
     R operator()(A... args) const {
         _DYNAMIC_ASSERT_(exist ());
-        return mCall(std::forward<A>(args)...);
+        return mOps->mCall(const_cast<unsigned char *>(mBuffer), std::forward<A>(args)...);
     }
-    void reset() noexcept { mCall = nullptr; }
+    void reset() noexcept {
+        if (const OPS *ops = std::exchange(mOps, nullptr))
+            ops->mDestroy(mBuffer);
+    }
+    // True when reset runs no code: empty, or holding in place a callable
+    // without a destructor (a lambda that captures pointers and references).
+    bool plain() const noexcept { return !mOps || mOps->mPlain; }
 
 private:
-    std::function<R(A...)> mCall;
+    alignas(void *) unsigned char mBuffer[kInline];
+    const OPS *mOps = nullptr;
 };
 
 // Owner with release: holds a plain value (a handle, a pointer) together with

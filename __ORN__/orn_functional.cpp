@@ -44,18 +44,146 @@ INDEX now_ns() noexcept {
 
 } // namespace
 
+// ---------------------------------------------------------------------------
+// EDGE_SET
+
+void SyntaxTree::EDGE_SET::release() noexcept {
+    if (on_heap()) {
+        delete[] mHeap.mItems;
+        delete[] mHeap.mTable;
+    }
+}
+
+INDEX SyntaxTree::EDGE_SET::push(INDEX item) {
+    if (mSize == mCapacity)
+        grow();
+    INDEX *items = on_heap() ? mHeap.mItems : mInline;
+    const std::uint32_t pos = mSize;
+    items[pos] = item;
+    ++mSize;
+    if (hashed()) {
+        const std::uint64_t mask = (std::uint64_t(1) << (64 - mHeap.mShift)) - 1;
+        std::uint64_t slot = home(item);
+        while (mHeap.mTable[slot] != -1)
+            slot = (slot + 1) & mask;
+        mHeap.mTable[slot] = static_cast<std::int32_t>(pos);
+    } else if (mSize > kLinear)
+        build_table();
+    return static_cast<INDEX>(pos);
+}
+
+void SyntaxTree::EDGE_SET::grow() {
+    _DYNAMIC_ASSERT_(mCapacity < 0x40000000u);
+    const std::uint32_t capacity = on_heap() ? 2 * mCapacity : 8;
+    INDEX *items = new INDEX[capacity];
+    std::copy(data(), data() + mSize, items);
+    const bool table = hashed();
+    release();
+    mHeap.mItems = items;
+    mHeap.mTable = nullptr;
+    mHeap.mShift = 0;
+    mCapacity = capacity;
+    if (table)
+        build_table();
+}
+
+// The index has at least twice as many slots as the items can be, so that
+// it stays at most half full until the next growth rebuilds it.
+void SyntaxTree::EDGE_SET::build_table() {
+    const int bits = std::bit_width(std::uint64_t(mCapacity) * 2 - 1);
+    const std::size_t slots = std::size_t(1) << bits;
+    auto *table = new std::int32_t[slots];
+    std::fill(table, table + slots, -1);
+    delete[] mHeap.mTable;
+    mHeap.mTable = table;
+    mHeap.mShift = static_cast<std::uint32_t>(64 - bits);
+    const std::uint64_t mask = slots - 1;
+    for (std::uint32_t i = 0; i < mSize; ++i) {
+        std::uint64_t slot = home(mHeap.mItems[i]);
+        while (table[slot] != -1)
+            slot = (slot + 1) & mask;
+        table[slot] = static_cast<std::int32_t>(i);
+    }
+}
+
+INDEX SyntaxTree::EDGE_SET::find_hashed(INDEX item) const noexcept {
+    const std::uint64_t mask = (std::uint64_t(1) << (64 - mHeap.mShift)) - 1;
+    for (std::uint64_t slot = home(item);; slot = (slot + 1) & mask) {
+        const std::int32_t pos = mHeap.mTable[slot];
+        if (pos == -1)
+            return VAR_NONE;
+        if (mHeap.mItems[pos] == item)
+            return pos;
+    }
+}
+
+bool SyntaxTree::EDGE_SET::erase(INDEX item) {
+    const INDEX found = find(item);
+    if (found == VAR_NONE)
+        return false;
+    const auto pos = static_cast<std::uint32_t>(found);
+    const std::uint32_t last = mSize - 1;
+    INDEX *items = on_heap() ? mHeap.mItems : mInline;
+    if (hashed()) {
+        std::int32_t *table = mHeap.mTable;
+        const std::uint64_t mask = (std::uint64_t(1) << (64 - mHeap.mShift)) - 1;
+        const auto slot_of = [&](std::uint32_t p) {
+            std::uint64_t slot = home(items[p]);
+            while (table[slot] != static_cast<std::int32_t>(p))
+                slot = (slot + 1) & mask;
+            return slot;
+        };
+        // Free the item's slot, shifting back the entries of its probe run
+        // that would no longer be reachable across the gap.
+        std::uint64_t gap = slot_of(pos);
+        for (std::uint64_t j = (gap + 1) & mask; table[j] != -1; j = (j + 1) & mask) {
+            const std::uint64_t k = home(items[table[j]]);
+            const bool stays = gap <= j ? (gap < k && k <= j) : (gap < k || k <= j);
+            if (!stays) {
+                table[gap] = table[j];
+                gap = j;
+            }
+        }
+        table[gap] = -1;
+        if (pos != last)
+            table[slot_of(last)] = static_cast<std::int32_t>(pos);
+    }
+    items[pos] = items[last];
+    --mSize;
+    return true;
+}
+
+// ---------------------------------------------------------------------------
+// Storage
+
+SyntaxTree::VALUE_ARENA::~VALUE_ARENA() {
+    for (unsigned char *block : mBlocks)
+        ::operator delete(static_cast<void *>(block), std::align_val_t(kAlign));
+}
+
+void SyntaxTree::VALUE_ARENA::next_block() {
+    mBlocks.reserve(mBlocks.size() + 1);
+    auto *block = static_cast<unsigned char *>(::operator new(kBlock, std::align_val_t(kAlign)));
+    mBlocks.push_back(block);
+    mNext = block;
+    mEnd = block + kBlock;
+}
+
 SyntaxTree::NODE_LIST::~NODE_LIST() {
-    for (INDEX i = 0; i < mSize; ++i)
-        locate(i)->~NODE();
+    if (!mEmptied)
+        for (INDEX i = 0; i < mSize; ++i)
+            locate(i)->~NODE();
     for (NODE *chunk : mChunks)
-        ::operator delete(static_cast<void *>(chunk));
+        if (chunk)
+            ::operator delete(static_cast<void *>(chunk), std::align_val_t(alignof(NODE)));
 }
 
 SyntaxTree::NODE &SyntaxTree::NODE_LIST::append() {
     const auto j = (static_cast<std::uint64_t>(mSize) >> kFirstBits) + 1;
     const int c = 63 - std::countl_zero(j);
     if (!mChunks[c])
-        mChunks[c] = static_cast<NODE *>(::operator new(sizeof(NODE) * (std::size_t(1) << (c + kFirstBits))));
+        mChunks[c] = static_cast<NODE *>(
+            ::operator new(sizeof(NODE) * (std::size_t(1) << (c + kFirstBits)), std::align_val_t(alignof(NODE))));
     NODE *slot = locate(mSize);
     new (slot) NODE();
     ++mSize;
@@ -69,17 +197,22 @@ SyntaxTree::SyntaxTree() : mSlots(16) {
 }
 
 SyntaxTree::~SyntaxTree() {
-    // Actions hold references into other values: they go first. Values then
-    // go in the reverse order of their completion, dependents before the
-    // values they were built on.
+    // Actions hold references into other values: they go first, with the
+    // edge sets. Values then go in the reverse order of their completion,
+    // dependents before the values they were built on. After that no node
+    // holds anything, and the node list lets its storage go as it is.
     for (INDEX i = 0; i < mTree.size(); ++i) {
         NODE &n = mTree[i];
         n.mOnceActor.reset();
         n.mActor.reset();
         n.mLater.reset();
+        n.mChild.clear();
+        n.mParent.clear();
+        n.mMaybe.clear();
     }
     for (INDEX k = mBuilt.size(); k-- > 0;)
         mTree[mBuilt[k]].mValue.reset();
+    mTree.emptied();
 }
 
 String<char> SyntaxTree::node_name(INDEX ix) const {
@@ -241,7 +374,56 @@ void SyntaxTree::SCHEDULE_QUEUE::push(ENTRY e) {
     mHeap[i] = e;
 }
 
+void SyntaxTree::SCHEDULE_QUEUE::push_batch(std::vector<ENTRY> &batch) {
+    if (batch.size() < kRunMin) {
+        for (const ENTRY &e : batch)
+            push(e);
+        return;
+    }
+    std::sort(batch.begin(), batch.end());
+    RUN run;
+    run.mItems.swap(batch);
+    mRuns.push_back(std::move(run));
+    while (mRuns.size() >= 2 && mRuns[mRuns.size() - 2].left() <= 2 * mRuns.back().left()) {
+        RUN &a = mRuns[mRuns.size() - 2];
+        const RUN &b = mRuns.back();
+        std::vector<ENTRY> merged(a.left() + b.left());
+        std::merge(a.mItems.begin() + std::ptrdiff_t(a.mHead), a.mItems.end(), b.mItems.begin() + std::ptrdiff_t(b.mHead),
+                   b.mItems.end(), merged.begin());
+        a.mItems.swap(merged);
+        a.mHead = 0;
+        mRuns.pop_back();
+    }
+}
+
+const SyntaxTree::SCHEDULE_QUEUE::ENTRY *SyntaxTree::SCHEDULE_QUEUE::least(const RUN **from) const {
+    const ENTRY *best = mHeap.empty() ? nullptr : &mHeap.front();
+    const RUN *source = nullptr;
+    for (const RUN &r : mRuns) {
+        const ENTRY *head = &r.mItems[r.mHead];
+        if (!best || *head < *best) {
+            best = head;
+            source = &r;
+        }
+    }
+    if (from)
+        *from = source;
+    return best;
+}
+
 void SyntaxTree::SCHEDULE_QUEUE::pop() {
+    const RUN *from = nullptr;
+    least(&from);
+    if (!from) {
+        pop_heap();
+        return;
+    }
+    RUN &r = mRuns[static_cast<std::size_t>(from - mRuns.data())];
+    if (++r.mHead == r.mItems.size())
+        mRuns.erase(mRuns.begin() + (from - mRuns.data()));
+}
+
+void SyntaxTree::SCHEDULE_QUEUE::pop_heap() {
     const ENTRY last = mHeap.back();
     mHeap.pop_back();
     const std::size_t n = mHeap.size();
@@ -276,6 +458,7 @@ void SyntaxTree::schedule(INDEX ix) {
 void SyntaxTree::schedule_below(INDEX ix) {
     mWalk.clear();
     mWalk.append(ix);
+    mBatch.clear();
     for (INDEX head = 0; head < mWalk.size(); ++head) {
         const INDEX b = mWalk[head];
         for (const INDEX c : mTree[b].mChild) {
@@ -284,12 +467,10 @@ void SyntaxTree::schedule_below(INDEX ix) {
                 continue;
             n.mPlaying = true;
             mWalk.append(c);
+            mBatch.push_back({SCHEDULE_QUEUE::rank(n.mOrder, n.mDepth), c});
         }
     }
-    // Deeper nodes come out of the queue first: queueing them first keeps
-    // each insertion near the bottom of the heap.
-    for (INDEX k = mWalk.size(); k-- > 1;)
-        schedule(mWalk[k]);
+    mQueue.push_batch(mBatch);
 }
 
 void SyntaxTree::finish_one(INDEX ix) {
@@ -313,50 +494,56 @@ void SyntaxTree::play() {
     schedule_below(curr);
     while (!mQueue.empty()) {
         const INDEX iy = mQueue.top().mIndex;
-        if (mTree[iy].mDepth <= mTree[curr].mDepth)
+        NODE &n = mTree[iy];
+        if (n.mDepth <= mTree[curr].mDepth)
             return;
-        if (mTree[iy].mOncePlayed && mTree[iy].mPlayed) {
+        if (n.mOncePlayed && n.mPlayed) {
             mQueue.pop();
-            mTree[iy].mPlaying = false;
+            n.mPlaying = false;
             play_clean();
             continue;
         }
-        if (!mTree[iy].mOncePlayed) {
+        if (!n.mOncePlayed) {
             _DYNAMIC_ASSERT_(mTree[iy].mValue.exist ());
             if (mObserver.exist())
                 mObserver(iy);
-            if (mTree[iy].mOnceActor.exist())
-                run_actor(iy, mTree[iy].mOnceActor);
-            NODE &n = mTree[iy];
+            if (n.mOnceActor.exist())
+                run_actor(iy, n.mOnceActor);
             n.mOncePlayed = true;
             n.mFinishCount = 0;
             // Optional dependencies the first action did not fetch are let go;
             // those it fetched are children now and play before the second
-            // phase. (An action can fetch nothing else, so without optional
-            // dependencies there is nothing new below iy.)
-            if (n.mMaybe.empty())
+            // phase, which waits for them.
+            if (!n.mMaybe.empty()) {
+                for (const INDEX c : n.mMaybe) {
+                    if (n.mChild.find(c) != VAR_NONE)
+                        continue;
+                    NODE &m = mTree[c];
+                    m.mParent.erase(iy);
+                    if (m.mFinishCount >= m.mParent.size())
+                        mCleanQueue.append(c);
+                }
+                n.mMaybe.clear();
+                schedule_below(iy);
                 continue;
-            for (const INDEX c : n.mMaybe) {
-                if (n.mChild.find(c) != VAR_NONE)
-                    continue;
-                NODE &m = mTree[c];
-                m.mParent.erase(iy);
-                if (m.mFinishCount >= m.mParent.size())
-                    mCleanQueue.append(c);
             }
-            n.mMaybe.clear();
-            schedule_below(iy);
-            continue;
+            // Without optional dependencies an action can fetch nothing, so
+            // nothing new is below iy: it is still the top entry, and its
+            // second phase follows at once.
         }
         _DYNAMIC_ASSERT_(mTree[iy].mValue.exist ());
-        if (mTree[iy].mActor.exist())
-            run_actor(iy, mTree[iy].mActor);
-        NODE &n = mTree[iy];
+        if (n.mActor.exist())
+            run_actor(iy, n.mActor);
         n.mPlayed = true;
         n.mFinishCount = 0;
         if (!n.mIsFunction && !n.mIsIteration)
             for (const INDEX c : n.mChild)
                 finish_one(c);
+        // The second action cannot fetch anything either (its optional
+        // dependencies are settled): iy is still on top, done.
+        mQueue.pop();
+        n.mPlaying = false;
+        play_clean();
     }
 }
 
@@ -387,8 +574,16 @@ void SyntaxTree::play_clean() {
         if (mTree[ix].mIsFunction || mTree[ix].mIsIteration)
             for (const INDEX c : mTree[ix].mChild)
                 finish_one(c);
-        const INDEX start = now_ns();
         NODE &n = mTree[ix];
+        // A release that runs no code (a plain value in the graph's blocks,
+        // actions capturing only addresses) takes no time worth a clock read.
+        if (n.mActor.plain() && n.mOnceActor.plain() && n.mValue.plain()) {
+            n.mActor.reset();
+            n.mOnceActor.reset();
+            n.mValue.reset();
+            continue;
+        }
+        const INDEX start = now_ns();
         n.mActor.reset();
         n.mOnceActor.reset();
         n.mValue.reset();

@@ -73,21 +73,34 @@ inline const void *type_tag() noexcept {
 
 // Type-erased reference to one object: owning (the object is deleted with the
 // reference) or borrowed (the caller keeps the object alive). Access with the
-// wrong type asserts "holds<T> ()".
+// wrong type asserts "holds<T> ()". Two words: the object and a per-type
+// table that tells its type and how it is let go.
 class AnyRef {
+    struct KIND {
+        const void *mType;
+        void (*mDrop)(void *) noexcept; // nullptr when borrowed
+        bool mPlain;                    // letting go runs no code
+    };
+    template <class T>
+    struct Kinds {
+        static void drop(void *p) noexcept { delete static_cast<T *>(p); }
+        static void destroy(void *p) noexcept { static_cast<T *>(p)->~T(); }
+        static constexpr KIND kOwned{&Private::TypeTag<T>::mTag, &drop, false};
+        static constexpr KIND kPlaced{&Private::TypeTag<T>::mTag, &destroy, std::is_trivially_destructible_v<T>};
+        static constexpr KIND kBorrowed{&Private::TypeTag<T>::mTag, nullptr, true};
+    };
+
 public:
     AnyRef() noexcept = default;
     AnyRef(const AnyRef &) = delete;
     AnyRef &operator=(const AnyRef &) = delete;
     AnyRef(AnyRef &&other) noexcept
-        : mPointer(std::exchange(other.mPointer, nullptr)), mDrop(std::exchange(other.mDrop, nullptr)),
-          mType(std::exchange(other.mType, nullptr)) {}
+        : mPointer(std::exchange(other.mPointer, nullptr)), mKind(std::exchange(other.mKind, nullptr)) {}
     AnyRef &operator=(AnyRef &&other) noexcept {
         if (this != &other) {
             reset();
             mPointer = std::exchange(other.mPointer, nullptr);
-            mDrop = std::exchange(other.mDrop, nullptr);
-            mType = std::exchange(other.mType, nullptr);
+            mKind = std::exchange(other.mKind, nullptr);
         }
         return *this;
     }
@@ -96,26 +109,28 @@ public:
     // Takes ownership of an object made with `new`.
     template <class T>
     static AnyRef own(T *object) noexcept {
-        AnyRef r;
-        r.mPointer = object;
-        r.mDrop = [](void *p) { delete static_cast<T *>(p); };
-        r.mType = type_tag<T>();
-        return r;
+        return AnyRef(object, &Kinds<T>::kOwned);
+    }
+    // Takes ownership of an object built in storage that someone else keeps:
+    // letting it go runs its destructor only.
+    template <class T>
+    static AnyRef place(T *object) noexcept {
+        return AnyRef(object, &Kinds<T>::kPlaced);
     }
     // Refers to an object kept alive by someone else.
     template <class T>
     static AnyRef borrow(const T &object) noexcept {
-        AnyRef r;
-        r.mPointer = const_cast<T *>(&object);
-        r.mType = type_tag<T>();
-        return r;
+        return AnyRef(const_cast<T *>(&object), &Kinds<T>::kBorrowed);
     }
 
     bool exist() const noexcept { return mPointer != nullptr; }
-    bool owning() const noexcept { return mDrop != nullptr; }
+    bool owning() const noexcept { return mKind && mKind->mDrop; }
+    // True when reset runs no code: empty, borrowed, or placed without a
+    // destructor.
+    bool plain() const noexcept { return !mKind || mKind->mPlain; }
     template <class T>
     bool holds() const noexcept {
-        return mType == type_tag<T>();
+        return mKind && mKind->mType == type_tag<T>();
     }
     template <class T>
     T &self() const {
@@ -126,23 +141,98 @@ public:
     // Drops the reference; an owned object is destroyed.
     void reset() noexcept {
         void *p = std::exchange(mPointer, nullptr);
-        auto drop = std::exchange(mDrop, nullptr);
-        mType = nullptr;
-        if (drop)
-            drop(p);
+        const KIND *kind = std::exchange(mKind, nullptr);
+        if (p && kind->mDrop)
+            kind->mDrop(p);
     }
 
 private:
+    AnyRef(void *pointer, const KIND *kind) noexcept : mPointer(pointer), mKind(kind) {}
+
     void *mPointer = nullptr;
-    void (*mDrop)(void *) = nullptr;
-    const void *mType = nullptr;
+    const KIND *mKind = nullptr;
 };
 
 class SyntaxTree {
 public:
-    // One node. The fields that scheduling reads for every node come first,
-    // so that a walk over many nodes touches few cache lines of each.
-    struct NODE {
+    // Set of node indices, as ORN::Set: positions run from 0 to size () - 1 in
+    // insertion order, find yields the position or VAR_NONE, and erasing moves
+    // the last item into the freed position. Most nodes have one or two
+    // parents and children, so up to three items are kept inside the object
+    // (no allocation at all); beyond that they live in one heap array, and a
+    // set of more than kLinear items adds an open-addressing index of
+    // positions for find.
+    class EDGE_SET {
+    public:
+        EDGE_SET() noexcept {}
+        EDGE_SET(const EDGE_SET &) = delete;
+        EDGE_SET &operator=(const EDGE_SET &) = delete;
+        ~EDGE_SET() { release(); }
+
+        INDEX size() const noexcept { return mSize; }
+        INDEX length() const noexcept { return mSize; }
+        bool empty() const noexcept { return mSize == 0; }
+        INDEX find(INDEX item) const noexcept {
+            if (hashed())
+                return find_hashed(item);
+            const INDEX *items = data();
+            for (std::uint32_t i = 0; i < mSize; ++i)
+                if (items[i] == item)
+                    return static_cast<INDEX>(i);
+            return VAR_NONE;
+        }
+        // Inserts the item if absent; returns its position either way.
+        INDEX insert(INDEX item) {
+            const INDEX found = find(item);
+            return found != VAR_NONE ? found : push(item);
+        }
+        // Removes the item if present; returns whether it was.
+        bool erase(INDEX item);
+        void clear() noexcept {
+            release();
+            mSize = 0;
+            mCapacity = kInline;
+        }
+        INDEX operator[](INDEX index) const {
+            _DYNAMIC_ASSERT_(index >= 0 && index < size ());
+            return data()[index];
+        }
+        const INDEX *begin() const noexcept { return data(); }
+        const INDEX *end() const noexcept { return data() + mSize; }
+
+    private:
+        static constexpr std::uint32_t kInline = 3;
+        static constexpr std::uint32_t kLinear = 16;
+
+        bool on_heap() const noexcept { return mCapacity > kInline; }
+        bool hashed() const noexcept { return on_heap() && mHeap.mTable; }
+        const INDEX *data() const noexcept { return on_heap() ? mHeap.mItems : mInline; }
+        INDEX push(INDEX item);
+        void grow();
+        void build_table();
+        INDEX find_hashed(INDEX item) const noexcept;
+        std::uint32_t home(INDEX item) const noexcept {
+            return static_cast<std::uint32_t>((static_cast<std::uint64_t>(item) * 0x9E3779B97F4A7C15ull) >> mHeap.mShift);
+        }
+        void release() noexcept;
+
+        struct HEAP {
+            INDEX *mItems;
+            std::int32_t *mTable; // positions, -1 in a free slot; nullptr up to kLinear items
+            std::uint32_t mShift; // 64 - log2 (table size)
+        };
+        std::uint32_t mSize = 0;
+        std::uint32_t mCapacity = kInline; // inline exactly while it is kInline
+        union {
+            INDEX mInline[kInline];
+            HEAP mHeap;
+        };
+    };
+
+    // One node, four cache lines. The fields that scheduling and release
+    // read for every node come first, so that a walk over many nodes touches
+    // few cache lines of each.
+    struct alignas(64) NODE {
         bool mIsFunction = false;    // set by mark_as_function
         bool mIsIteration = false;   // set by mark_as_iteration; the value comes from redo
         bool mPlaying = false;       // scheduled by the current play
@@ -151,15 +241,15 @@ public:
         INDEX mFinishCount = 0;      // how many nodes of mParent have finished
         INDEX mOrder = 0;            // order stamp
         INDEX mDepth = 0;            // longest distance from the root
-        Set<INDEX> mChild;           // nodes this one depends on (stack)
-        Set<INDEX> mParent;          // nodes that depend on this one
-        Set<INDEX> mMaybe;           // optional dependencies (maybe)
+        EDGE_SET mChild;             // nodes this one depends on (stack)
+        EDGE_SET mParent;            // nodes that depend on this one
+        EDGE_SET mMaybe;             // optional dependencies (maybe)
         AnyRef mValue;               // the node's value; absent until declared
         Function<void()> mOnceActor; // first action (once)
-        Function<void()> mActor;     // second action (then)
-        AnyRef mLater;               // value handed by redo (borrowed)
         INDEX mActionTime = 0;       // ns spent in the actions
         INDEX mReleaseTime = 0;      // ns spent freeing the value
+        Function<void()> mActor;     // second action (then)
+        AnyRef mLater;               // value handed by redo (borrowed)
         const char *mName = nullptr; // name text (ORN_NODE, or the type's name)
         INDEX mKey = VAR_NONE;       // integer part of the identity; VAR_NONE for plain types
     };
@@ -262,6 +352,9 @@ private:
             return *locate(index);
         }
         NODE &append();
+        // Every node holds nothing any more (no value, action or heap edge
+        // set): the storage is let go without running the nodes' destructors.
+        void emptied() noexcept { mEmptied = true; }
 
     private:
         static constexpr int kFirstBits = 6;
@@ -273,6 +366,35 @@ private:
         }
         NODE *mChunks[64 - kFirstBits] = {};
         INDEX mSize = 0;
+        bool mEmptied = false;
+    };
+
+    // Bump allocator for small values: blocks that live as long as the graph.
+    class VALUE_ARENA {
+    public:
+        static constexpr std::size_t kSmall = 64;
+        static constexpr std::size_t kAlign = 16;
+        VALUE_ARENA() noexcept = default;
+        VALUE_ARENA(const VALUE_ARENA &) = delete;
+        VALUE_ARENA &operator=(const VALUE_ARENA &) = delete;
+        ~VALUE_ARENA();
+        // Room for `size` bytes aligned to `align` (at most kAlign).
+        void *take(std::size_t size, std::size_t align) {
+            auto at = (reinterpret_cast<std::uintptr_t>(mNext) + align - 1) & ~std::uintptr_t(align - 1);
+            if (at + size > reinterpret_cast<std::uintptr_t>(mEnd)) {
+                next_block();
+                at = reinterpret_cast<std::uintptr_t>(mNext);
+            }
+            mNext = reinterpret_cast<unsigned char *>(at + size);
+            return reinterpret_cast<void *>(at);
+        }
+
+    private:
+        static constexpr std::size_t kBlock = std::size_t(64) << 10;
+        void next_block();
+        std::vector<unsigned char *> mBlocks;
+        unsigned char *mNext = nullptr;
+        unsigned char *mEnd = nullptr;
     };
 
     // The type-to-node map: open addressing over (type identity, key), a
@@ -283,10 +405,18 @@ private:
         INDEX mKey = VAR_NONE;
         INDEX mIndex = VAR_NONE;
     };
-    // The scheduling queue: a four-way min-heap of (rank, node index). The
-    // rank packs the key (order stamp, -depth) into one word, the stamp in
-    // the high half and 2^32 - 1 - depth in the low half, so equal ranks mean
-    // equal keys and the node index breaks the tie.
+    // The scheduling queue: a priority queue of (rank, node index). The rank
+    // packs the key (order stamp, -depth) into one word, the stamp in the high
+    // half and 2^32 - 1 - depth in the low half, so equal ranks mean equal
+    // keys and the node index breaks the tie.
+    //
+    // A play schedules most nodes in one batch (everything below the current
+    // node), so a large batch is sorted once and kept as a run read from the
+    // front, in order, without the cache misses of a heap as large as the
+    // graph. Single entries and small batches go into a four-way heap. Runs
+    // are merged so that each is at least twice as long as the next one
+    // (few runs, each item merged O(log n) times); the top is the least of the
+    // heap's top and the runs' fronts.
     class SCHEDULE_QUEUE {
     public:
         struct ENTRY {
@@ -297,13 +427,26 @@ private:
         static std::uint64_t rank(INDEX order, INDEX depth) noexcept {
             return (static_cast<std::uint64_t>(order) << 32) | (0xFFFFFFFFull - static_cast<std::uint64_t>(depth));
         }
-        bool empty() const noexcept { return mHeap.empty(); }
-        const ENTRY &top() const { return mHeap.front(); }
+        bool empty() const noexcept { return mHeap.empty() && mRuns.empty(); }
+        const ENTRY &top() const { return *least(); }
         void push(ENTRY e);
+        // Adds every entry of the batch (the batch is reordered).
+        void push_batch(std::vector<ENTRY> &batch);
         void pop();
 
     private:
+        static constexpr std::size_t kRunMin = 64;
+        struct RUN {
+            std::vector<ENTRY> mItems;
+            std::size_t mHead = 0;
+            std::size_t left() const noexcept { return mItems.size() - mHead; }
+        };
+        // The least entry, and the run it heads (nullptr: the heap's top).
+        const ENTRY *least(const RUN **from = nullptr) const;
+        void pop_heap();
+
         std::vector<ENTRY> mHeap;
+        std::vector<RUN> mRuns;
     };
 
     template <class T>
@@ -318,13 +461,24 @@ private:
         }
     }
     template <class T>
-    T *make_value(INDEX key) {
+    T *make_value(void *place, INDEX key) {
         if constexpr (std::is_constructible_v<T, SyntaxTree &, INDEX>)
-            return new T(*this, key);
+            return place ? ::new (place) T(*this, key) : new T(*this, key);
         else {
             static_assert(std::is_constructible_v<T, SyntaxTree &>, "a node type is constructed from the graph");
-            return new T(*this);
+            return place ? ::new (place) T(*this) : new T(*this);
         }
+    }
+    // A small value is built in the graph's own blocks (no allocation of its
+    // own, and next to the values declared just before it); its release runs
+    // its destructor, and the bytes go with the graph. A larger one is built
+    // on the heap and freed with its release.
+    template <class T>
+    AnyRef build_value(INDEX key) {
+        if constexpr (sizeof(T) <= VALUE_ARENA::kSmall && alignof(T) <= VALUE_ARENA::kAlign)
+            return AnyRef::place(make_value<T>(mArena.take(sizeof(T), alignof(T)), key));
+        else
+            return AnyRef::own(make_value<T>(nullptr, key));
     }
 
     // Slot of (type, key): the one holding it, or the empty one where it goes.
@@ -345,6 +499,7 @@ private:
     void finish_one(INDEX ix);
     void run_actor(INDEX iy, Function<void()> &actor);
 
+    VALUE_ARENA mArena; // before mTree: values placed in it go first
     NODE_LIST mTree;
     Function<void(INDEX)> mObserver;
     Array<SLOT> mSlots;
@@ -359,6 +514,7 @@ private:
     Array<PACK<INDEX, INDEX>> mIterationLinks;
     Deque<PACK<INDEX, INDEX>> mTrack; // depth_track's edge queue
     Array<INDEX> mWalk;               // schedule_below's breadth-first list
+    std::vector<SCHEDULE_QUEUE::ENTRY> mBatch; // schedule_below's entries
 };
 
 template <class T>
@@ -377,8 +533,7 @@ const T &SyntaxTree::stack(INDEX key) {
         _DYNAMIC_ASSERT_(!(mTree[iy].mOncePlayed));
         _DYNAMIC_ASSERT_(!(mTree[iy].mPlayed));
         mStack.append(iy);
-        T *value = make_value<T>(key);
-        value_built(iy, AnyRef::own(value));
+        value_built(iy, build_value<T>(key));
         mStack.pop();
     }
     if (added && mTree[ix].mIsIteration && mTree[iy].mIsIteration)

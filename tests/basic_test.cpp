@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 
 namespace {
@@ -49,6 +50,49 @@ TEST(References, EmptyAccessAssertsExist) {
     for (const std::string &text : {failure_of([&] { *s; }), failure_of([&] { *a; }), failure_of([&] { f(); }),
                                     failure_of([&] { u.self(); })})
         EXPECT_EQ(text.rfind("dynamic_assert failed : exist () : at ", 0), 0u) << text;
+}
+
+// Counts live copies of a captured object, to see each callable destroyed once.
+struct Census {
+    int *mLive;
+    explicit Census(int *live) : mLive(live) { ++*mLive; }
+    Census(const Census &o) : mLive(o.mLive) { ++*mLive; }
+    ~Census() { --*mLive; }
+};
+
+TEST(References, FunctionKeepsSmallAndLargeCallablesAndDestroysEachCopyOnce) {
+    int live = 0;
+    {
+        // One word of state with the census: kept in place. Five words: on the heap.
+        Census c(&live);
+        const long a = 1, b = 2, d = 3, e = 4;
+        ORN::Function<long(long)> small = [c, a](long x) { return x + a; };
+        ORN::Function<long(long)> large = [c, a, b, d, e](long x) { return x + a + b + d + e; };
+        EXPECT_EQ(live, 3);
+        ORN::Function<long(long)> small_copy = small, large_copy = large;
+        EXPECT_EQ(live, 5);
+        ORN::Function<long(long)> moved = std::move(large);
+        EXPECT_FALSE(large.exist());
+        EXPECT_EQ(live, 5);
+        EXPECT_EQ(small(10), 11);
+        EXPECT_EQ(small_copy(10), 11);
+        EXPECT_EQ(large_copy(10), 20);
+        EXPECT_EQ(moved(10), 20);
+        small = moved;
+        EXPECT_EQ(small(0), 10);
+        EXPECT_EQ(live, 5);
+        small_copy.reset();
+        EXPECT_FALSE(small_copy.exist());
+        EXPECT_EQ(live, 4);
+    }
+    EXPECT_EQ(live, 0);
+
+    // A null function pointer or an empty function makes an empty function.
+    int (*none)() = nullptr;
+    EXPECT_FALSE(ORN::Function<int()>(none).exist());
+    EXPECT_FALSE(ORN::Function<int()>(std::function<int()>()).exist());
+    EXPECT_FALSE(ORN::Function<long()>(ORN::Function<int()>()).exist());
+    EXPECT_EQ(ORN::Function<long()>(ORN::Function<int()>([] { return 7; }))(), 7);
 }
 
 TEST(References, UniqueRefReleasesOnceOnResetMoveAndDestruction) {

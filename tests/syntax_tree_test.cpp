@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -551,6 +552,97 @@ TEST(SyntaxTreeKeyed, KeyedNodesAreDistinctAndNamedWithTheirKey) {
     EXPECT_EQ(tree.size(), 6);
     EXPECT_EQ(tree.node_name(tree.find_node<Link>(3)), "Link[3]");
     EXPECT_EQ(tree.node(tree.find_node<Link>(4)).mDepth, 5);
+}
+
+// ---------------------------------------------------------------------------
+// Edge sets and wide graphs
+
+TEST(SyntaxTreeEdges, EdgeSetKeepsPositionsThroughGrowthAndErase) {
+    // Inline, on the heap, then hashed: positions follow insertion, erase
+    // moves the last item into the freed position, and find agrees with a
+    // plain model after every step.
+    SyntaxTree::EDGE_SET set;
+    std::vector<ORN::INDEX> model;
+    const auto agrees = [&] {
+        if (set.size() != ORN::INDEX(model.size()))
+            return false;
+        for (std::size_t i = 0; i < model.size(); ++i)
+            if (set[ORN::INDEX(i)] != model[i] || set.find(model[i]) != ORN::INDEX(i))
+                return false;
+        return set.find(-7) == ORN::VAR_NONE;
+    };
+    for (ORN::INDEX k = 0; k < 200; ++k) {
+        const ORN::INDEX item = (k * 7919) % 1000; // distinct, scattered
+        EXPECT_EQ(set.insert(item), k);
+        model.push_back(item);
+        EXPECT_EQ(set.insert(item), k); // present already: same position
+        ASSERT_TRUE(agrees()) << k;
+    }
+    for (ORN::INDEX k = 0; k < 150; ++k) {
+        const std::size_t pos = std::size_t(k * 31) % model.size();
+        EXPECT_TRUE(set.erase(model[pos]));
+        model[pos] = model.back();
+        model.pop_back();
+        ASSERT_TRUE(agrees()) << k;
+    }
+    EXPECT_FALSE(set.erase(-7));
+    set.clear();
+    EXPECT_TRUE(set.empty());
+    EXPECT_EQ(set.insert(5), 0);
+    EXPECT_EQ(set.find(5), 0);
+}
+
+constexpr ORN::INDEX kWide = 300;
+
+// A slow destructor, a value too large for the graph's small blocks, and
+// plain values side by side.
+struct NDS_mWide {
+    ORN_NODE(NDS_mWide);
+    Tracked mTrack{NAME};
+    ORN::INDEX mKey;
+    char mPadding[96] = {};
+    NDS_mWide(SyntaxTree &tree, ORN::INDEX key) : mKey(key) {
+        tree.once([key] { gLog.push_back("wide " + std::to_string(key)); });
+    }
+    ~NDS_mWide() {
+        if (mKey == 7)
+            std::this_thread::sleep_for(std::chrono::milliseconds(3));
+    }
+};
+struct ACT_mWideHub {
+    ORN_NODE(ACT_mWideHub);
+    explicit ACT_mWideHub(SyntaxTree &tree) {
+        for (ORN::INDEX k = kWide; k-- > 0;)
+            tree.stack<NDS_mWide>(k);
+        for (ORN::INDEX k = 0; k < kWide; ++k)
+            tree.maybe<NDS_mItem>(k);
+        tree.once([&tree] {
+            for (ORN::INDEX k = kWide; k-- > 0;)
+                if (k % 3 == 0)
+                    tree.stack<NDS_mItem>(k);
+        });
+    }
+};
+
+TEST(SyntaxTreeEdges, WideLevelsPlayInDeclarationOrderAndAreReleasedAndTimed) {
+    reset_log();
+    SyntaxTree tree;
+    tree.stack<ACT_mWideHub>();
+    tree.clean();
+    tree.play();
+    // Same stamp and depth: the node mentioned first plays first, whether a
+    // level is scheduled at once or fetched later from the first action.
+    std::vector<std::string> expected;
+    for (ORN::INDEX k = kWide; k-- > 0;)
+        expected.push_back("wide " + std::to_string(k));
+    for (ORN::INDEX k = 0; k < kWide; k += 3)
+        expected.push_back("item " + std::to_string(k));
+    EXPECT_EQ(actions_only(), expected);
+    EXPECT_EQ(gFreed["NDS_mWide"], kWide);
+    EXPECT_EQ(gFreed["NDS_mItem"], kWide / 3);
+    EXPECT_EQ(gBuilt["NDS_mItem"], kWide / 3);
+    EXPECT_GE(tree.node(tree.find_node<NDS_mWide>(7)).mReleaseTime, 3'000'000);
+    EXPECT_EQ(tree.node(tree.find_node<ACT_mWideHub>()).mChild.size(), kWide + kWide / 3);
 }
 
 } // namespace
