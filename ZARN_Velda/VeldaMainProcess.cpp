@@ -141,64 +141,6 @@ ORN::String<char> json_literal(std::string_view text) {
     return {};
 }
 
-// Skips one JSON value of an accepted document text.
-void skip_json_value(ORN::TextReader &reader) {
-    ORN::INDEX depth = 0;
-    do {
-        reader.skip_gap();
-        const unsigned char c = reader.get();
-        if (c == '"') {
-            for (unsigned char s = reader.get(); s != '"' && s != 0; s = reader.get())
-                if (s == '\\')
-                    reader.skip();
-        } else if (c == '{' || c == '[') {
-            ++depth;
-        } else if (c == '}' || c == ']') {
-            --depth;
-        } else if (c != ',' && c != ':') {
-            while (!reader.at_end() && !ORN::TextReader::is_gap(reader.peek()) && reader.peek() != ',' &&
-                   reader.peek() != '}' && reader.peek() != ']')
-                reader.skip();
-        }
-    } while (depth > 0 && !reader.at_end());
-}
-
-// Names of the top-level members of an object text whose value is written as
-// a quoted string (for a repeated name, as its last occurrence is). The JSON
-// tree keeps every scalar as text, so whether a scalar was a string or a bare
-// number is read off the document text itself; the text has been accepted by
-// the JSON reader already. Member names are compared as written.
-ORN::Set<ORN::String<char>> quoted_members(std::string_view text) {
-    ORN::Set<ORN::String<char>> quoted;
-    const ORN::String<char> copy = ORN::TextReader::terminated(text);
-    ORN::TextReader reader(copy);
-    reader.skip_gap();
-    if (reader.get() != '{')
-        return quoted;
-    for (;;) {
-        reader.skip_gap();
-        if (reader.get() != '"')
-            return quoted;
-        const char *b = reader.position();
-        for (unsigned char s = reader.get(); s != '"' && s != 0; s = reader.get())
-            if (s == '\\')
-                reader.skip();
-        const ORN::String<char> name(b, reader.position() - 1);
-        reader.skip_gap();
-        if (reader.get() != ':')
-            return quoted;
-        reader.skip_gap();
-        if (reader.peek() == '"')
-            quoted.insert(name);
-        else
-            quoted.erase(name);
-        skip_json_value(reader);
-        reader.skip_gap();
-        if (reader.get() != ',')
-            return quoted;
-    }
-}
-
 // One field of the record: its value text and the JSON form it is written
 // back in (a quoted string, a bare number or word, or null).
 struct PROJECT_FIELD {
@@ -223,7 +165,6 @@ struct PROJECT_RECORD {
 
     explicit PROJECT_RECORD(std::string_view text) : PROJECT_RECORD() {
         const ORN::JsonParser document(text);
-        const ORN::Set<ORN::String<char>> quoted = quoted_members(text);
         for (std::size_t i = 0; i < PROJECT_KEYS.size(); ++i) {
             const ORN::JsonParser member = document.child(PROJECT_KEYS[i]);
             if (PROJECT_KEYS[i] == PROJECT_STATE) {
@@ -233,7 +174,7 @@ struct PROJECT_RECORD {
                 mField[i] = PROJECT_FIELD{"null", PROJECT_FIELD::FORM::NUL};
             } else if (member.string_type()) {
                 ORN::String<char> literal;
-                if (quoted.find(ORN::String<char>(PROJECT_KEYS[i])) == ORN::VAR_NONE)
+                if (!member.quoted())
                     literal = json_literal(member.view());
                 mField[i] = literal.empty() ? PROJECT_FIELD{member.value(), PROJECT_FIELD::FORM::STRING}
                                             : PROJECT_FIELD{std::move(literal), PROJECT_FIELD::FORM::LITERAL};

@@ -603,6 +603,16 @@ std::string_view JsonParser::view() const {
     return mTable.get()->text(node()->mValue);
 }
 
+bool JsonParser::quoted() const noexcept {
+    // A string's text starts right after its opening quote (escapes are
+    // decoded in place, never moving the start); a number's or a boolean's
+    // text starts at its first character, which no quote precedes.
+    const NODE_PACK *n = node();
+    if (n == nullptr || n->mClass != NODE_VALUE || n->mValue.mOffset == 0)
+        return false;
+    return mTable.get()->text(TEXT{n->mValue.mOffset - 1, 1})[0] == '"';
+}
+
 String<char> JsonParser::value() const {
     _DYNAMIC_ASSERT_(exist ());
     _DYNAMIC_ASSERT_(string_type ());

@@ -112,6 +112,9 @@ public:
     // The same text without a copy; valid while any parser of the document
     // lives.
     std::string_view view() const;
+    // True for a scalar written as a JSON string (quoted), false for a number
+    // or a boolean, and for every other node.
+    bool quoted() const noexcept;
 
     // Typed reads: the scalar's text converted to the default's type, or the
     // default when the node is absent, not a scalar, or its text does not

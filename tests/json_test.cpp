@@ -65,6 +65,20 @@ TEST(JsonParse, ScalarsKeepTheirTextAsWritten) {
         EXPECT_EQ(items[i].value(), expected[i]);
 }
 
+TEST(JsonParse, QuotedTellsStringsFromBareScalars) {
+    const JsonParser doc(R"({"s":"5","e":"","x":"a\"b","n":5,"t":true,"z":null,"a":[],"o":{"k":"v"}})");
+    EXPECT_TRUE(doc.child("s").quoted());
+    EXPECT_TRUE(doc.child("e").quoted());
+    EXPECT_TRUE(doc.child("x").quoted()); // decoded in place: still a string
+    EXPECT_EQ(doc.child("x").value(), "a\"b");
+    for (const char *bare : {"n", "t", "z", "a", "o", "missing"})
+        EXPECT_FALSE(doc.child(bare).quoted()) << bare;
+    EXPECT_TRUE(doc.child("o").child("k").quoted());
+    EXPECT_TRUE(JsonParser(R"("root")").quoted());
+    EXPECT_FALSE(JsonParser("7").quoted());
+    EXPECT_FALSE(doc.quoted());
+}
+
 TEST(JsonParse, RejectedForms) {
     expect_rejected("{} x", "mRis[0] == STRU8 ('\\0')");
     expect_rejected("[1] [2]", "mRis[0] == STRU8 ('\\0')");
