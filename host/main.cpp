@@ -197,6 +197,9 @@ int graph(const Options &o) {
 } // namespace
 
 int main(int argc, char **argv) {
+    // Line-buffered even into a pipe or a file, so that what the closed
+    // libraries print with C stdio keeps its place among the console lines.
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     try {
         const Options o = parse(argc, argv);
         if (o.command == "--help" || o.command == "-h") {
