@@ -1,8 +1,11 @@
 #include "PlyReader.h"
+#include "PlyReaderWindow.h"
 
 #include "__ORN__/orn_filesystem.h"
 #include "__ORN__/orn_stream.h"
 
+#include <algorithm>
+#include <atomic>
 #include <bit>
 #include <charconv>
 #include <cstring>
@@ -152,7 +155,19 @@ constexpr INDEX DECODE_BLOCK = 2048;
 // Read in place of the byte after the header when the file ends there.
 constexpr unsigned char NO_BYTE = 0;
 
+// Bytes of the file held at a time. At 1 MiB a refill is one large read
+// and the window stays in cache while it is decoded; larger windows only
+// add memory (loads of 0.5 to 8 MiB windows measured alike, 16 MiB slower).
+std::atomic<INDEX> g_window_size{INDEX(1) << 20};
+
 } // namespace
+
+INDEX ply_reader_window() { return g_window_size.load(std::memory_order_relaxed); }
+
+void set_ply_reader_window(INDEX bytes) {
+    _DYNAMIC_ASSERT_(bytes >= 1);
+    g_window_size.store(bytes, std::memory_order_relaxed);
+}
 
 class PlyReader::Implement : public PlyReader::Abstract {
 public:
@@ -239,6 +254,11 @@ public:
     BYTE_LIST get_byte_list(INDEX element_index, INDEX property_index, INDEX item_index) const override;
 
 private:
+    class TEXT_STREAM;
+
+    // The window byte at the cursor.
+    const unsigned char *cursor() const noexcept { return mWindow.data() + (mRis - mBase); }
+    void fetch(INDEX n);
     void read_header();
     void read_body_text();
     void read_body_binary(bool swap);
@@ -255,12 +275,100 @@ private:
     ORN::Array<ORN::Array<COLUMN>> mColumn;
     ORN::String<char> mFormat;
 
-    // Cursors over the loaded file while parsing: the header's, the body's,
-    // and the end of the data.
+    // The file while parsing, read through a window: mWindow[0] is the
+    // file's byte at offset mBase, the window's valid bytes end at file
+    // offset mFill and are followed by a NUL. mRis is the file offset of the
+    // body cursor and mEnd the size of the file, so that mEnd - mRis is what
+    // the file still holds. mTempRis is the header cursor, in the window.
+    ORN::StreamLoader mStream;
+    ORN::Buffer<unsigned char> mWindow;
+    INDEX mBase = 0;
+    INDEX mFill = 0;
+    INDEX mRis = 0;
+    INDEX mEnd = 0;
     const unsigned char *mTempRis = nullptr;
-    const unsigned char *mRis = nullptr;
-    const unsigned char *mEnd = nullptr;
 };
+
+// Numbers of a text body read through the window. A number is parsed only
+// when a gap follows it inside the window (or the file ends there), so that
+// one cut by the window's end is read again whole after the refill.
+class PlyReader::Implement::TEXT_STREAM {
+public:
+    explicit TEXT_STREAM(Implement &owner) : mOwner(owner), mText(nullptr, 0) { restart(); }
+    ~TEXT_STREAM() { mOwner.mRis = offset(); }
+
+    // Bytes of the file from the cursor to its end.
+    INDEX remaining() const noexcept { return mOwner.mEnd - offset(); }
+
+    // Reads one number; false unless it is whole and followed by a gap or
+    // by the end of the file.
+    template <class T>
+    bool read_number(T &out) {
+        mText.skip_gap();
+        if (mText.position() >= mSafe) [[unlikely]]
+            refill();
+        return mText.read_number(out) && (mText.at_end() || ORN::TextReader::is_gap(mText.peek()));
+    }
+
+private:
+    const char *window() const noexcept { return reinterpret_cast<const char *>(mOwner.mWindow.data()); }
+    INDEX offset() const noexcept { return mOwner.mBase + (mText.position() - window()); }
+
+    // Reader over the window from the owner's cursor; mSafe is the window's
+    // last gap byte (its end once the file is read to the end).
+    void restart() noexcept {
+        const char *begin = window() + (mOwner.mRis - mOwner.mBase);
+        const char *end = window() + (mOwner.mFill - mOwner.mBase);
+        mText = ORN::TextReader(begin, end - begin);
+        if (mOwner.mFill == mOwner.mEnd) {
+            mSafe = end;
+            return;
+        }
+        const char *p = end;
+        while (p > begin && !ORN::TextReader::is_gap(STRU8(p[-1])))
+            --p;
+        mSafe = p > begin ? p - 1 : begin;
+    }
+
+    // Reads on until a gap follows the next number or the file ends.
+    void refill() {
+        while (mText.position() >= mSafe && mOwner.mFill < mOwner.mEnd) {
+            mOwner.mRis = offset();
+            mOwner.fetch(mOwner.mFill - mOwner.mRis + 1);
+            restart();
+        }
+    }
+
+    Implement &mOwner;
+    ORN::TextReader mText;
+    const char *mSafe = nullptr;
+};
+
+// Makes `n` bytes from the cursor readable in the window, or all that the
+// file still holds when it ends sooner: the unread tail moves to the front
+// and the rest of the window is read from the file. A window smaller than
+// `n` grows.
+void PlyReader::Implement::fetch(INDEX n) {
+    if (mFill - mRis >= n || mFill == mEnd)
+        return;
+    const INDEX keep = mFill - mRis;
+    INDEX capacity = mWindow.size() - 1;
+    if (n > capacity && mEnd - mRis > capacity) {
+        capacity = std::min(std::max(n, capacity * 2), mEnd - mRis);
+        ORN::Buffer<unsigned char> grown(capacity + 1);
+        std::memcpy(grown.data(), cursor(), static_cast<std::size_t>(keep));
+        mWindow = std::move(grown);
+    } else if (keep > 0) {
+        std::memmove(mWindow.data(), cursor(), static_cast<std::size_t>(keep));
+    }
+    mBase = mRis;
+    const INDEX wanted = std::min(capacity - keep, mEnd - mFill);
+    const INDEX r8x = mStream.read(mWindow.data() + keep, wanted);
+    // Fewer bytes than the size taken at the start: the file shrank.
+    _DYNAMIC_ASSERT_(r8x == wanted);
+    mFill += r8x;
+    mWindow.data()[mFill - mBase] = 0;
+}
 
 template <class T>
 T *PlyReader::Implement::COLUMN::append_list(INDEX item_index, INDEX count, INDEX item_count, INDEX room) {
@@ -289,9 +397,13 @@ T *PlyReader::Implement::COLUMN::append_list(INDEX item_index, INDEX count, INDE
 }
 
 PlyReader::Implement::Implement(const ORN::String<char> &path) {
-    const ORN::Buffer<unsigned char> file = ORN::FileSystemProc::load_file(path);
-    mTempRis = file.data();
-    mEnd = file.data() + file.size();
+    mEnd = ORN::FileSystemProc::file_size(path);
+    mStream = ORN::StreamLoader::open_read(path);
+    const INDEX window = std::max(INDEX(1), std::min(ply_reader_window(), mEnd));
+    mWindow = ORN::Buffer<unsigned char>(window + 1);
+    mWindow.data()[0] = 0;
+    fetch(window);
+    mTempRis = mWindow.data();
     read_header();
     prepare_columns();
     if (mFormat == "ascii")
@@ -302,15 +414,27 @@ PlyReader::Implement::Implement(const ORN::String<char> &path) {
         read_body_binary(std::endian::native != std::endian::big);
     else
         _DYNAMIC_ASSERT_(false);
-    mTempRis = mRis = mEnd = nullptr;
+    mTempRis = nullptr;
+    mWindow = {};
+    mStream = {};
 }
 
 void PlyReader::Implement::read_header() {
     std::string_view words[6];
     for (INDEX line = 0;; ++line) {
-        const void *feed = mTempRis < mEnd ? std::memchr(mTempRis, '\n', static_cast<std::size_t>(mEnd - mTempRis)) : nullptr;
-        const unsigned char *line_end = feed ? static_cast<const unsigned char *>(feed) : mEnd;
-        const unsigned char *next = feed ? line_end + 1 : mEnd;
+        const unsigned char *limit = mWindow.data() + (mFill - mBase);
+        const void *feed = std::memchr(mTempRis, '\n', static_cast<std::size_t>(limit - mTempRis));
+        // A line the window cuts: move it to the front and read on.
+        while (!feed && mFill < mEnd) {
+            mRis = mBase + (mTempRis - mWindow.data());
+            const INDEX scanned = mFill - mRis;
+            fetch(scanned + 1);
+            mTempRis = cursor();
+            limit = mWindow.data() + (mFill - mBase);
+            feed = std::memchr(mTempRis + scanned, '\n', static_cast<std::size_t>(limit - mTempRis - scanned));
+        }
+        const unsigned char *line_end = feed ? static_cast<const unsigned char *>(feed) : limit;
+        const unsigned char *next = feed ? line_end + 1 : limit;
 
         // Split at blanks; a carriage return counts as one.
         INDEX count = 0;
@@ -373,12 +497,12 @@ void PlyReader::Implement::read_header() {
         } else if (key == "end_header" && count == 1) {
             // The header ends right after the word, in "\n" or "\r\n".
             mTempRis = reinterpret_cast<const unsigned char *>(words[0].data() + words[0].size());
-            if (mTempRis < mEnd && mTempRis[0] == STRU8('\r'))
+            if (mTempRis < limit && mTempRis[0] == STRU8('\r'))
                 ++mTempRis;
-            if (mTempRis >= mEnd)
+            if (mTempRis >= limit)
                 mTempRis = &NO_BYTE;
             _DYNAMIC_ASSERT_(mTempRis[0] == STRU8 ('\n'));
-            mRis = mTempRis + 1;
+            mRis = mBase + (mTempRis + 1 - mWindow.data());
             return;
         } else {
             _DYNAMIC_ASSERT_(false);
@@ -407,7 +531,7 @@ void PlyReader::Implement::prepare_columns() {
 }
 
 void PlyReader::Implement::read_body_text() {
-    ORN::TextReader reader(reinterpret_cast<const char *>(mRis), mEnd - mRis);
+    TEXT_STREAM reader(*this);
 
     // Reads one number of type `code` into `target`, which has the type's
     // storage class.
@@ -418,7 +542,7 @@ void PlyReader::Implement::read_body_text() {
         default: _DYNAMIC_ASSERT_(false);
         }
         // A number ends at a gap or at the end: "2.5" is no integer.
-        const bool number_read = reader.read_number(*target) && (reader.at_end() || ORN::TextReader::is_gap(reader.peek()));
+        const bool number_read = reader.read_number(*target);
         _DYNAMIC_ASSERT_(number_read);
     };
 
@@ -492,13 +616,14 @@ void PlyReader::Implement::read_element_binary(INDEX element_index) {
         return;
     ORN::Array<COLUMN> &columns = mColumn[element_index];
 
-    // Layout of one item when every item has the same one: where each
+    // Layout of one item while items keep the same one: where each
     // property's first value sits, how many values it has, and for a list
     // where its count sits.
     ORN::Array<DECODE> decode(property_count);
     ORN::Array<INDEX> offset(property_count);
     ORN::Array<INDEX> length(property_count, 1);
     ORN::Array<INDEX> count_offset(property_count, VAR_NONE);
+    ORN::Array<INDEX> list_type(property_count, VAR_NONE);
     bool fixed = true;
     INDEX item_width = 0;
     for (INDEX p = 0; p < property_count; ++p) {
@@ -506,6 +631,7 @@ void PlyReader::Implement::read_element_binary(INDEX element_index) {
         decode[p] = decoder_of(property.mType, SWAP);
         offset[p] = item_width;
         item_width += width_of(property.mType);
+        list_type[p] = property.mListType;
         fixed = fixed && property.mListType == VAR_NONE;
     }
     if (fixed)
@@ -514,22 +640,22 @@ void PlyReader::Implement::read_element_binary(INDEX element_index) {
         // Every item holds at least one byte.
         _DYNAMIC_ASSERT_(item_count <= mEnd - mRis);
 
-    // With lists, the layout is fixed when every list is as long as in the
-    // first item (triangles, quads): checked on the counts alone, before
-    // anything is stored. Otherwise items are read one by one.
+    // With lists, the first item gives the layout that later items are
+    // expected to share (triangles, quads); items are decoded in blocks for
+    // as long as they do, and one by one from the first that does not.
     bool uniform = fixed;
     if (!fixed) {
         uniform = true;
         item_width = 0;
         for (INDEX p = 0; p < property_count && uniform; ++p) {
-            const PROPERTY &property = mProperty[element.mProperty[p]];
-            const INDEX width = width_of(property.mType);
-            if (property.mListType != VAR_NONE) {
-                const INDEX count_width = width_of(property.mListType);
+            const INDEX width = width_of(mProperty[element.mProperty[p]].mType);
+            if (list_type[p] != VAR_NONE) {
+                const INDEX count_width = width_of(list_type[p]);
                 uniform = count_width <= mEnd - mRis - item_width;
                 if (!uniform)
                     break;
-                const ORN::int64 list_count = load_count<SWAP>(property.mListType, mRis + item_width);
+                fetch(item_width + count_width);
+                const ORN::int64 list_count = load_count<SWAP>(list_type[p], cursor() + item_width);
                 uniform = list_count >= 0 && list_count <= (mEnd - mRis - item_width - count_width) / width;
                 if (!uniform)
                     break;
@@ -541,14 +667,6 @@ void PlyReader::Implement::read_element_binary(INDEX element_index) {
             item_width += width * length[p];
         }
         uniform = uniform && item_count <= (mEnd - mRis) / item_width;
-        for (INDEX p = 0; p < property_count && uniform; ++p) {
-            const INDEX list_type = mProperty[element.mProperty[p]].mListType;
-            if (list_type == VAR_NONE)
-                continue;
-            const unsigned char *at = mRis + count_offset[p];
-            for (INDEX i = 1; i < item_count && uniform; ++i)
-                uniform = load_count<SWAP>(list_type, at + i * item_width) == length[p];
-        }
     }
 
     ORN::Array<unsigned char *> target(property_count);
@@ -558,10 +676,8 @@ void PlyReader::Implement::read_element_binary(INDEX element_index) {
             continue;
         const INDEX stored = item_count * length[p];
         COLUMN &column = columns[p];
-        if (property.mListType != VAR_NONE) {
+        if (property.mListType != VAR_NONE)
             column.mStride = length[p];
-            column.mUsed = stored;
-        }
         switch (storage_class(property.mType)) {
         case 1:
             column.mValue = ORN::Buffer<double>(stored);
@@ -578,49 +694,76 @@ void PlyReader::Implement::read_element_binary(INDEX element_index) {
         }
     }
 
-    if (uniform) {
-        for (INDEX first = 0; first < item_count; first += DECODE_BLOCK) {
-            const INDEX count = item_count - first < DECODE_BLOCK ? item_count - first : DECODE_BLOCK;
-            const unsigned char *block = mRis + first * item_width;
-            for (INDEX p = 0; p < property_count; ++p) {
-                const INDEX n = length.data()[p];
-                const INDEX width = width_of(mProperty.data()[element.mProperty.data()[p]].mType);
-                for (INDEX k = 0; k < n; ++k)
-                    decode.data()[p](block + offset.data()[p] + k * width, item_width, count,
-                                     target.data()[p] + (first * n + k) * 8, n);
-            }
+    INDEX i = 0;
+    while (uniform && i < item_count) {
+        // The file holds every remaining item at this width, so the fetch
+        // yields the whole block.
+        INDEX count = item_count - i < DECODE_BLOCK ? item_count - i : DECODE_BLOCK;
+        const INDEX capacity = mWindow.size() - 1;
+        if (count * item_width > capacity)
+            count = capacity / item_width > 0 ? capacity / item_width : 1;
+        fetch(count * item_width);
+        const unsigned char *block = cursor();
+        // Lists of the block as long as the first item's.
+        for (INDEX p = 0; p < property_count; ++p) {
+            if (list_type.data()[p] == VAR_NONE)
+                continue;
+            const unsigned char *at = block + count_offset.data()[p];
+            for (INDEX k = 0; k < count; ++k)
+                if (load_count<SWAP>(list_type.data()[p], at + k * item_width) != length.data()[p]) {
+                    count = k;
+                    uniform = false;
+                    break;
+                }
         }
-        mRis += item_count * item_width;
-        return;
+        for (INDEX p = 0; p < property_count; ++p) {
+            const INDEX n = length.data()[p];
+            const INDEX width = width_of(mProperty.data()[element.mProperty.data()[p]].mType);
+            for (INDEX k = 0; k < n; ++k)
+                decode.data()[p](block + offset.data()[p] + k * width, item_width, count, target.data()[p] + (i * n + k) * 8, n);
+            if (list_type.data()[p] != VAR_NONE)
+                columns.data()[p].mUsed += count * n;
+        }
+        mRis += count * item_width;
+        i += count;
     }
 
-    for (INDEX i = 0; i < item_count; ++i) {
+    for (; i < item_count; ++i) {
         for (INDEX p = 0; p < property_count; ++p) {
             const PROPERTY &property = mProperty.data()[element.mProperty.data()[p]];
             if (property.mListType == VAR_NONE) {
                 const INDEX width = width_of(property.mType);
                 _DYNAMIC_ASSERT_(width <= mEnd - mRis);
-                decode.data()[p](mRis, 0, 1, target.data()[p] + i * 8, 1);
+                fetch(width);
+                decode.data()[p](cursor(), 0, 1, target.data()[p] + i * 8, 1);
                 mRis += width;
                 continue;
             }
             const INDEX count_width = width_of(property.mListType);
             _DYNAMIC_ASSERT_(count_width <= mEnd - mRis);
-            const ORN::int64 list_count = load_count<SWAP>(property.mListType, mRis);
+            fetch(count_width);
+            const ORN::int64 list_count = load_count<SWAP>(property.mListType, cursor());
             mRis += count_width;
             const INDEX width = width_of(property.mType);
             _DYNAMIC_ASSERT_(list_count >= 0);
             _DYNAMIC_ASSERT_(list_count <= (mEnd - mRis) / width);
             const INDEX room = (mEnd - mRis) / width;
             COLUMN &column = columns.data()[p];
-            void *values = nullptr;
+            unsigned char *values = nullptr;
             switch (storage_class(property.mType)) {
-            case 1: values = column.append_list<double>(i, list_count, item_count, room); break;
-            case 2: values = column.append_list<ORN::int64>(i, list_count, item_count, room); break;
-            default: values = column.append_list<ORN::uint64>(i, list_count, item_count, room); break;
+            case 1: values = reinterpret_cast<unsigned char *>(column.append_list<double>(i, list_count, item_count, room)); break;
+            case 2: values = reinterpret_cast<unsigned char *>(column.append_list<ORN::int64>(i, list_count, item_count, room)); break;
+            default: values = reinterpret_cast<unsigned char *>(column.append_list<ORN::uint64>(i, list_count, item_count, room)); break;
             }
-            decode.data()[p](mRis, width, list_count, values, 1);
-            mRis += list_count * width;
+            // A long list may run over several windows.
+            for (INDEX left = list_count; left > 0;) {
+                fetch(width);
+                const INDEX ready = std::min(left, (mFill - mRis) / width);
+                decode.data()[p](cursor(), width, ready, values, 1);
+                values += ready * 8;
+                mRis += ready * width;
+                left -= ready;
+            }
         }
     }
 }

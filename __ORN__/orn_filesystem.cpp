@@ -227,6 +227,13 @@ Buffer<unsigned char> FileSystemProc::load_file(const String<char> &path) {
     return rax;
 }
 
+INDEX FileSystemProc::file_size(const String<char> &path) {
+    struct stat st;
+    const INDEX r2x = ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) ? static_cast<INDEX>(st.st_size) : VAR_NONE;
+    _DYNAMIC_ASSERT_(r2x >= 0);
+    return r2x;
+}
+
 void FileSystemProc::save_file(const String<char> &path, const Buffer<unsigned char> &data) {
     _DYNAMIC_ASSERT_(data.size () < load_file_size ());
     const auto &rax = data;

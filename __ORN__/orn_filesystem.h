@@ -16,6 +16,9 @@ public:
 
     // Whole file into a buffer; an empty file gives an empty buffer.
     static Buffer<unsigned char> load_file(const String<char> &path);
+    // Size in bytes of an existing regular file ("r2x >= 0" otherwise), for
+    // readers that stream a file instead of loading it whole.
+    static INDEX file_size(const String<char> &path);
     // Creates or truncates the file and writes the whole buffer.
     static void save_file(const String<char> &path, const Buffer<unsigned char> &data);
     static void save_file(const String<char> &path, std::string_view text);

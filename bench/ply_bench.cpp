@@ -1,7 +1,8 @@
-// PLY loading speed and memory, against the raw whole-file read that every
-// load starts with (the physical limit of a reader working from memory), and
-// against that read plus the first write of a buffer the size of the stored
-// values (the floor once the values have to be held).
+// PLY loading speed and memory, against the raw whole-file read (the time
+// just to get the bytes off the page cache), and against that read plus the
+// first write of a buffer the size of the stored values (the floor once the
+// values have to be held). The reader streams the file through a bounded
+// window, so its peak memory should stay near the values alone.
 //
 // Files (made once under /tmp, removed at exit):
 //   vertices: 10^7 vertices, x y z float, red green blue uchar;

@@ -1,6 +1,7 @@
 // PLY reader: the same model in the three body formats, header rules and
 // their exact assertion texts, typed access, and malformed bodies.
 #include "ZARN_Common/PlyReader.h"
+#include "ZARN_Common/PlyReaderWindow.h"
 
 #include "support.h"
 
@@ -8,6 +9,7 @@
 
 #include <bit>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -150,6 +152,16 @@ std::string encode(const std::string &format, const std::vector<Element> &elemen
         }
     return out;
 }
+
+// Sets the streaming window for one scope.
+class Window {
+public:
+    explicit Window(INDEX bytes) : mSaved(ZARN::ply_reader_window()) { ZARN::set_ply_reader_window(bytes); }
+    ~Window() { ZARN::set_ply_reader_window(mSaved); }
+
+private:
+    INDEX mSaved;
+};
 
 class PlyReaderTest : public ::testing::Test {
 protected:
@@ -342,41 +354,91 @@ TEST_F(PlyReaderTest, EmptyElementsAndElementsWithoutPropertiesTakeNoBody) {
 }
 
 TEST_F(PlyReaderTest, MalformedBodiesFailWithoutReadingPastTheData) {
-    const std::string le = "ply\nformat binary_little_endian 1.0\n";
-    const std::string vertices = "element v 2\nproperty float x\nproperty uchar c\nend_header\n";
-    EXPECT_TRUE(raised(open_failure(le + vertices + std::string(9, '\0')), "item_count <= (mEnd - mRis) / item_width",
-                       "read_element_binary"));
-    // A count far beyond the file is refused before anything is allocated.
-    EXPECT_TRUE(raised(open_failure(le + "element v 4611686018427387903\nproperty double x\nend_header\n" + std::string(8, '\0')),
-                       "item_count <= (mEnd - mRis) / item_width", "read_element_binary"));
+    // The same texts whether the body fits one window or takes many.
+    for (const INDEX bytes : {ZARN::ply_reader_window(), INDEX(1), INDEX(5)}) {
+        SCOPED_TRACE("window " + std::to_string(bytes));
+        const Window window(bytes);
+        const std::string le = "ply\nformat binary_little_endian 1.0\n";
+        const std::string vertices = "element v 2\nproperty float x\nproperty uchar c\nend_header\n";
+        EXPECT_TRUE(raised(open_failure(le + vertices + std::string(9, '\0')), "item_count <= (mEnd - mRis) / item_width",
+                           "read_element_binary"));
+        // A count far beyond the file is refused before anything is allocated.
+        EXPECT_TRUE(raised(open_failure(le + "element v 4611686018427387903\nproperty double x\nend_header\n" + std::string(8, '\0')),
+                           "item_count <= (mEnd - mRis) / item_width", "read_element_binary"));
 
-    const std::string faces = "element f 2\nproperty list int uint16 i\nend_header\n";
-    const std::string face0 = std::string("\x01\0\0\0\x07\0", 6);
-    EXPECT_TRUE(raised(open_failure(le + faces + face0 + std::string("\xff\xff\xff\xff", 4)), "list_count >= 0",
-                       "read_element_binary"));
-    EXPECT_TRUE(raised(open_failure(le + faces + face0 + std::string("\x03\0\0\0\x01\0\x02\0\x03", 9)),
-                       "list_count <= (mEnd - mRis) / width", "read_element_binary"));
-    EXPECT_TRUE(raised(open_failure(le + faces + face0 + std::string("\x03\0", 2)), "count_width <= mEnd - mRis",
-                       "read_element_binary"));
-    // Lists of one length, the last one cut short.
-    EXPECT_TRUE(raised(open_failure(le + faces + face0 + std::string("\x01\0\0\0\x07", 5)),
-                       "list_count <= (mEnd - mRis) / width", "read_element_binary"));
-    EXPECT_TRUE(raised(open_failure(le + "element f 1\nproperty list uint64 uchar i\nend_header\n" + std::string(8, '\xff') + "x"),
-                       "list_count >= 0", "read_element_binary"));
-    EXPECT_TRUE(raised(open_failure(le + "element f 2\nproperty uchar a\nproperty list uchar uchar i\nend_header\n" +
-                                    std::string("\x01\x01\x05", 3)),
-                       "width <= mEnd - mRis", "read_element_binary"));
+        const std::string faces = "element f 2\nproperty list int uint16 i\nend_header\n";
+        const std::string face0 = std::string("\x01\0\0\0\x07\0", 6);
+        EXPECT_TRUE(raised(open_failure(le + faces + face0 + std::string("\xff\xff\xff\xff", 4)), "list_count >= 0",
+                           "read_element_binary"));
+        EXPECT_TRUE(raised(open_failure(le + faces + face0 + std::string("\x03\0\0\0\x01\0\x02\0\x03", 9)),
+                           "list_count <= (mEnd - mRis) / width", "read_element_binary"));
+        EXPECT_TRUE(raised(open_failure(le + faces + face0 + std::string("\x03\0", 2)), "count_width <= mEnd - mRis",
+                           "read_element_binary"));
+        // Lists of one length, the last one cut short.
+        EXPECT_TRUE(raised(open_failure(le + faces + face0 + std::string("\x01\0\0\0\x07", 5)),
+                           "list_count <= (mEnd - mRis) / width", "read_element_binary"));
+        EXPECT_TRUE(raised(open_failure(le + "element f 1\nproperty list uint64 uchar i\nend_header\n" + std::string(8, '\xff') + "x"),
+                           "list_count >= 0", "read_element_binary"));
+        EXPECT_TRUE(raised(open_failure(le + "element f 2\nproperty uchar a\nproperty list uchar uchar i\nend_header\n" +
+                                        std::string("\x01\x01\x05", 3)),
+                           "width <= mEnd - mRis", "read_element_binary"));
 
-    const std::string text = "ply\nformat ascii 1.0\n";
-    EXPECT_TRUE(raised(open_failure(text + "element v 3\nproperty float x\nend_header\n1 2    \n"), "number_read", "read_body_text"));
-    EXPECT_TRUE(raised(open_failure(text + "element v 3\nproperty float x\nend_header\n1 2\n"),
-                       "item_count <= (reader.remaining () + 1) / 2 / property_count", "read_body_text"));
-    EXPECT_TRUE(raised(open_failure(text + "element v 2\nproperty uchar x\nend_header\n1 -2\n"), "number_read", "read_body_text"));
-    EXPECT_TRUE(raised(open_failure(text + "element v 2\nproperty int x\nend_header\n1 2.5\n"), "number_read", "read_body_text"));
-    EXPECT_TRUE(raised(open_failure(text + "element f 1\nproperty list uchar int i\nend_header\n-1 4 5\n"), "list_count >= 0",
-                       "read_body_text"));
-    EXPECT_TRUE(raised(open_failure(text + "element f 1\nproperty list uchar int i\nend_header\n9 4 5\n"),
-                       "list_count <= (reader.remaining () + 1) / 2", "read_body_text"));
+        const std::string text = "ply\nformat ascii 1.0\n";
+        EXPECT_TRUE(raised(open_failure(text + "element v 3\nproperty float x\nend_header\n1 2    \n"), "number_read", "read_body_text"));
+        EXPECT_TRUE(raised(open_failure(text + "element v 3\nproperty float x\nend_header\n1 2\n"),
+                           "item_count <= (reader.remaining () + 1) / 2 / property_count", "read_body_text"));
+        EXPECT_TRUE(raised(open_failure(text + "element v 2\nproperty uchar x\nend_header\n1 -2\n"), "number_read", "read_body_text"));
+        EXPECT_TRUE(raised(open_failure(text + "element v 2\nproperty int x\nend_header\n1 2.5\n"), "number_read", "read_body_text"));
+        EXPECT_TRUE(raised(open_failure(text + "element f 1\nproperty list uchar int i\nend_header\n-1 4 5\n"), "list_count >= 0",
+                           "read_body_text"));
+        EXPECT_TRUE(raised(open_failure(text + "element f 1\nproperty list uchar int i\nend_header\n9 4 5\n"),
+                           "list_count <= (reader.remaining () + 1) / 2", "read_body_text"));
+    }
+}
+
+TEST_F(PlyReaderTest, BodiesThroughTinyWindowsGiveTheSameAnswers) {
+    // Header lines, numbers, items wider than the window and list counts
+    // all get cut somewhere by one of these.
+    const auto elements = model();
+    for (const std::string format : {"ascii", "binary_little_endian", "binary_big_endian"})
+        for (const INDEX bytes : {1, 2, 3, 7, 16, 61}) {
+            const Window window(bytes);
+            const PlyReader reader(write(format + ".ply", encode(format, elements)));
+            expect_model(reader, elements, format + " window " + std::to_string(bytes));
+        }
+}
+
+TEST_F(PlyReaderTest, ListsAndNumbersStraddlingWindowsKeepTheirValues) {
+    // Lists of one length over many blocks, then changing lengths, one list
+    // several windows long, and a list of fixed length beside them.
+    Element faces{"face", 400, {{"uchar", "", "flag", {}}, {"int", "uint16", "idx", {}}, {"double", "", "w", {}}, {"uint64", "uchar", "tag", {}}}};
+    for (int i = 0; i < 400; ++i) {
+        const int n = i == 300 ? 3000 : i < 150 ? 3 : (i * 7) % 6;
+        faces.properties[0].items.push_back({std::to_string(i % 256)});
+        std::vector<std::string> idx;
+        for (int k = 0; k < n; ++k)
+            idx.push_back(std::to_string((k * 7919 + i) % 4000000 - 2000000));
+        faces.properties[1].items.push_back(idx);
+        char w[40];
+        std::snprintf(w, sizeof w, "%.17g", (i - 200) * 1.2345678901234567e-123);
+        faces.properties[2].items.push_back({w});
+        faces.properties[3].items.push_back({std::to_string(18446744073709551615ull - i), std::to_string(i)});
+    }
+    const std::vector<Element> elements{faces};
+    for (const std::string format : {"ascii", "binary_little_endian", "binary_big_endian"})
+        for (const INDEX bytes : {64, 1000}) {
+            const Window window(bytes);
+            const PlyReader reader(write(format + ".ply", encode(format, elements)));
+            expect_model(reader, elements, format + " window " + std::to_string(bytes));
+        }
+}
+
+TEST_F(PlyReaderTest, AMissingFileFailsAndIsNotCreated) {
+    const std::string path = (mDir / "none.ply").string();
+    const std::string text = failure_of([&] { PlyReader reader(path); });
+    EXPECT_EQ(text.rfind("dynamic_assert failed : r2x >= 0 : at static ORN::INDEX ORN::FileSystemProc::file_size(", 0), 0u) << text;
+    EXPECT_FALSE(fs::exists(path));
+    EXPECT_EQ(failure_of([&] { PlyReader reader(mDir.string()); }).rfind("dynamic_assert failed : r2x >= 0 : at ", 0), 0u);
 }
 
 TEST_F(PlyReaderTest, ListsOfChangingLengthKeepEveryItemsOwnList) {
