@@ -83,6 +83,15 @@ Buffer<unsigned char> FileSystemProc::load_file(const String<char> &path) {
     return rax;
 }
 
+INDEX FileSystemProc::file_size(const String<char> &path) {
+    WIN32_FILE_ATTRIBUTE_DATA r1x;
+    const bool found = ::GetFileAttributesExA(path.c_str(), GetFileExInfoStandard, &r1x) != FALSE &&
+                       (r1x.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
+    const INDEX r2x = found ? static_cast<INDEX>((static_cast<uint64>(r1x.nFileSizeHigh) << 32) | r1x.nFileSizeLow) : VAR_NONE;
+    _DYNAMIC_ASSERT_(r2x >= 0);
+    return r2x;
+}
+
 void FileSystemProc::save_file(const String<char> &path, const Buffer<unsigned char> &data) {
     _DYNAMIC_ASSERT_(data.size () < load_file_size ());
     const auto &rax = data;
