@@ -51,13 +51,6 @@ namespace Private {
 template <class CHAR>
 using String = std::basic_string<CHAR>;
 
-// Compile-time width tag used by the text helpers (kept for symmetry with
-// the rest of the library's template parameters).
-template <INDEX SIZE>
-struct ARGC {
-    static constexpr INDEX value = SIZE;
-};
-
 // A character as the unsigned byte the text readers compare against.
 constexpr unsigned char STRU8(char c) noexcept { return static_cast<unsigned char>(c); }
 

@@ -2,9 +2,8 @@
 
 // Text reading and writing over byte ranges.
 //
-// TextReader walks a text that is followed by a NUL byte (the reader treats
-// the NUL as the end mark, so peeking never reads past the data). Buffers
-// loaded from files get that NUL from `TextReader::terminated`.
+// TextReader walks a byte range and never reads past its end: at the end it
+// answers NUL, so parsers can treat the end like a terminating NUL byte.
 //
 // TextWriter appends to a growing narrow string; numbers are written in the
 // shortest decimal form that reads back to the same value.
@@ -21,13 +20,9 @@ namespace ORN {
 
 class TextReader {
 public:
-    // `text` must point at `size` bytes followed by a NUL byte.
+    // Reads the `size` bytes at `text`.
     TextReader(const char *text, INDEX size) noexcept : mRis(text), mEnd(text + size) {}
     explicit TextReader(const String<char> &text) noexcept : TextReader(text.c_str(), static_cast<INDEX>(text.size())) {}
-
-    // Copy of `text` with a NUL byte after its last byte, for readers over
-    // data that does not end in one.
-    static String<char> terminated(std::string_view text) { return String<char>(text); }
 
     const char *position() const noexcept { return mRis; }
     void seek(const char *p) noexcept { mRis = p; }
