@@ -20,9 +20,4 @@ void *DLL::link(const ORN::String<char> &name) {
     return mThis->link(name);
 }
 
-ORN::String<char> DLL::file_name_of(const ORN::String<char> &path) {
-    const auto slash = path.find_last_of("\\/");
-    return slash == ORN::String<char>::npos ? path : path.substr(slash + 1);
-}
-
 } // namespace ZARN

@@ -41,8 +41,6 @@ public:
     // Where a closed library of the given base name is looked up: the current
     // directory, "lib" + name + ".so" (name + ".dll" on Windows).
     static ORN::String<char> library_path(const ORN::String<char> &name);
-    // The last component of a path (after the last '\\' or '/').
-    static ORN::String<char> file_name_of(const ORN::String<char> &path);
 
 private:
     ORN::StrongRef<Abstract> mThis;

@@ -22,7 +22,7 @@ public:
     ~Implement() override { mDLLHandle.reset(); }
 
     void open(const ORN::String<char> &path) override {
-        const ORN::String<char> name = DLL::file_name_of(path);
+        const ORN::String<char> name = ORN::FileSystemProc::file_name(path);
         void *handle = nullptr;
         [&](void *&result) {
             // A library already in the process (loaded by this module or by the

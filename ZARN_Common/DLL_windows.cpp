@@ -22,7 +22,7 @@ public:
     ~Implement() override { mDLLHandle.reset(); }
 
     void open(const ORN::String<char> &path) override {
-        const ORN::String<char> name = DLL::file_name_of(path);
+        const ORN::String<char> name = ORN::FileSystemProc::file_name(path);
         HINSTANCE handle = nullptr;
         [&](HINSTANCE &result) {
             result = GetModuleHandleA(name.c_str());

@@ -22,11 +22,8 @@ namespace ZARN::Frame {
 
 using ORN::FileSystemProc;
 
-// The text after the last '\\' or '/'; the whole path when it has neither.
-inline ORN::String<char> working_name(const ORN::String<char> &path) {
-    const auto slash = path.find_last_of("\\/");
-    return slash == ORN::String<char>::npos ? path : path.substr(slash + 1);
-}
+// The working directory's own name: its last path component.
+inline ORN::String<char> working_name(const ORN::String<char> &path) { return FileSystemProc::file_name(path); }
 
 // An ordered list of top-level action node types.
 template <class... ACTIONS>

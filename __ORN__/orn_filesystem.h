@@ -40,6 +40,12 @@ public:
     static void build_directory(const String<char> &path);
     // Path components in order; the first is a drive ("C:") when present.
     static Deque<String<char>> decouple_path_name(const String<char> &path);
+    // The text after the last '\\' or '/' (empty when the path ends in one),
+    // the whole path when it has neither.
+    static String<char> file_name(const String<char> &path) {
+        const auto slash = path.find_last_of("\\/");
+        return slash == String<char>::npos ? path : path.substr(slash + 1);
+    }
     // Joins a directory and a relative name with exactly one separator.
     static String<char> join_path(const String<char> &directory, std::string_view name);
 
