@@ -128,6 +128,14 @@ void StreamLoader::write(const Buffer<unsigned char> &data) { write(data.data(),
 
 INDEX StreamLoader::read(Buffer<unsigned char> &data) { return read(data.data(), data.size()); }
 
+INDEX StreamLoader::read(void *data, INDEX size) { return mThis->read(data, size); }
+
+void StreamLoader::write(const void *data, INDEX size) { mThis->write(data, size); }
+
+void StreamLoader::flush() { mThis->flush(); }
+
+void FileSystemProc::save_file(const String<char> &path, const Buffer<unsigned char> &data) { save_file(path, data.text()); }
+
 } // namespace ORN
 
 // ===========================================================================
@@ -234,18 +242,6 @@ INDEX FileSystemProc::file_size(const String<char> &path) {
     return r2x;
 }
 
-void FileSystemProc::save_file(const String<char> &path, const Buffer<unsigned char> &data) {
-    _DYNAMIC_ASSERT_(data.size () < load_file_size ());
-    const auto &rax = data;
-    const FileDescriptor r1x(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-    const bool r3x = r1x.get() >= 0;
-    _DYNAMIC_ASSERT_(r3x);
-    INDEX r8x = 0;
-    const bool r4x = write_fully(r1x.get(), rax.data(), rax.size(), r8x);
-    _DYNAMIC_ASSERT_(r4x);
-    _DYNAMIC_ASSERT_(LENGTH (rax) == r8x);
-}
-
 void FileSystemProc::save_file(const String<char> &path, std::string_view data) {
     _DYNAMIC_ASSERT_(data.size () < load_file_size ());
     const auto &rax = data;
@@ -347,13 +343,6 @@ String<char> FileSystemProc::module_path(const void *address) {
 // ---------------------------------------------------------------------------
 // StreamLoader
 
-class StreamLoader::Abstract : public Interface {
-public:
-    virtual INDEX read(void *data, INDEX size) = 0;
-    virtual void write(const void *data, INDEX size) = 0;
-    virtual void flush() = 0;
-};
-
 namespace {
 
 class StreamImplement final : public StreamLoader::Abstract {
@@ -404,12 +393,6 @@ StreamLoader StreamLoader::open_write(const String<char> &path) {
     r1x.mThis = open_stream(path, O_WRONLY | O_APPEND);
     return r1x;
 }
-
-INDEX StreamLoader::read(void *data, INDEX size) { return mThis->read(data, size); }
-
-void StreamLoader::write(const void *data, INDEX size) { mThis->write(data, size); }
-
-void StreamLoader::flush() { mThis->flush(); }
 
 } // namespace ORN
 

@@ -81,7 +81,13 @@ public:
     // Forces written data to the disk.
     void flush();
 
-    class Abstract;
+    // The open file of one platform.
+    class Abstract : public Interface {
+    public:
+        virtual INDEX read(void *data, INDEX size) = 0;
+        virtual void write(const void *data, INDEX size) = 0;
+        virtual void flush() = 0;
+    };
 
 private:
     StrongRef<Abstract> mThis;

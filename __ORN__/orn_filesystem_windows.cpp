@@ -92,19 +92,6 @@ INDEX FileSystemProc::file_size(const String<char> &path) {
     return r2x;
 }
 
-void FileSystemProc::save_file(const String<char> &path, const Buffer<unsigned char> &data) {
-    _DYNAMIC_ASSERT_(data.size () < load_file_size ());
-    const auto &rax = data;
-    const FileHandle r1x(
-        ::CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    const bool r3x = r1x.valid();
-    _DYNAMIC_ASSERT_(r3x);
-    DWORD r8x = 0;
-    const bool r4x = ::WriteFile(r1x.get(), rax.data(), static_cast<DWORD>(rax.size()), &r8x, nullptr) != FALSE;
-    _DYNAMIC_ASSERT_(r4x);
-    _DYNAMIC_ASSERT_(LENGTH (rax) == r8x);
-}
-
 void FileSystemProc::save_file(const String<char> &path, std::string_view data) {
     _DYNAMIC_ASSERT_(data.size () < load_file_size ());
     const auto &rax = data;
@@ -227,13 +214,6 @@ String<char> FileSystemProc::module_path(const void *address) {
 // ---------------------------------------------------------------------------
 // StreamLoader
 
-class StreamLoader::Abstract : public Interface {
-public:
-    virtual INDEX read(void *data, INDEX size) = 0;
-    virtual void write(const void *data, INDEX size) = 0;
-    virtual void flush() = 0;
-};
-
 namespace {
 
 class StreamImplement final : public StreamLoader::Abstract {
@@ -297,12 +277,6 @@ StreamLoader StreamLoader::open_write(const String<char> &path) {
     r1x.mThis = open_stream(path, GENERIC_WRITE, true);
     return r1x;
 }
-
-INDEX StreamLoader::read(void *data, INDEX size) { return mThis->read(data, size); }
-
-void StreamLoader::write(const void *data, INDEX size) { mThis->write(data, size); }
-
-void StreamLoader::flush() { mThis->flush(); }
 
 } // namespace ORN
 
