@@ -4,6 +4,7 @@
 // in orn_filesystem_windows.cpp.
 
 #include "orn_filesystem.h"
+#include "orn_filesystem_platform.h"
 
 #include <algorithm>
 #include <cstring>
@@ -135,6 +136,26 @@ void StreamLoader::write(const void *data, INDEX size) { mThis->write(data, size
 void StreamLoader::flush() { mThis->flush(); }
 
 void FileSystemProc::save_file(const String<char> &path, const Buffer<unsigned char> &data) { save_file(path, data.text()); }
+
+// Prefixes are joined with the platform's separator; a drive ("C:") is only
+// appended, and the empty first component of a rooted path ("/a/b", "\\a")
+// stands for the root, so "/a/b" rebuilds as "/a" then "/a/b".
+void FileSystemProc::build_directory(const String<char> &path) {
+    const Deque<String<char>> r2x = decouple_path_name(path);
+    _DYNAMIC_ASSERT_(r2x.length () >= 1);
+    String<char> prefix;
+    for (INDEX i = 0; i < r2x.length(); ++i) {
+        const String<char> &item = r2x[i];
+        if (i > 0)
+            prefix.push_back(Private::FilePlatform::SEPARATOR);
+        prefix.append(item);
+        if (item.empty() || item.back() == ':')
+            continue;
+        if (find_directory(prefix))
+            continue;
+        Private::FilePlatform::create_directory(prefix);
+    }
+}
 
 } // namespace ORN
 
@@ -293,24 +314,10 @@ bool FileSystemProc::identical_file(const String<char> &a, const String<char> &b
     return s1.st_dev == s2.st_dev && s1.st_ino == s2.st_ino;
 }
 
-// Prefixes are joined with '/'; the empty first component of an absolute path
-// stands for the root, so "/a/b" rebuilds as "/a" then "/a/b".
-void FileSystemProc::build_directory(const String<char> &path) {
-    const Deque<String<char>> r2x = decouple_path_name(path);
-    _DYNAMIC_ASSERT_(r2x.length () >= 1);
-    String<char> prefix;
-    for (INDEX i = 0; i < r2x.length(); ++i) {
-        const String<char> &item = r2x[i];
-        if (i > 0)
-            prefix.push_back('/');
-        prefix.append(item);
-        if (item.empty() || item.back() == ':')
-            continue;
-        if (find_directory(prefix))
-            continue;
-        (void)::mkdir(prefix.c_str(), 0777);
-    }
-}
+
+const char Private::FilePlatform::SEPARATOR = '/';
+
+void Private::FilePlatform::create_directory(const String<char> &path) { (void)::mkdir(path.c_str(), 0777); }
 
 String<char> FileSystemProc::working_path() {
     String<char> r1x(256, '\0');

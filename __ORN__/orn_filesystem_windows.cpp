@@ -5,6 +5,7 @@
 #ifdef _WIN32
 
 #include "orn_filesystem.h"
+#include "orn_filesystem_platform.h"
 
 #ifndef WIN32_LEAN_AND_MEAN
 #define WIN32_LEAN_AND_MEAN
@@ -149,24 +150,10 @@ bool FileSystemProc::identical_file(const String<char> &a, const String<char> &b
            i1.nFileIndexLow == i2.nFileIndexLow;
 }
 
-// Prefixes are joined with '\\'; a drive ("C:") is only appended, and the
-// empty first component of a rooted path ("\\a\\b") stands for the root.
-void FileSystemProc::build_directory(const String<char> &path) {
-    const Deque<String<char>> r2x = decouple_path_name(path);
-    _DYNAMIC_ASSERT_(r2x.length () >= 1);
-    String<char> prefix;
-    for (INDEX i = 0; i < r2x.length(); ++i) {
-        const String<char> &item = r2x[i];
-        if (i > 0)
-            prefix.push_back('\\');
-        prefix.append(item);
-        if (item.empty() || item.back() == ':')
-            continue;
-        if (find_directory(prefix))
-            continue;
-        (void)::CreateDirectoryA(prefix.c_str(), nullptr);
-    }
-}
+
+const char Private::FilePlatform::SEPARATOR = '\\';
+
+void Private::FilePlatform::create_directory(const String<char> &path) { (void)::CreateDirectoryA(path.c_str(), nullptr); }
 
 String<char> FileSystemProc::working_path() {
     String<char> r1x;
