@@ -1,4 +1,5 @@
 # The two everyday commands: `make demo` and `make test`.
+MAKEFLAGS += --no-print-directory
 BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=

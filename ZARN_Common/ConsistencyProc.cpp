@@ -3,35 +3,45 @@
 #include "__ORN__/orn_debugger.h"
 #include "__ORN__/orn_filesystem.h"
 
-#include <charconv>
 
 namespace ZARN {
 
 using ORN::FileSystemProc;
 
 ORN::XmlParser ConsistencyProc::load_Lumora_setting_xml(const ORN::String<char> &working_path) {
+    ORN::Array<ORN::String<char>> files_read;
+    return load_Lumora_setting_xml(working_path, files_read);
+}
+
+ORN::XmlParser ConsistencyProc::load_Lumora_setting_xml(const ORN::String<char> &working_path,
+                                                        ORN::Array<ORN::String<char>> &files_read) {
     // The module's directory is that of the file holding this function.
-    const auto self = &ConsistencyProc::load_Lumora_setting_xml;
+    const auto self = static_cast<ORN::XmlParser (*)(const ORN::String<char> &)>(&load_Lumora_setting_xml);
+    const ORN::JobDirectory job(working_path);
+    constexpr std::string_view SETTING = "setting.xml";
     const ORN::Array<ORN::String<char>> candidates{
-        FileSystemProc::join_path(working_path, "setting.xml"),
-        FileSystemProc::join_path(FileSystemProc::working_path(), "setting.xml"),
-        FileSystemProc::join_path(FileSystemProc::module_path(reinterpret_cast<const void *>(self)), "setting.xml"),
+        job.path(SETTING),
+        FileSystemProc::join_path(FileSystemProc::working_path(), SETTING),
+        FileSystemProc::join_path(FileSystemProc::module_path(reinterpret_cast<const void *>(self)), SETTING),
     };
+    constexpr ORN::INDEX limit = ORN::JobDirectory::config_file_size();
     ORN::Array<ORN::XmlParser> slots(candidates.size());
     for (ORN::INDEX ix = 0; ix < candidates.size(); ++ix) {
         bool seen = false;
         for (ORN::INDEX iy = 0; iy < ix && !seen; ++iy)
             seen = FileSystemProc::identical_file(candidates[ix], candidates[iy]);
-        if (seen)
+        // A missing file is the usual case and says nothing.
+        const bool present = ix == 0 ? job.exist(SETTING) : FileSystemProc::find_file(candidates[ix]);
+        if (seen || !present)
             continue;
-        slots[ix] = ORN::try_invoke(
-            [&] {
-                const auto data = FileSystemProc::load_file(candidates[ix]);
-                ORN::XmlParser document(data.text());
-                ORN::console().debug("setting file : ", candidates[ix]);
-                return document;
-            },
-            ORN::XmlParser());
+        const bool loaded = ORN::try_run([&] {
+            const auto data = ix == 0 ? job.load_file(SETTING, limit) : FileSystemProc::load_file(candidates[ix], limit);
+            slots[ix] = ORN::XmlParser(data.text());
+        });
+        if (loaded)
+            files_read.append(candidates[ix]);
+        else
+            ORN::console().warn("setting file ignored : ", candidates[ix]);
     }
     return ORN::XmlParser(slots);
 }
@@ -53,10 +63,10 @@ void ConsistencyProc::compute_read_array_from_json(const ORN::Array<ORN::JsonPar
                                                    const ORN::Set<ORN::int64> &ids, ORN::BitSet &flags) {
     for (ORN::INDEX ix = 0; ix < group.size(); ++ix) {
         _DYNAMIC_ASSERT_(ix >= 0 && ix < group.size ());
-        const ORN::String<char> text = group[ix].value(ORN::String<char>());
-        ORN::int64 id = 0;
-        const auto r = std::from_chars(text.data(), text.data() + text.size(), id);
-        if (r.ec != std::errc() || r.ptr != text.data() + text.size())
+        // Two different fallbacks tell an element that is no integer from one
+        // that happens to equal a fallback.
+        const ORN::int64 id = group[ix].value(ORN::int64(0));
+        if (id == 0 && group[ix].value(ORN::int64(1)) != 0)
             continue;
         const ORN::INDEX r1x = ids.find(id);
         if (r1x == ORN::VAR_NONE)

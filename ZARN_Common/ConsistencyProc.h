@@ -14,6 +14,12 @@ public:
     // same file reached twice is read once; a missing, unreadable or malformed
     // file leaves its slot empty.
     static ORN::XmlParser load_Lumora_setting_xml(const ORN::String<char> &working_path);
+    // The same, also telling which files were read, in slot order. The
+    // working directory's file is read as a file of the job (no link is
+    // followed); each file must be a regular file below the size limit of
+    // configuration files, otherwise it is reported and left out.
+    static ORN::XmlParser load_Lumora_setting_xml(const ORN::String<char> &working_path,
+                                                  ORN::Array<ORN::String<char>> &files_read);
 
     // Returns when the file exists; otherwise logs "missing file : " and the
     // path and fails.
@@ -23,8 +29,9 @@ public:
     static ORN::String<char> asset_file_distort_table_txt();
 
     // For every identifier in `group` that `ids` knows, sets the bit at its
-    // position in `flags`. Unknown identifiers (and texts that are not
-    // integers) are ignored; bits are only ever set.
+    // position in `flags`. Identifiers are read as integers with the JSON
+    // parser's typed read ("+5" and +5 are 5); unknown identifiers, and
+    // elements that are no integer, are ignored; bits are only ever set.
     static void compute_read_array_from_json(const ORN::Array<ORN::JsonParser> &group, const ORN::Set<ORN::int64> &ids,
                                              ORN::BitSet &flags);
 };

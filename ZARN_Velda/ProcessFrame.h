@@ -69,15 +69,16 @@ struct VAR_mWorkingPath {
 };
 
 // The process's section of the joined "setting.xml" files (non-existing when
-// no file has one).
+// no file has one), and the files that were read.
 template <class P>
 struct CON_mSettingXml {
     ORN_NODE(CON_mSettingXml);
     ORN::XmlParser mSelf;
+    ORN::Array<ORN::String<char>> mFiles;
     explicit CON_mSettingXml(ORN::SyntaxTree &tree) {
         const auto &path = tree.stack<VAR_mWorkingPath>();
         tree.once([this, &path] {
-            mSelf = ConsistencyProc::load_Lumora_setting_xml(path.mSelf).child("_Lumora").child(P::NAME);
+            mSelf = ConsistencyProc::load_Lumora_setting_xml(path.mSelf, mFiles).child("_Lumora").child(P::NAME);
         });
     }
 };
@@ -99,6 +100,11 @@ struct CON_mSetting : P::SETTING {
     }
 };
 
+// The parsed "caches/split_data.json" of a job. All nine processes of a job
+// read it: the document is parsed once and handed out again for as long as
+// the file stays the very same (same inode, size and change times).
+ORN::JsonParser split_data_document(const ORN::String<char> &working_path);
+
 // The process's member of "caches/split_data.json".
 template <class P>
 struct CON_mSplitDataJson {
@@ -106,10 +112,7 @@ struct CON_mSplitDataJson {
     ORN::JsonParser mSelf;
     explicit CON_mSplitDataJson(ORN::SyntaxTree &tree) {
         const auto &path = tree.stack<VAR_mWorkingPath>();
-        tree.once([this, &path] {
-            const auto text = FileSystemProc::load_file(FileSystemProc::join_path(path.mSelf, "caches/split_data.json"));
-            mSelf = ORN::JsonParser(text).child(P::NAME);
-        });
+        tree.once([this, &path] { mSelf = split_data_document(path.mSelf).child(P::NAME); });
     }
 };
 
@@ -125,34 +128,45 @@ struct CON_mEnableProcess {
 };
 
 // The first action of every process: makes the directories the process
-// writes into (P::WORKING_DIRECTORIES, relative to the working path) and
-// logs the settings in effect.
+// writes into (P::WORKING_DIRECTORIES, relative to the working path, each a
+// real directory of the job) and logs the settings files read and the
+// settings in effect.
 template <class P>
 struct ACT_mWorkingPath {
     ORN_NODE(ACT_mWorkingPath);
     explicit ACT_mWorkingPath(ORN::SyntaxTree &tree) {
         const auto &path = tree.stack<VAR_mWorkingPath>();
+        const auto &xml = tree.stack<CON_mSettingXml<P>>();
         if constexpr (requires { typename P::SETTING; }) {
             const auto &setting = tree.stack<CON_mSetting<P>>();
-            tree.once([&path, &setting] {
-                make_directories(path.mSelf);
+            tree.once([&path, &xml, &setting] {
+                make_directories(path.mSelf, xml.mFiles);
                 setting.report(ORN::console());
             });
         } else {
-            tree.once([&path] { make_directories(path.mSelf); });
+            tree.once([&path, &xml] { make_directories(path.mSelf, xml.mFiles); });
         }
     }
 
 private:
-    static void make_directories(const ORN::String<char> &path) {
-        if constexpr (requires { P::WORKING_DIRECTORIES; })
+    static void make_directories(const ORN::String<char> &path, const ORN::Array<ORN::String<char>> &files) {
+        for (const auto &file : files)
+            ORN::console().debug("setting file : ", file);
+        if constexpr (requires { P::WORKING_DIRECTORIES; }) {
+            const ORN::JobDirectory job(path);
             for (std::string_view dir : P::WORKING_DIRECTORIES)
-                FileSystemProc::build_directory(FileSystemProc::join_path(path, dir));
+                job.build_directory(dir);
+        }
     }
 };
 
 // ---------------------------------------------------------------------------
 // The run sequence shared by every process.
+
+// The build stamp of the module, one for all its processes: the date and
+// time at which the module was last built.
+extern const char BUILD_DATE[];
+extern const char BUILD_TIME[];
 
 template <class P>
 class ProcessImplement : public Process {
@@ -170,17 +184,28 @@ public:
     bool mEnableProcess = false;
     ORN::SyntaxTree mSyntaxTree;
 
+protected:
+    template <class>
+    friend struct GraphExport;
+
+    // The nodes `initialize` evaluates: the switch and the settings.
+    void stack_initial_nodes() {
+        mSyntaxTree.stack<CON_mSettingXml>();
+        if constexpr (requires { typename P::SETTING; })
+            mSyntaxTree.stack<CON_mSetting>();
+    }
+
     // The declared graph of the whole process in Graphviz DOT form; no action
     // runs.
     ORN::String<char> graph_dot(const ORN::String<char> &working_path) {
         mWorkingPath = working_path;
         mSyntaxTree.stack<CON_mEnableProcess>();
+        stack_initial_nodes();
         mSyntaxTree.redo<VAR_mWorkingPath>(mWorkingPath);
         P::ACTIONS::stack(mSyntaxTree);
         return mSyntaxTree.to_dot();
     }
 
-protected:
     // The graph's time report, costliest node first, at verbose level.
     void report_times(ORN::ConsoleService &console) const {
         char line[64];
@@ -191,24 +216,29 @@ protected:
         }
     }
 
-    // Everything of `initialize` after the working name is set and checked.
+    // Everything of `initialize` after the working name is set and checked:
+    // the split data and the settings files are read here, also for a
+    // process that turns out to be disabled.
     bool initialize_graph() {
         const auto &enable = mSyntaxTree.stack<CON_mEnableProcess>();
+        stack_initial_nodes();
         mSyntaxTree.redo<VAR_mWorkingPath>(mWorkingPath);
         mSyntaxTree.play();
         mEnableProcess = enable.mSelf;
         return mEnableProcess;
     }
 
-    void run_sequence(const char *build_date, const char *build_time) {
+    // An enabled process holds the job lock while its actions play.
+    void run_sequence() {
         auto &console = ORN::console();
         console.print(P::NAME, ":");
-        console.print("BUILD-TIME = ", build_date, " ", build_time);
+        console.print("BUILD-TIME = ", BUILD_DATE, " ", BUILD_TIME);
         console.print("in ", mWorkingPath, " (", mWorkingName, ")");
         const ORN::TimePoint start = ORN::TimePoint::now();
         if (!mEnableProcess) {
             console.warn("skip ", P::NAME);
         } else {
+            const ORN::JobLock lock{ORN::JobDirectory(mWorkingPath)};
             P::ACTIONS::stack(mSyntaxTree);
             mSyntaxTree.observe([this, &console](ORN::INDEX ix) { console.debug(mSyntaxTree.node_name(ix)); });
             mSyntaxTree.clean();
@@ -218,6 +248,16 @@ protected:
         }
         console.info("total time costs : ", start.elapsed().text());
         console.info("all done");
+    }
+};
+
+// The way `zarn graph` reaches a process's declared graph: not an operation
+// of the process itself.
+template <class IMPLEMENT>
+struct GraphExport {
+    static ORN::String<char> dot(const ORN::String<char> &working_path) {
+        IMPLEMENT process;
+        return static_cast<ProcessImplement<IMPLEMENT> &>(process).graph_dot(working_path);
     }
 };
 
@@ -233,13 +273,13 @@ protected:
         _DYNAMIC_ASSERT_(!mWorkingName.empty ());                                                                      \
         return initialize_graph();                                                                                     \
     }                                                                                                                  \
-    void NAME::Private::Implement::execute() { run_sequence(__DATE__, __TIME__); }                                     \
+    void NAME::Private::Implement::execute() { run_sequence(); }                                                         \
     ORN::StrongRef<Process> create_##NAME() {                                                                         \
         return ORN::StrongRef<Process>(std::make_shared<NAME::Private::Implement>());                                  \
     }                                                                                                                  \
     namespace Private {                                                                                                \
     ORN::String<char> graph_of_##NAME(const ORN::String<char> &working_path) {                                        \
-        return NAME::Private::Implement().graph_dot(working_path);                                                     \
+        return Frame::GraphExport<NAME::Private::Implement>::dot(working_path);                                        \
     }                                                                                                                  \
     }
 

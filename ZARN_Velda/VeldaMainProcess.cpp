@@ -8,7 +8,7 @@
 // "results/" by hard link, check the manifests against "results/", and
 // replace "project.json" with the new state.
 
-#include "ZARN_Common/DLL.h"
+#include "ZARN_Common/export.h"
 #include "ZARN_Velda/ProcessFrame.h"
 
 #include <array>
@@ -44,15 +44,20 @@ struct SFMAR_KIND {
 
 // The names, relative to the kind's folder and "/"-separated, of the
 // manifest's "upload" entries whose "file" starts with the kind's component.
-// Entries of other kinds, without a name after the kind, or with "." or ".."
-// components (which would leave the folder) are not listed.
-ORN::Array<ORN::String<char>> read_manifest(const ORN::String<char> &working_path, std::string_view manifest,
+// A manifest must be an object with an "upload" array: anything else is an
+// error, never an empty list. Entries of other kinds, without a name after
+// the kind, or with "." or ".." components (which would leave the folder)
+// are not listed.
+ORN::Array<ORN::String<char>> read_manifest(const ORN::JobDirectory &job, std::string_view manifest,
                                             std::string_view kind) {
-    const ORN::String<char> path = FileSystemProc::join_path(working_path, manifest);
-    ConsistencyProc::check_file_existance(path);
-    const ORN::JsonParser document(FileSystemProc::load_file(path));
+    ConsistencyProc::check_file_existance(job.path(manifest));
+    const ORN::JsonParser document(job.load_file(manifest));
+    const ORN::JsonParser upload = document.child("upload");
+    if (!upload.array_type())
+        ORN::console().error("manifest without an \"upload\" array : ", job.path(manifest));
+    _DYNAMIC_ASSERT_(upload.array_type ());
     ORN::Array<ORN::String<char>> names;
-    for (const ORN::JsonParser &entry : document.child("upload").children()) {
+    for (const ORN::JsonParser &entry : upload.children()) {
         const ORN::JsonParser file = entry.child("file");
         if (!file.string_type())
             continue;
@@ -86,6 +91,7 @@ constexpr std::array<std::string_view, 12> PROJECT_KEYS = {
     "dataSource",  "create_time",   "create_time_s", "state",  "expect_time", "expect_time_s",
 };
 constexpr std::string_view PROJECT_STATE = "state";
+constexpr std::string_view PROJECT_FILE = "project.json";
 
 // Keys whose value is a number when the record does not have them.
 constexpr bool numeric_key(std::string_view key) {
@@ -163,8 +169,7 @@ struct PROJECT_RECORD {
                 mField[i] = PROJECT_FIELD{"0", PROJECT_FIELD::FORM::LITERAL};
     }
 
-    explicit PROJECT_RECORD(std::string_view text) : PROJECT_RECORD() {
-        const ORN::JsonParser document(text);
+    explicit PROJECT_RECORD(const ORN::JsonParser &document) : PROJECT_RECORD() {
         for (std::size_t i = 0; i < PROJECT_KEYS.size(); ++i) {
             const ORN::JsonParser member = document.child(PROJECT_KEYS[i]);
             if (PROJECT_KEYS[i] == PROJECT_STATE) {
@@ -260,22 +265,25 @@ class VeldaMainProcess::Private::Implement final : public Frame::ProcessImplemen
     };
 
     // The capture record as it was before this run; a missing "project.json"
-    // is a fresh capture. A record whose replacement was interrupted between
-    // removing the old file and renaming the new one is found in its
-    // complete ".tmp" file.
+    // is a fresh capture. The record is replaced atomically, so the file is
+    // always whole; temporary files an interrupted replacement left are
+    // removed. A record that is no JSON object stops the process and stays
+    // as it is.
     struct CON_mProject {
         ORN_NODE(CON_mProject);
         PROJECT_RECORD mSelf;
         explicit CON_mProject(ORN::SyntaxTree &tree) {
             const auto &path = tree.stack<VAR_mWorkingPath>();
             tree.once([this, &path] {
-                const ORN::String<char> file = FileSystemProc::join_path(path.mSelf, "project.json");
-                if (FileSystemProc::find_file(file)) {
-                    mSelf = PROJECT_RECORD(FileSystemProc::load_file(file).text());
-                } else {
-                    mSelf = ORN::try_invoke(
-                        [&] { return PROJECT_RECORD(FileSystemProc::load_file(file + ".tmp").text()); },
-                        PROJECT_RECORD());
+                const ORN::JobDirectory job(path.mSelf);
+                job.erase_leftovers(PROJECT_FILE);
+                if (job.exist(PROJECT_FILE)) {
+                    const auto text = job.load_file(PROJECT_FILE);
+                    const ORN::JsonParser document(text);
+                    if (!document.object_type())
+                        ORN::console().error("capture record is not a JSON object : ", job.path(PROJECT_FILE));
+                    _DYNAMIC_ASSERT_(document.object_type ());
+                    mSelf = PROJECT_RECORD(document);
                 }
                 ORN::console().info("project done = ", mSelf.mDone);
             });
@@ -288,9 +296,10 @@ class VeldaMainProcess::Private::Implement final : public Frame::ProcessImplemen
         explicit ACT_mVeldaMain_mClean(ORN::SyntaxTree &tree) {
             const auto &path = tree.stack<VAR_mWorkingPath>();
             tree.once([&path] {
-                FileSystemProc::build_directory(FileSystemProc::join_path(path.mSelf, "caches/floorplan"));
+                const ORN::JobDirectory job(path.mSelf);
+                job.build_directory("caches/floorplan");
                 for (std::string_view file : {"caches/vision.json", "caches/floorplan.json", "caches/mesh.json"})
-                    FileSystemProc::erase_file(FileSystemProc::join_path(path.mSelf, file));
+                    job.erase_file(file);
             });
         }
     };
@@ -347,24 +356,22 @@ class VeldaMainProcess::Private::Implement final : public Frame::ProcessImplemen
             tree.stack<ACT_mVeldaMain>();
             const auto &path = tree.stack<VAR_mWorkingPath>();
             tree.once([this, &path] {
-                mSelf = FileSystemProc::find_file(FileSystemProc::join_path(path.mSelf, "caches/vision.json"));
+                mSelf = ORN::JobDirectory(path.mSelf).find_file("caches/vision.json");
             });
         }
     };
 
-    // The files of one kind that the library listed in its manifest; nothing
-    // for a done capture, whose results were published by its earlier run.
+    // The files of one kind that the library listed in its manifest. A done
+    // capture lists them too: its results are published again, so that a
+    // result deleted from "results/" comes back.
     template <class K>
     struct ENUM_FILE {
         ORN::Array<ORN::String<char>> mSelf;
         explicit ENUM_FILE(ORN::SyntaxTree &tree) {
             tree.stack<ACT_mVeldaMain>();
-            const auto &project = tree.stack<CON_mProject>();
             const auto &path = tree.stack<VAR_mWorkingPath>();
-            tree.once([this, &project, &path] {
-                if (project.mSelf.mDone)
-                    return;
-                mSelf = read_manifest(path.mSelf, K::MANIFEST, K::KIND);
+            tree.once([this, &path] {
+                mSelf = read_manifest(ORN::JobDirectory(path.mSelf), K::MANIFEST, K::KIND);
                 ORN::console().info(K::MANIFEST, " : ", mSelf.size(), " files");
             });
         }
@@ -378,25 +385,19 @@ class VeldaMainProcess::Private::Implement final : public Frame::ProcessImplemen
         using ENUM_FILE::ENUM_FILE;
     };
 
-    // Publishes each listed file: the result is removed and made again as a
-    // hard link to the cache file; nothing is copied.
+    // Publishes each listed file from "caches/" into "results/" as a hard
+    // link; nothing is copied.
     template <class K, class ENUM>
     struct RESULTS_DIRE {
         explicit RESULTS_DIRE(ORN::SyntaxTree &tree) {
             const auto &names = tree.stack<ENUM>();
             const auto &path = tree.stack<VAR_mWorkingPath>();
             tree.once([&names, &path] {
-                const ORN::String<char> caches = FileSystemProc::join_path(path.mSelf, "caches");
-                const ORN::String<char> results = FileSystemProc::join_path(path.mSelf, "results");
+                const ORN::JobDirectory job(path.mSelf);
                 for (const ORN::String<char> &name : names.mSelf) {
                     const ORN::String<char> relative = ORN::String<char>(K::KIND) + "/" + name;
-                    const ORN::String<char> source = FileSystemProc::join_path(caches, relative);
-                    const ORN::String<char> target = FileSystemProc::join_path(results, relative);
-                    ConsistencyProc::check_file_existance(source);
-                    FileSystemProc::erase_file(target);
-                    if (name.find('/') != ORN::String<char>::npos)
-                        FileSystemProc::build_directory(target.substr(0, target.find_last_of('/')));
-                    FileSystemProc::link_file(source, target);
+                    ConsistencyProc::check_file_existance(job.path("caches/" + relative));
+                    job.publish_file("caches/" + relative, "results/" + relative);
                     ORN::console().debug("link : results/", relative);
                 }
             });
@@ -412,20 +413,16 @@ class VeldaMainProcess::Private::Implement final : public Frame::ProcessImplemen
     };
 
     // Closes a manifest: read again, every file it lists of its kind must now
-    // be in "results/". A done capture published nothing and checks nothing.
+    // be in "results/".
     template <class K, class DIRE>
     struct UPLOAD_JSON {
         explicit UPLOAD_JSON(ORN::SyntaxTree &tree) {
             tree.stack<DIRE>();
-            const auto &project = tree.stack<CON_mProject>();
             const auto &path = tree.stack<VAR_mWorkingPath>();
-            tree.once([&project, &path] {
-                if (project.mSelf.mDone)
-                    return;
-                const ORN::String<char> results = FileSystemProc::join_path(path.mSelf, "results");
-                for (const ORN::String<char> &name : read_manifest(path.mSelf, K::MANIFEST, K::KIND))
-                    ConsistencyProc::check_file_existance(
-                        FileSystemProc::join_path(results, ORN::String<char>(K::KIND) + "/" + name));
+            tree.once([&path] {
+                const ORN::JobDirectory job(path.mSelf);
+                for (const ORN::String<char> &name : read_manifest(job, K::MANIFEST, K::KIND))
+                    ConsistencyProc::check_file_existance(job.path("results/" + ORN::String<char>(K::KIND) + "/" + name));
             });
         }
     };
@@ -440,8 +437,8 @@ class VeldaMainProcess::Private::Implement final : public Frame::ProcessImplemen
 
     // Replaces "project.json" once everything else has succeeded: the fields
     // as read; done when the run left a vision file (a done capture stays
-    // done), not crashed, progress 100. The new record is complete in
-    // "project.json.tmp" before the old one is removed.
+    // done), not crashed, progress 100. The durable writer replaces the
+    // record whole, keeping its permission bits.
     struct ACT_mProjectJson {
         ORN_NODE(ACT_mProjectJson);
         explicit ACT_mProjectJson(ORN::SyntaxTree &tree) {
@@ -452,11 +449,7 @@ class VeldaMainProcess::Private::Implement final : public Frame::ProcessImplemen
             const auto &path = tree.stack<VAR_mWorkingPath>();
             tree.once([&project, &vision, &path] {
                 const bool done = project.mSelf.mDone || vision.mSelf;
-                const ORN::String<char> file = FileSystemProc::join_path(path.mSelf, "project.json");
-                const ORN::String<char> temporary = file + ".tmp";
-                FileSystemProc::save_file(temporary, project.mSelf.text(done, false, 100));
-                FileSystemProc::erase_file(file);
-                FileSystemProc::move_file(temporary, file);
+                ORN::JobDirectory(path.mSelf).save_file(PROJECT_FILE, project.mSelf.text(done, false, 100));
                 ORN::console().info("project.json : done = ", done);
             });
         }

@@ -65,15 +65,23 @@ constexpr unsigned char STRU8(char c) noexcept { return static_cast<unsigned cha
     } while (false)
 
 // Runs a callable; any exception escaping it becomes the assertion "false" of
-// the calling function. Yields the callable's result.
+// the calling function, after a console line with the exception's own text.
+// Yields the callable's result.
 #define _CALL_TRY_(...) ::ORN::Private::call_try(__VA_ARGS__, __PRETTY_FUNCTION__, __FILE__, __LINE__)
 
 namespace ORN::Private {
+// Logs the text of an exception that escaped a guarded call (its what(), or
+// "unknown exception"), on the line before the assertion that replaces it.
+void report_escaped(const char *text) noexcept;
+
 template <class F>
 decltype(auto) call_try(F &&f, const char *function, const char *file, long line) {
     try {
         return std::forward<F>(f)();
+    } catch (const std::exception &e) {
+        report_escaped(e.what());
     } catch (...) {
+        report_escaped(nullptr);
     }
     raise_assertion("false", function, file, line);
 }

@@ -25,15 +25,28 @@ public:
     virtual void write_log_file(std::string_view tag, std::string_view message) = 0;
     virtual void pause() = 0;
     virtual void clear() = 0;
+    virtual void set_screen_level(ConsoleLevel level) = 0;
 };
 
 class ConsoleService::Private::Implement final : public ConsoleService::Abstract {
 public:
+    // A line asked for while this thread is already writing one (a failing
+    // log write that reports itself) is dropped instead of deadlocking.
     void write(ConsoleLevel level, const String<char> &message) override {
+        if (tWriting)
+            return;
+        const Writing guard;
         const std::lock_guard<std::mutex> lock(mMutex);
-        show_locked();
-        platform::write_line(mConsole, ConsoleService::attribute(level), message);
+        if (level <= mScreenLevel) {
+            show_locked();
+            platform::write_line(mConsole, ConsoleService::attribute(level), message);
+        }
         write_log_locked(ConsoleService::tag(level), message);
+    }
+
+    void set_screen_level(ConsoleLevel level) override {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mScreenLevel = level;
     }
 
     void show() override {
@@ -73,6 +86,9 @@ public:
     }
 
     void write_log_file(std::string_view tag, std::string_view message) override {
+        if (tWriting)
+            return;
+        const Writing guard;
         const std::lock_guard<std::mutex> lock(mMutex);
         write_log_locked(tag, message);
     }
@@ -95,6 +111,13 @@ public:
     }
 
 private:
+    // Marks the thread as writing a line for as long as it lives.
+    static thread_local bool tWriting;
+    struct Writing {
+        Writing() noexcept { tWriting = true; }
+        ~Writing() { tWriting = false; }
+    };
+
     void show_locked() {
         if (mConsole == nullptr)
             mConsole = platform::open();
@@ -113,11 +136,18 @@ private:
     }
 
     mutable std::mutex mMutex;
+    ConsoleLevel mScreenLevel = ConsoleLevel::Verbose;
     void *mConsole = nullptr;
     String<char> mLogDirectory;
     StreamLoader mLog;
     TextWriter mWriter;
 };
+
+thread_local bool ConsoleService::Private::Implement::tWriting = false;
+
+void Private::report_escaped(const char *text) noexcept {
+    try_run([&] { console().error(text != nullptr ? text : "unknown exception"); });
+}
 
 ConsoleService::ConsoleService() : mThis(std::make_shared<Private::Implement>()) {}
 
@@ -140,6 +170,7 @@ String<char> ConsoleService::log_directory() const { return mThis->log_directory
 void ConsoleService::write_log_file(std::string_view tag, std::string_view message) { mThis->write_log_file(tag, message); }
 void ConsoleService::pause() { mThis->pause(); }
 void ConsoleService::clear() { mThis->clear(); }
+void ConsoleService::set_screen_level(ConsoleLevel level) { mThis->set_screen_level(level); }
 
 // Never destroyed: lines printed from other statics' destructors still work.
 // Log lines reach the file with each write, so nothing is left to flush.

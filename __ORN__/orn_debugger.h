@@ -89,6 +89,12 @@ public:
     template <class... A>
     void verbose(const A &...parts) { verbose(compose(parts...)); }
 
+    // Lines of levels more detailed than `level` (in the order print, fatal,
+    // error, warn, info, debug, verbose) go to the log only. All levels are
+    // shown until this is called; the launcher keeps debug and verbose lines
+    // (each node's name, the time report) off the screen unless asked.
+    void set_screen_level(ConsoleLevel level);
+
     // Makes sure a console exists and keeps its output handle (standard
     // output on POSIX). Level operations do this themselves when needed.
     void show();

@@ -163,13 +163,20 @@ void FileSystemProc::build_directory(const String<char> &path) {
 // POSIX form.
 #ifndef _WIN32
 
+#include "orn_debugger.h"
+
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
+#include <csignal>
+#include <cstdlib>
 
 namespace ORN {
 
@@ -178,18 +185,34 @@ namespace {
 // Closes a descriptor when the scope ends.
 class FileDescriptor {
 public:
+    FileDescriptor() noexcept = default;
     explicit FileDescriptor(int fd) noexcept : mFd(fd) {}
-    FileDescriptor(const FileDescriptor &) = delete;
-    FileDescriptor &operator=(const FileDescriptor &) = delete;
-    ~FileDescriptor() {
-        if (mFd >= 0)
-            ::close(mFd);
+    FileDescriptor(FileDescriptor &&other) noexcept : mFd(std::exchange(other.mFd, -1)) {}
+    FileDescriptor &operator=(FileDescriptor &&other) noexcept {
+        if (this != &other) {
+            reset();
+            mFd = std::exchange(other.mFd, -1);
+        }
+        return *this;
     }
+    ~FileDescriptor() { reset(); }
     int get() const noexcept { return mFd; }
+    int release() noexcept { return std::exchange(mFd, -1); }
+    void reset() noexcept {
+        if (mFd >= 0)
+            ::close(std::exchange(mFd, -1));
+    }
 
 private:
-    int mFd;
+    int mFd = -1;
 };
+
+// The path as the system takes it: every '\\' is a separator.
+String<char> native(const String<char> &path) {
+    String<char> r1x = path;
+    std::replace(r1x.begin(), r1x.end(), '\\', '/');
+    return r1x;
+}
 
 // One read(2) moves at most this much (the kernel's own cap is just below
 // 2 GiB); larger transfers are done in several calls.
@@ -224,41 +247,190 @@ bool write_fully(int fd, const unsigned char *data, INDEX size, INDEX &done) noe
     return transfer_fully(::write, fd, data, size, done);
 }
 
-// Size of a regular file open at `fd`; -1 for an unopened descriptor or for
-// anything that is not a regular file (a directory cannot be loaded).
-INDEX regular_file_size(int fd) noexcept {
-    struct stat st;
-    if (fd < 0 || ::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))
-        return VAR_NONE;
-    return static_cast<INDEX>(st.st_size);
-}
-
 bool path_present(const String<char> &path) noexcept {
     struct stat st;
-    return ::lstat(path.c_str(), &st) == 0;
+    return ::lstat(native(path).c_str(), &st) == 0;
 }
+
+// ---------------------------------------------------------------------------
+// Failure lines: "<operation> : <path> : <reason>", on the console at error
+// level, just before the assertion that ends the operation.
+
+// A refused entry of a job that is no failure of the system.
+constexpr int REFUSED_LINK = -1;    // a symbolic link where a file or directory was wanted
+constexpr int REFUSED_SPECIAL = -2; // a FIFO, device, socket or directory where a file was wanted
+constexpr int REFUSED_NAME = -3;    // an empty, ".", ".." or rooted component
+
+String<char> reason_text(int error) {
+    switch (error) {
+    case REFUSED_LINK:
+        return "symbolic link, not followed";
+    case REFUSED_SPECIAL:
+        return "not a regular file";
+    case REFUSED_NAME:
+        return "name leaves the job directory";
+    default:
+        return std::strerror(error);
+    }
+}
+
+void report(std::string_view operation, const String<char> &path, const String<char> &reason) {
+    console().error(operation, " : ", path, " : ", reason);
+}
+
+void report_error(std::string_view operation, const String<char> &path, int error) {
+    report(operation, path, reason_text(error));
+}
+
+// Why opening `name` in `dir` without following links failed: a link
+// found in the way is told as such, not as the system's "Too many levels of
+// symbolic links" or "Not a directory".
+int refusal(int dir, const String<char> &name, int error) noexcept {
+    struct stat st;
+    if ((error == ELOOP || error == ENOTDIR || error == EMLINK) &&
+        ::fstatat(dir, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode))
+        return REFUSED_LINK;
+    return error;
+}
+
+int type_refusal(const struct stat &st) noexcept { return S_ISLNK(st.st_mode) ? REFUSED_LINK : REFUSED_SPECIAL; }
+
+// ---------------------------------------------------------------------------
+// Walking a job directory.
+
+// The components of a job-relative name; false when one of them would leave
+// the job (a rooted name, ".", "..").
+bool job_components(std::string_view relative, Deque<String<char>> &parts) {
+    parts = FileSystemProc::decouple_path_name(String<char>(relative));
+    for (const String<char> &part : parts)
+        if (part.empty() || part == "." || part == "..")
+            return false;
+    return true;
+}
+
+// An open directory of a job, or why it could not be reached.
+struct WALK {
+    FileDescriptor mFd;
+    int mError = 0;
+    String<char> mFailed; // the path of the component that failed
+    bool ok() const noexcept { return mFd.get() >= 0; }
+};
+
+// Opens the directory made of the first `count` components below the job
+// root, each a real directory entered without following links; missing
+// ones are made when `create` is set.
+WALK walk_job(const String<char> &root, const Deque<String<char>> &parts, INDEX count, bool create) {
+    WALK r1x;
+    r1x.mFailed = root;
+    r1x.mFd = FileDescriptor(::open(native(root).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!r1x.ok()) {
+        r1x.mError = errno;
+        return r1x;
+    }
+    for (INDEX i = 0; i < count; ++i) {
+        const String<char> &name = parts[i];
+        r1x.mFailed = FileSystemProc::join_path(r1x.mFailed, name);
+        constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+        int next = ::openat(r1x.mFd.get(), name.c_str(), flags);
+        if (next < 0 && errno == ENOENT && create) {
+            if (::mkdirat(r1x.mFd.get(), name.c_str(), 0777) == 0 || errno == EEXIST)
+                next = ::openat(r1x.mFd.get(), name.c_str(), flags);
+        }
+        if (next < 0) {
+            r1x.mError = refusal(r1x.mFd.get(), name, errno);
+            r1x.mFd.reset();
+            return r1x;
+        }
+        r1x.mFd = FileDescriptor(next);
+    }
+    return r1x;
+}
+
+// The directory holding a job-relative name, and the name's last component.
+struct ENTRY {
+    WALK mDirectory;
+    String<char> mName;
+    bool ok() const noexcept { return mDirectory.ok(); }
+};
+
+ENTRY job_entry(const String<char> &root, std::string_view relative, bool create) {
+    ENTRY r1x;
+    Deque<String<char>> parts;
+    if (!job_components(relative, parts) || parts.empty()) {
+        r1x.mDirectory.mError = REFUSED_NAME;
+        r1x.mDirectory.mFailed = FileSystemProc::join_path(root, relative);
+        return r1x;
+    }
+    r1x.mDirectory = walk_job(root, parts, parts.size() - 1, create);
+    r1x.mName = parts.back();
+    return r1x;
+}
+
+// Test hook: a run is killed at the named point when ZARN_FAULT_POINT names
+// it, so that tests can interrupt a write where a crash would.
+void fault_point(std::string_view name) {
+    const char *point = std::getenv("ZARN_FAULT_POINT");
+    if (point != nullptr && name == point)
+        ::raise(SIGKILL);
+}
+
+std::atomic<bool> gWaitForJobLock{true};
 
 } // namespace
 
-Buffer<unsigned char> FileSystemProc::load_file(const String<char> &path) {
-    const FileDescriptor r1x(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    const INDEX r2x = regular_file_size(r1x.get());
+Buffer<unsigned char> FileSystemProc::load_file(const String<char> &path) { return load_file(path, load_file_size()); }
+
+Buffer<unsigned char> FileSystemProc::load_file(const String<char> &path, INDEX size_limit) {
+    const int fd = ::open(native(path).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    return load_file(OpenFile{fd, fd < 0 ? errno : 0}, path, size_limit);
+}
+
+// The whole content of an opened file. The descriptor was opened without
+// blocking (a FIFO opens at once) and is refused unless it is a regular file.
+Buffer<unsigned char> FileSystemProc::load_file(OpenFile file, const String<char> &path, INDEX size_limit) {
+    const FileDescriptor r1x(static_cast<int>(file.mHandle));
+    INDEX r2x = VAR_NONE;
+    struct stat st;
+    if (r1x.get() < 0)
+        report_error("load_file", path, file.mError);
+    else if (::fstat(r1x.get(), &st) != 0)
+        report_error("load_file", path, errno);
+    else if (!S_ISREG(st.st_mode))
+        report_error("load_file", path, type_refusal(st));
+    else if ((r2x = static_cast<INDEX>(st.st_size)) >= load_file_size())
+        report("load_file", path, TextWriter::number(r2x) + " bytes, too large to load whole");
     _DYNAMIC_ASSERT_(r2x >= 0 && r2x < load_file_size ());
+    if (r2x >= size_limit)
+        report("load_file", path,
+               TextWriter::number(r2x) + " bytes, over the limit of " + TextWriter::number(size_limit) + " bytes");
+    _DYNAMIC_ASSERT_(r2x < size_limit);
     if (r2x == 0)
         return {};
     Buffer<unsigned char> rax;
     const bool r3x = try_run([&] { rax = Buffer<unsigned char>(r2x); });
+    if (!r3x)
+        report_error("load_file", path, ENOMEM);
     _DYNAMIC_ASSERT_(r3x);
     INDEX r8x = 0;
     const bool r4x = read_fully(r1x.get(), rax.data(), r2x, r8x);
+    if (!r4x)
+        report_error("load_file", path, errno);
     _DYNAMIC_ASSERT_(r4x);
+    if (LENGTH(rax) != r8x)
+        report("load_file", path, "the file shrank while it was read");
     _DYNAMIC_ASSERT_(LENGTH (rax) == r8x);
     return rax;
 }
 
 INDEX FileSystemProc::file_size(const String<char> &path) {
     struct stat st;
-    const INDEX r2x = ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) ? static_cast<INDEX>(st.st_size) : VAR_NONE;
+    INDEX r2x = VAR_NONE;
+    if (::stat(native(path).c_str(), &st) != 0)
+        report_error("file_size", path, errno);
+    else if (!S_ISREG(st.st_mode))
+        report_error("file_size", path, REFUSED_SPECIAL);
+    else
+        r2x = static_cast<INDEX>(st.st_size);
     _DYNAMIC_ASSERT_(r2x >= 0);
     return r2x;
 }
@@ -266,46 +438,61 @@ INDEX FileSystemProc::file_size(const String<char> &path) {
 void FileSystemProc::save_file(const String<char> &path, std::string_view data) {
     _DYNAMIC_ASSERT_(data.size () < load_file_size ());
     const auto &rax = data;
-    const FileDescriptor r1x(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    const FileDescriptor r1x(::open(native(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
     const bool r3x = r1x.get() >= 0;
+    if (!r3x)
+        report_error("save_file", path, errno);
     _DYNAMIC_ASSERT_(r3x);
     INDEX r8x = 0;
     const bool r4x = write_fully(r1x.get(), reinterpret_cast<const unsigned char *>(rax.data()), LENGTH(rax), r8x);
+    if (!r4x)
+        report_error("save_file", path, errno);
     _DYNAMIC_ASSERT_(r4x);
+    if (LENGTH(rax) != r8x)
+        report_error("save_file", path, ENOSPC);
     _DYNAMIC_ASSERT_(LENGTH (rax) == r8x);
 }
 
 bool FileSystemProc::find_file(const String<char> &path) {
     struct stat st;
-    return ::stat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode);
+    return ::stat(native(path).c_str(), &st) == 0 && !S_ISDIR(st.st_mode);
 }
 
 bool FileSystemProc::find_directory(const String<char> &path) {
     struct stat st;
-    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    return ::stat(native(path).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-void FileSystemProc::erase_file(const String<char> &path) { (void)::unlink(path.c_str()); }
+void FileSystemProc::erase_file(const String<char> &path) { (void)::unlink(native(path).c_str()); }
 
 // The destination is checked with lstat, so a dangling symbolic link in the
 // way counts as present as well (rename would silently replace it).
 void FileSystemProc::move_file(const String<char> &source, const String<char> &destination) {
     const bool r1x = path_present(destination);
+    if (r1x)
+        report_error("move_file", destination, EEXIST);
     _DYNAMIC_ASSERT_(!r1x);
-    const bool r2x = ::rename(source.c_str(), destination.c_str()) == 0;
+    const bool r2x = ::rename(native(source).c_str(), native(destination).c_str()) == 0;
+    if (!r2x)
+        report_error("move_file", source, errno);
     _DYNAMIC_ASSERT_(r2x);
 }
 
 void FileSystemProc::link_file(const String<char> &source, const String<char> &destination) {
     const bool r1x = path_present(destination);
+    if (r1x)
+        report_error("link_file", destination, EEXIST);
     _DYNAMIC_ASSERT_(!r1x);
-    const bool r2x = ::link(source.c_str(), destination.c_str()) == 0;
+    const bool r2x = ::link(native(source).c_str(), native(destination).c_str()) == 0;
+    if (!r2x)
+        report_error("link_file", source, errno);
     _DYNAMIC_ASSERT_(r2x);
 }
 
+// Opened as paths only (O_PATH): nothing is read, and a FIFO does not block.
 bool FileSystemProc::identical_file(const String<char> &a, const String<char> &b) {
-    const FileDescriptor r1x(::open(a.c_str(), O_RDONLY | O_CLOEXEC));
-    const FileDescriptor r2x(::open(b.c_str(), O_RDONLY | O_CLOEXEC));
+    const FileDescriptor r1x(::open(native(a).c_str(), O_PATH | O_CLOEXEC));
+    const FileDescriptor r2x(::open(native(b).c_str(), O_PATH | O_CLOEXEC));
     if (r1x.get() < 0 || r2x.get() < 0)
         return false;
     struct stat s1, s2;
@@ -313,7 +500,6 @@ bool FileSystemProc::identical_file(const String<char> &a, const String<char> &b
         return false;
     return s1.st_dev == s2.st_dev && s1.st_ino == s2.st_ino;
 }
-
 
 const char Private::FilePlatform::SEPARATOR = '/';
 
@@ -348,18 +534,277 @@ String<char> FileSystemProc::module_path(const void *address) {
 }
 
 // ---------------------------------------------------------------------------
+// JobDirectory
+
+bool JobDirectory::exist(std::string_view relative) const {
+    const ENTRY r1x = job_entry(mRoot, relative, false);
+    struct stat st;
+    return r1x.ok() && ::fstatat(r1x.mDirectory.mFd.get(), r1x.mName.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+bool JobDirectory::find_file(std::string_view relative) const {
+    const ENTRY r1x = job_entry(mRoot, relative, false);
+    struct stat st;
+    return r1x.ok() && ::fstatat(r1x.mDirectory.mFd.get(), r1x.mName.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISREG(st.st_mode);
+}
+
+Buffer<unsigned char> JobDirectory::load_file(std::string_view relative, INDEX size_limit) const {
+    const ENTRY r1x = job_entry(mRoot, relative, false);
+    if (!r1x.ok()) {
+        // A missing folder is told as the missing file; a refused one by name.
+        const int error = r1x.mDirectory.mError;
+        return FileSystemProc::load_file(FileSystemProc::OpenFile{-1, error},
+                                         error == ENOENT ? path(relative) : r1x.mDirectory.mFailed, size_limit);
+    }
+    const int dir = r1x.mDirectory.mFd.get();
+    const int fd = ::openat(dir, r1x.mName.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    const int error = fd < 0 ? refusal(dir, r1x.mName, errno) : 0;
+    return FileSystemProc::load_file(FileSystemProc::OpenFile{fd, error}, path(relative), size_limit);
+}
+
+JobDirectory::STAMP JobDirectory::stamp(std::string_view relative) const {
+    const ENTRY r1x = job_entry(mRoot, relative, false);
+    STAMP r2x;
+    struct stat st;
+    if (!r1x.ok() || ::fstatat(r1x.mDirectory.mFd.get(), r1x.mName.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !S_ISREG(st.st_mode))
+        return r2x;
+    r2x.mDevice = st.st_dev;
+    r2x.mInode = st.st_ino;
+    r2x.mSize = st.st_size;
+    r2x.mModified = st.st_mtim.tv_sec * 1000000000LL + st.st_mtim.tv_nsec;
+    r2x.mChanged = st.st_ctim.tv_sec * 1000000000LL + st.st_ctim.tv_nsec;
+    return r2x;
+}
+
+void JobDirectory::build_directory(std::string_view relative) const {
+    Deque<String<char>> parts;
+    WALK r1x;
+    if (job_components(relative, parts)) {
+        r1x = walk_job(mRoot, parts, parts.size(), true);
+    } else {
+        r1x.mError = REFUSED_NAME;
+        r1x.mFailed = path(relative);
+    }
+    const bool directory = r1x.ok();
+    if (!directory)
+        report_error("build_directory", r1x.mFailed, r1x.mError);
+    _DYNAMIC_ASSERT_(directory);
+}
+
+void JobDirectory::erase_file(std::string_view relative) const {
+    const ENTRY r1x = job_entry(mRoot, relative, false);
+    if (r1x.ok())
+        (void)::unlinkat(r1x.mDirectory.mFd.get(), r1x.mName.c_str(), 0);
+}
+
+void JobDirectory::erase_leftovers(std::string_view relative) const {
+    const ENTRY r1x = job_entry(mRoot, relative, false);
+    if (!r1x.ok())
+        return;
+    const int dir = ::dup(r1x.mDirectory.mFd.get());
+    DIR *stream = dir < 0 ? nullptr : ::fdopendir(dir);
+    if (stream == nullptr) {
+        if (dir >= 0)
+            ::close(dir);
+        return;
+    }
+    const String<char> prefix = r1x.mName + ".tmp";
+    while (const dirent *entry = ::readdir(stream)) {
+        const std::string_view name = entry->d_name;
+        if (name.starts_with(prefix))
+            (void)::unlinkat(::dirfd(stream), entry->d_name, 0);
+    }
+    ::closedir(stream);
+}
+
+void JobDirectory::save_file(std::string_view relative, std::string_view data) const {
+    _DYNAMIC_ASSERT_(data.size () < FileSystemProc::load_file_size ());
+    const String<char> target = path(relative);
+    const ENTRY r1x = job_entry(mRoot, relative, true);
+    if (!r1x.ok())
+        report_error("save_file", r1x.mDirectory.mFailed, r1x.mDirectory.mError);
+    const int dir = r1x.mDirectory.mFd.get();
+    bool r3x = r1x.ok();
+    _DYNAMIC_ASSERT_(r3x);
+
+    // The new file takes the old one's permission bits.
+    struct stat st;
+    const bool replacing = ::fstatat(dir, r1x.mName.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode);
+    const mode_t mode = replacing ? (st.st_mode & 07777) : 0666;
+
+    // A fresh, unique temporary name; a planted file or link there is never
+    // opened (O_EXCL), another name is taken instead.
+    static std::atomic<uint64> counter{0};
+    String<char> temporary;
+    FileDescriptor file;
+    for (int attempt = 0; attempt < 64 && file.get() < 0; ++attempt) {
+        temporary = r1x.mName + ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(counter++);
+        file = FileDescriptor(
+            ::openat(dir, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+        if (file.get() < 0 && errno != EEXIST)
+            break;
+    }
+    r3x = file.get() >= 0;
+    if (!r3x)
+        report_error("save_file", FileSystemProc::join_path(r1x.mDirectory.mFailed, temporary), errno);
+    _DYNAMIC_ASSERT_(r3x);
+    auto discard = [&] {
+        file.reset();
+        (void)::unlinkat(dir, temporary.c_str(), 0);
+    };
+
+    const auto &rax = data;
+    INDEX r8x = 0;
+    bool r4x = (!replacing || ::fchmod(file.get(), mode) == 0) &&
+               write_fully(file.get(), reinterpret_cast<const unsigned char *>(rax.data()), LENGTH(rax), r8x) &&
+               (LENGTH(rax) != r8x || ::fsync(file.get()) == 0);
+    if (!r4x || LENGTH(rax) != r8x) {
+        report_error("save_file", target, r4x ? ENOSPC : errno);
+        discard();
+    }
+    _DYNAMIC_ASSERT_(r4x);
+    _DYNAMIC_ASSERT_(LENGTH (rax) == r8x);
+    file.reset();
+
+    fault_point("save_file:before_rename");
+    const bool r5x = ::renameat(dir, temporary.c_str(), dir, r1x.mName.c_str()) == 0;
+    if (!r5x) {
+        report_error("save_file", target, errno);
+        discard();
+    }
+    _DYNAMIC_ASSERT_(r5x);
+    fault_point("save_file:after_rename");
+    // The rename itself reaches the disk with the directory.
+    const bool r6x = ::fsync(dir) == 0 || errno == EINVAL;
+    if (!r6x)
+        report_error("save_file", r1x.mDirectory.mFailed, errno);
+    _DYNAMIC_ASSERT_(r6x);
+    erase_leftovers(relative);
+}
+
+void JobDirectory::publish_file(std::string_view source, std::string_view target) const {
+    // The source: a regular file of the job, reached without links.
+    const ENTRY from = job_entry(mRoot, source, false);
+    struct stat original;
+    FileDescriptor file;
+    int error = from.mDirectory.mError;
+    String<char> failed = from.ok() ? path(source) : from.mDirectory.mFailed;
+    if (from.ok()) {
+        const int dir = from.mDirectory.mFd.get();
+        file = FileDescriptor(::openat(dir, from.mName.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        if (file.get() < 0)
+            error = errno;
+        else if (::fstat(file.get(), &original) != 0)
+            error = errno;
+        else if (!S_ISREG(original.st_mode))
+            error = type_refusal(original);
+    }
+    const bool source_regular = error == 0;
+    if (!source_regular)
+        report_error("publish_file", failed, error);
+    _DYNAMIC_ASSERT_(source_regular);
+
+    // The target's directory: real directories of the job, made as needed.
+    const ENTRY to = job_entry(mRoot, target, true);
+    const bool target_directory = to.ok();
+    if (!target_directory)
+        report_error("publish_file", to.mDirectory.mFailed, to.mDirectory.mError);
+    _DYNAMIC_ASSERT_(target_directory);
+    const int dir = to.mDirectory.mFd.get();
+
+    // Delete, then link. unlinkat removes a link in the way, never its target.
+    const int erased = ::unlinkat(dir, to.mName.c_str(), 0) == 0 ? 0 : errno;
+    struct stat st;
+    const bool r1x = ::fstatat(dir, to.mName.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+    if (r1x)
+        report_error("publish_file", path(target), erased != 0 && erased != ENOENT ? erased : EEXIST);
+    _DYNAMIC_ASSERT_(!r1x);
+    const bool r2x = ::linkat(from.mDirectory.mFd.get(), from.mName.c_str(), dir, to.mName.c_str(), 0) == 0;
+    if (!r2x)
+        report_error("publish_file", path(target), errno);
+    _DYNAMIC_ASSERT_(r2x);
+
+    // The name may have been swapped for something else since it was
+    // checked: the new link must be the very file that was checked.
+    const bool same_file = ::fstatat(dir, to.mName.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) &&
+                           st.st_dev == original.st_dev && st.st_ino == original.st_ino;
+    if (!same_file) {
+        (void)::unlinkat(dir, to.mName.c_str(), 0);
+        report("publish_file", path(source), "replaced while it was published");
+    }
+    _DYNAMIC_ASSERT_(same_file);
+}
+
+// ---------------------------------------------------------------------------
+// JobLock
+
+void JobLock::set_wait(bool wait) noexcept { gWaitForJobLock = wait; }
+
+bool JobLock::wait() noexcept { return gWaitForJobLock; }
+
+JobLock::JobLock(const JobDirectory &job) {
+    const String<char> file = job.path(LOCK_FILE);
+    const ENTRY r1x = job_entry(job.root(), LOCK_FILE, true);
+    int error = r1x.mDirectory.mError;
+    FileDescriptor fd;
+    if (r1x.ok()) {
+        const int dir = r1x.mDirectory.mFd.get();
+        fd = FileDescriptor(
+            ::openat(dir, r1x.mName.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
+        struct stat st;
+        if (fd.get() < 0)
+            error = refusal(dir, r1x.mName, errno);
+        else if (::fstat(fd.get(), &st) != 0)
+            error = errno;
+        else if (!S_ISREG(st.st_mode))
+            error = type_refusal(st);
+    }
+    const bool lock_file = error == 0;
+    if (!lock_file)
+        report_error("lock", r1x.ok() ? file : r1x.mDirectory.mFailed, error);
+    _DYNAMIC_ASSERT_(lock_file);
+
+    int r2x;
+    while ((r2x = ::flock(fd.get(), LOCK_EX | LOCK_NB)) != 0 && errno == EINTR) {
+    }
+    if (r2x != 0 && errno == EWOULDBLOCK) {
+        if (!wait()) {
+            report("lock", file, "the job is locked by another run");
+        } else {
+            console().warn("waiting for the job lock : ", file);
+            while ((r2x = ::flock(fd.get(), LOCK_EX)) != 0 && errno == EINTR) {
+            }
+        }
+    } else if (r2x != 0) {
+        report_error("lock", file, errno);
+    }
+    const bool locked = r2x == 0;
+    _DYNAMIC_ASSERT_(locked);
+    mFd = fd.release();
+}
+
+JobLock::~JobLock() {
+    if (mFd >= 0)
+        ::close(mFd); // closing the descriptor releases the lock
+}
+
+// ---------------------------------------------------------------------------
 // StreamLoader
 
 namespace {
 
+constexpr INDEX load_file_size() noexcept { return FileSystemProc::load_file_size(); }
+
 class StreamImplement final : public StreamLoader::Abstract {
 public:
-    explicit StreamImplement(int fd) noexcept : mFd(fd) {}
+    StreamImplement(int fd, String<char> path) noexcept : mFd(fd), mPath(std::move(path)) {}
     ~StreamImplement() override { ::close(mFd); }
 
     INDEX read(void *bytes, INDEX size) override {
         const SizeView data{size};
-        _DYNAMIC_ASSERT_(data.size () < FileSystemProc::load_file_size ());
+        _DYNAMIC_ASSERT_(data.size () < load_file_size ());
         INDEX r8x = 0;
         const bool r4x = read_fully(mFd, static_cast<unsigned char *>(bytes), size, r8x);
         _DYNAMIC_ASSERT_(r4x);
@@ -368,9 +813,11 @@ public:
 
     void write(const void *bytes, INDEX size) override {
         const SizeView data{size};
-        _DYNAMIC_ASSERT_(data.size () < FileSystemProc::load_file_size ());
+        _DYNAMIC_ASSERT_(data.size () < load_file_size ());
         INDEX r2x = 0;
-        (void)write_fully(mFd, static_cast<const unsigned char *>(bytes), size, r2x);
+        const bool written = write_fully(mFd, static_cast<const unsigned char *>(bytes), size, r2x);
+        if (!written || r2x != data.size())
+            report_error("write", mPath, written ? ENOSPC : errno);
         _DYNAMIC_ASSERT_(r2x == data.size ());
     }
 
@@ -378,13 +825,25 @@ public:
 
 private:
     int mFd;
+    String<char> mPath;
 };
 
+// Opened without blocking, then switched back to blocking transfers once it
+// is known to be a regular file: a FIFO or a device is refused, not waited on.
 StrongRef<StreamLoader::Abstract> open_stream(const String<char> &path, int flags) {
-    const int r1x = ::open(path.c_str(), flags | O_CREAT | O_CLOEXEC, 0666);
-    _DYNAMIC_ASSERT_(r1x >= 0);
-    (void)::posix_fadvise(r1x, 0, 0, POSIX_FADV_SEQUENTIAL);
-    return StrongRef<StreamLoader::Abstract>(std::make_shared<StreamImplement>(r1x));
+    FileDescriptor r1x(::open(native(path).c_str(), flags | O_CREAT | O_NONBLOCK | O_CLOEXEC, 0666));
+    int error = r1x.get() < 0 ? errno : 0;
+    struct stat st;
+    if (error == 0 && ::fstat(r1x.get(), &st) != 0)
+        error = errno;
+    else if (error == 0 && !S_ISREG(st.st_mode))
+        error = REFUSED_SPECIAL;
+    if (error != 0)
+        report_error("open", path, error);
+    _DYNAMIC_ASSERT_(r1x.get() >= 0 && error == 0);
+    (void)::fcntl(r1x.get(), F_SETFL, ::fcntl(r1x.get(), F_GETFL) & ~O_NONBLOCK);
+    (void)::posix_fadvise(r1x.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    return StrongRef<StreamLoader::Abstract>(std::make_shared<StreamImplement>(r1x.release(), path));
 }
 
 } // namespace

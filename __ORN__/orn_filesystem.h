@@ -1,11 +1,18 @@
 #pragma once
 
 // The single gateway to files and directories. Paths are narrow strings;
-// both '\\' and '/' separate components. Every failed precondition raises
-// the library's assertion exception; nothing returns error codes.
+// both '\\' and '/' separate components, in every operation and on every
+// platform: on POSIX a '\\' is turned into '/' before the system sees the
+// path, so a file whose name holds a backslash cannot be reached here.
+// Every failed precondition raises the library's assertion exception, after
+// a line "<operation> : <path> : <system reason>" on the console; nothing
+// returns error codes.
 
 #include "orn_array.h"
 #include "orn_basic.h"
+
+#include <cstdint>
+#include <string_view>
 
 namespace ORN {
 
@@ -14,8 +21,11 @@ public:
     // Largest size (exclusive) of one whole-file load or save.
     static constexpr INDEX load_file_size() noexcept { return INDEX(4294967294); }
 
-    // Whole file into a buffer; an empty file gives an empty buffer.
+    // Whole file into a buffer; an empty file gives an empty buffer. The file
+    // is opened without blocking and must be a regular file.
     static Buffer<unsigned char> load_file(const String<char> &path);
+    // The same, refusing a file of `size_limit` bytes or more.
+    static Buffer<unsigned char> load_file(const String<char> &path, INDEX size_limit);
     // Size in bytes of an existing regular file ("r2x >= 0" otherwise), for
     // readers that stream a file instead of loading it whole.
     static INDEX file_size(const String<char> &path);
@@ -58,6 +68,99 @@ public:
     // `address`, with a trailing separator: a module passes the address of
     // one of its own functions to find its own directory.
     static String<char> module_path(const void *address);
+
+private:
+    friend class JobDirectory;
+    // A file opened by the caller (a descriptor or handle, or -1 with the
+    // reason it could not be opened), to be loaded whole.
+    struct OpenFile {
+        std::intptr_t mHandle;
+        int mError;
+    };
+    static Buffer<unsigned char> load_file(OpenFile file, const String<char> &path, INDEX size_limit);
+};
+
+// A job directory, treated as untrusted input. Every name handed to it is
+// relative to the job ("/" or "\\" separated; empty, "." and ".." components
+// are refused) and is reached from a descriptor of the job directory one
+// component at a time with O_NOFOLLOW: no symbolic link below the job
+// directory is ever followed, so nothing it does can read, write or link a
+// file outside the job. (The job directory itself may be reached through a
+// link: the caller chose it.) A refused or failing entry is logged as
+// "<operation> : <path> : <reason>" on the line before the assertion that
+// ends the caller's work.
+class JobDirectory {
+public:
+    explicit JobDirectory(String<char> root) : mRoot(std::move(root)) {}
+
+    const String<char> &root() const noexcept { return mRoot; }
+    // The full path of a name of the job, for messages.
+    String<char> path(std::string_view relative) const { return FileSystemProc::join_path(mRoot, relative); }
+
+    // Size limit of the small configuration files the module reads whole
+    // (split data, manifests, records, settings): 64 MiB.
+    static constexpr INDEX config_file_size() noexcept { return INDEX(64) << 20; }
+
+    // True when the name is present as anything at all (a dangling link too).
+    bool exist(std::string_view relative) const;
+    // True when the name is a regular file reached without links.
+    bool find_file(std::string_view relative) const;
+    // Whole regular file, read without blocking: a link, a FIFO, a device or
+    // a directory is refused, as is a file of `size_limit` bytes or more.
+    Buffer<unsigned char> load_file(std::string_view relative, INDEX size_limit = config_file_size()) const;
+    // Identity of a regular file (device, inode, size, change times); two
+    // equal stamps mean the file was not replaced or changed in between.
+    struct STAMP {
+        uint64 mDevice = 0, mInode = 0;
+        int64 mSize = -1, mModified = 0, mChanged = 0;
+        friend bool operator==(const STAMP &, const STAMP &) = default;
+    };
+    STAMP stamp(std::string_view relative) const;
+
+    // Makes the directory and its missing parents, each a real directory.
+    void build_directory(std::string_view relative) const;
+    // Removes a name (a link itself, never its target); a missing name is fine.
+    void erase_file(std::string_view relative) const;
+
+    // The durable writer: the text goes to a new temporary file beside the
+    // target (created exclusively, never through a link), is flushed to the
+    // disk and renamed over the target, and the directory is flushed. The
+    // target is never truncated: a reader sees the old file or the new one,
+    // whatever happens. An existing target's permission bits are kept.
+    // Leftover temporary files of the target ("<name>.tmp...") are removed.
+    void save_file(std::string_view relative, std::string_view data) const;
+    // Removes the leftover temporary files of a target, which an
+    // interrupted save may leave behind.
+    void erase_leftovers(std::string_view relative) const;
+
+    // The publishing routine: makes `target` a hard link of `source`. The
+    // source must be a regular file; a missing or refused source leaves an
+    // existing target in place. Then the target's directories are made, the
+    // old target is removed ("!r1x" when it cannot be) and the link is made.
+    void publish_file(std::string_view source, std::string_view target) const;
+
+private:
+    String<char> mRoot;
+};
+
+// The advisory lock of a job: "caches/job.lock", held with flock for as
+// long as the object lives. A second holder either waits (with a line saying
+// so) or, when waiting is switched off, fails at once.
+class JobLock {
+public:
+    explicit JobLock(const JobDirectory &job);
+    JobLock(const JobLock &) = delete;
+    JobLock &operator=(const JobLock &) = delete;
+    ~JobLock();
+
+    static constexpr std::string_view LOCK_FILE = "caches/job.lock";
+    // Whether a busy lock is waited for (the default) or refused at once;
+    // one switch for the whole program.
+    static void set_wait(bool wait) noexcept;
+    static bool wait() noexcept;
+
+private:
+    int mFd = -1;
 };
 
 // An open file kept for sequential reading or appending; shared by value,

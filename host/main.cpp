@@ -1,6 +1,6 @@
 // zarn: runs the module's processes over capture job directories.
 //
-//   zarn run [--process NAME]... [--libs DIR] [--log DIR] [--module FILE] WORKDIR...
+//   zarn run [--process NAME]... [--libs DIR] [--log DIR] [--module FILE] [--no-wait] [--verbose] WORKDIR...
 //   zarn graph --process NAME WORKDIR
 //   zarn list
 //   zarn --help | --version
@@ -10,8 +10,15 @@
 #include "ZARN_Velda/ProcessGraph.h"
 #include "__ORN__/orn_debugger.h"
 
+#include "__ORN__/orn_filesystem.h"
+
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include <array>
 #include <cstdio>
@@ -31,7 +38,8 @@ constexpr std::array<std::string_view, 9> PROCESS_ORDER = {
 };
 
 constexpr const char *USAGE = R"(usage:
-  zarn run [--process NAME]... [--libs DIR] [--log DIR] [--module FILE] WORKDIR...
+  zarn run [--process NAME]... [--libs DIR] [--log DIR] [--module FILE]
+           [--no-wait] [--verbose] WORKDIR...
   zarn graph --process NAME WORKDIR
   zarn list
   zarn --help | --version
@@ -47,6 +55,15 @@ list     prints the nine process names in the default order
                kept as console.old.log)
 --module FILE  the module to load (default: ../lib/libZARN_Velda.so next to
                this program)
+--no-wait      fail at once when another run holds a job's lock, instead of
+               waiting for it
+--verbose      also show the debug lines (each node as it plays, the files
+               read and linked) and the time report, which otherwise go to
+               the log only
+
+Each working directory runs in a child process of its own: a library that
+ends the program (exit, _exit) or crashes it (a signal) fails that job's
+process with "<Name> error" and the reason, and the next job still runs.
 
 exit status: 0 all done, 1 a process failed, 2 usage error
 )";
@@ -65,6 +82,8 @@ struct Options {
     std::string libs;
     std::string log;
     std::string module;
+    bool no_wait = false;
+    bool verbose = false;
     std::vector<std::string> workdirs;
 };
 
@@ -121,6 +140,10 @@ Options parse(int argc, char **argv) {
             value(o.log);
         } else if (a == "--module" && o.command == "run") {
             value(o.module);
+        } else if (a == "--no-wait" && o.command == "run") {
+            o.no_wait = true;
+        } else if (a == "--verbose" && o.command == "run") {
+            o.verbose = true;
         } else if (a.size() > 1 && a[0] == '-') {
             throw UsageError{"unknown option " + std::string(a)};
         } else {
@@ -144,11 +167,102 @@ std::string factory_symbol(std::string_view name) {
 }
 
 using Factory = ORN::StrongRef<ZARN::Process> (*)();
+using Factories = std::vector<std::pair<std::string, Factory>>;
+
+// What the child running a job tells the launcher, one byte per event:
+// the index of the process that starts, then DONE or FAILED for it.
+constexpr char DONE = 'd';
+constexpr char FAILED = 'f';
+
+void tell(int pipe, char event) { [[maybe_unused]] const auto n = ::write(pipe, &event, 1); }
+
+// The child's side: runs the processes of one job in order and reports
+// each one; returns the exit status of the child.
+int run_job(const std::string &workdir, const Factories &factories, int pipe) {
+    auto &console = ORN::console();
+    for (std::size_t i = 0; i < factories.size(); ++i) {
+        const auto &[name, factory] = factories[i];
+        tell(pipe, static_cast<char>(i));
+        try {
+            ORN::StrongRef<ZARN::Process> process = factory();
+            process->initialize(workdir);
+            process->execute();
+        } catch (const std::exception &e) {
+            console.error(name, " error");
+            console.error(e.what());
+            tell(pipe, FAILED);
+            return EXIT_FAILED;
+        }
+        tell(pipe, DONE);
+    }
+    return EXIT_DONE;
+}
+
+// The launcher's side: runs one job in a child process, so that a library
+// that ends or crashes the program takes only that child with it. A child
+// that stops in the middle of a process, whatever the way, fails that
+// process.
+int run_job_isolated(const std::string &workdir, const Factories &factories) {
+    auto &console = ORN::console();
+    int channel[2];
+    if (::pipe2(channel, O_CLOEXEC) != 0)
+        throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
+    std::fflush(nullptr);
+    const pid_t child = ::fork();
+    if (child < 0)
+        throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
+    if (child == 0) {
+        ::close(channel[0]);
+        const int status = run_job(workdir, factories, channel[1]);
+        std::fflush(nullptr);
+        ::_exit(status);
+    }
+    ::close(channel[1]);
+    int current = -1; // the process running in the child, -1 between processes
+    char event;
+    for (;;) {
+        const ssize_t n = ::read(channel[0], &event, 1);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        current = event == DONE || event == FAILED ? -1 : static_cast<unsigned char>(event);
+        if (event == FAILED) {
+            ::close(channel[0]);
+            int ignored;
+            while (::waitpid(child, &ignored, 0) < 0 && errno == EINTR) {
+            }
+            return EXIT_FAILED;
+        }
+    }
+    ::close(channel[0]);
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (current < 0 && WIFEXITED(status) && WEXITSTATUS(status) == EXIT_DONE)
+        return EXIT_DONE;
+    const std::string name = current >= 0 ? factories[current].first : std::string("zarn");
+    console.error(name, " error");
+    if (WIFSIGNALED(status)) {
+        const int signal = WTERMSIG(status);
+        console.error("the program was ended by signal ", signal, " (", ::strsignal(signal), ") during ", name);
+    } else {
+        console.error("a library ended the program with exit status ", WEXITSTATUS(status), " during ", name);
+    }
+    return EXIT_FAILED;
+}
 
 int run(const Options &o) {
     std::vector<std::string> workdirs;
-    for (const auto &w : o.workdirs)
+    for (const auto &w : o.workdirs) {
         workdirs.push_back(absolute_path(w));
+        std::error_code ec;
+        const auto type = fs::status(workdirs.back(), ec).type();
+        if (type == fs::file_type::not_found)
+            throw UsageError{"working directory " + workdirs.back() + " does not exist"};
+        if (type != fs::file_type::directory)
+            throw UsageError{"working directory " + workdirs.back() + " is not a directory"};
+    }
     const std::string module =
         o.module.empty() ? absolute_path(launcher_directory() + "/../lib/libZARN_Velda.so") : absolute_path(o.module);
     const std::string log = o.log.empty() ? std::string() : absolute_path(o.log);
@@ -156,7 +270,7 @@ int run(const Options &o) {
     void *library = dlopen(module.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr)
         throw UsageError{"cannot load module " + module + ": " + dlerror()};
-    std::vector<std::pair<std::string, Factory>> factories;
+    Factories factories;
     for (const auto &name : o.processes) {
         auto f = reinterpret_cast<Factory>(dlsym(library, factory_symbol(name).c_str()));
         if (f == nullptr)
@@ -167,25 +281,17 @@ int run(const Options &o) {
         throw UsageError{"cannot enter library directory " + o.libs};
 
     auto &console = ORN::console();
+    if (!o.verbose)
+        console.set_screen_level(ORN::ConsoleLevel::Info);
     if (!log.empty())
         console.attach_log(log);
+    ORN::JobLock::set_wait(!o.no_wait);
     ZARN::STLStreamLogger logger(console);
 
     int status = EXIT_DONE;
-    for (const auto &workdir : workdirs) {
-        for (const auto &[name, factory] : factories) {
-            try {
-                ORN::StrongRef<ZARN::Process> process = factory();
-                process->initialize(workdir);
-                process->execute();
-            } catch (const std::exception &e) {
-                console.error(name, " error");
-                console.error(e.what());
-                status = EXIT_FAILED;
-                break;
-            }
-        }
-    }
+    for (const auto &workdir : workdirs)
+        if (run_job_isolated(workdir, factories) != EXIT_DONE)
+            status = EXIT_FAILED;
     return status;
 }
 

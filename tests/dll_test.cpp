@@ -1,7 +1,11 @@
 // Run-time library binding against a small fixture library.
 #include "support.h"
 
-#include "ZARN_Common/DLL.h"
+#include "ZARN_Common/export.h"
+
+#include <dlfcn.h>
+
+#include <cerrno>
 
 namespace {
 
@@ -26,20 +30,33 @@ TEST(DLL, ReusesALoadedLibraryOfTheSameFileName) {
     ZARN::DLL second;
     second.open(empty / "libzarn_fixture.so"); // no copy there: the loaded one is used
     EXPECT_EQ(second.link("fixture_answer"), first.link("fixture_answer"));
+
+    // Loaded by the host from elsewhere, under a SONAME unlike its file name.
+    const std::string renamed = FIXTURES + "/renamed/libzarn_fixture_renamed.so";
+    void *host = dlopen(renamed.c_str(), RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(host, nullptr) << dlerror();
+    ZARN::DLL third;
+    third.open(empty / "libzarn_fixture_renamed.so");
+    EXPECT_EQ(third.link("fixture_answer"), dlsym(host, "fixture_answer"));
+    EXPECT_EQ(third.link_as<int()>("fixture_answer")(), 7);
 }
 
-TEST(DLL, MissingLibraryPrintsTheReasonAndFails) {
-    TempDir empty;
-    ZARN::DLL dll;
-    std::string text;
-    const std::string out = capture_stdout([&] { text = failure_of([&] { dll.open(empty / "libzarn_absent.so"); }); });
-    EXPECT_TRUE(starts_with(out, "Error = ")) << out;
-    EXPECT_TRUE(contains(out, "libzarn_absent.so")) << out;
-    EXPECT_TRUE(starts_with(text, "dynamic_assert failed : false : at ")) << text;
-    EXPECT_TRUE(contains(text, "ZARN::DLL::Private::Implement::open")) << text;
-    EXPECT_TRUE(contains(text, " in ZARN_Common/DLL_linux.cpp ,")) << text;
-    // A failed open leaves nothing to link.
-    EXPECT_TRUE(starts_with(failure_of([&] { dll.link("fixture_answer"); }), "dynamic_assert failed : mDLLHandle.exist () : at "));
+TEST(DLL, LoadFailuresCarryTheLoadersReasonAndAMeaningfulCode) {
+    TempDir dir;
+    write_file(dir / "libzarn_text.so", "not a library");
+    for (const auto &[file, code] : {std::pair{"libzarn_absent.so", "Error = 2 : "}, std::pair{"libzarn_text.so", "Error = 8 : "}}) {
+        ZARN::DLL dll;
+        std::string text;
+        errno = 25; // whatever an earlier call left behind plays no part
+        const std::string out = capture_stdout([&] { text = failure_of([&] { dll.open(dir / file); }); });
+        EXPECT_TRUE(starts_with(out, code)) << out;
+        EXPECT_TRUE(contains(out, dir / file)) << out;
+        EXPECT_TRUE(starts_with(text, "dynamic_assert failed : false : at ")) << text;
+        EXPECT_TRUE(contains(text, "ZARN::DLL::Private::Implement::open")) << text;
+        EXPECT_TRUE(contains(text, " in ZARN_Common/DLL_linux.cpp ,")) << text;
+        // A failed open leaves nothing to link.
+        EXPECT_TRUE(starts_with(failure_of([&] { dll.link("fixture_answer"); }), "dynamic_assert failed : mDLLHandle.exist () : at "));
+    }
 }
 
 TEST(DLL, MissingSymbolPrintsItsNameAndFails) {
@@ -49,7 +66,8 @@ TEST(DLL, MissingSymbolPrintsItsNameAndFails) {
     const auto lines = lines_of(capture_stdout([&] { text = failure_of([&] { dll.link("fixture_question"); }); }));
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0], "function : fixture_question");
-    EXPECT_TRUE(starts_with(lines[1], "Error = ")) << lines[1];
+    EXPECT_TRUE(starts_with(lines[1], "Error = 2 : ")) << lines[1];
+    EXPECT_TRUE(contains(lines[1], "fixture_question")) << lines[1];
     EXPECT_TRUE(starts_with(text, "dynamic_assert failed : false : at ")) << text;
     EXPECT_TRUE(contains(text, "ZARN::DLL::Private::Implement::link(")) << text;
 }

@@ -5,6 +5,7 @@
 #include "ZARN_Velda/ProcessFrame.h"
 
 #include <dlfcn.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 
@@ -125,8 +126,41 @@ TEST(LauncherRun, MissingSplitDataFailsWithTheLoadAssertion) {
     TempDir job;
     const auto r = zarn("run --process VideoROIProcess " + job.str());
     EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(contains(r.output, "VideoROIProcess error\ndynamic_assert failed : r2x >= 0 && r2x < load_file_size () : at "))
+    EXPECT_TRUE(contains(r.output, "load_file : " + (job / "caches/split_data.json") +
+                                       " : No such file or directory\nVideoROIProcess error\n"
+                                       "dynamic_assert failed : r2x >= 0 && r2x < load_file_size () : at "))
         << r.output;
+}
+
+TEST(LauncherRun, OneBuildStampForTheWholeModule) {
+    TempDir job;
+    make_job(job, "{}");
+    const auto r = zarn("run " + job.str());
+    ASSERT_EQ(r.status, 0) << r.output;
+    std::vector<std::string> stamps;
+    for (const auto &line : lines_of(r.output))
+        if (starts_with(line, "BUILD-TIME = "))
+            stamps.push_back(line);
+    ASSERT_EQ(stamps.size(), 9u) << r.output;
+    EXPECT_EQ(std::count(stamps.begin(), stamps.end(), stamps.front()), 9) << r.output;
+    // "Mmm dd yyyy hh:mm:ss", as the compiler gives date and time.
+    EXPECT_EQ(stamps.front().size(), std::string("BUILD-TIME = May 20 2025 09:18:03").size()) << stamps.front();
+}
+
+TEST(LauncherRun, NodeTraceGoesToTheLogAndToTheScreenOnlyWhenVerbose) {
+    TempDir job, logs;
+    make_job(job, R"({"VideoROIProcess":{}})");
+    const auto quiet = zarn("run --process VideoROIProcess --log " + logs.str() + " " + job.str());
+    ASSERT_EQ(quiet.status, 0) << quiet.output;
+    EXPECT_FALSE(contains(quiet.output, "ACT_mWorkingPath")) << quiet.output;
+    const std::string log = read_file(logs / "console.log");
+    EXPECT_TRUE(contains(log, "][DEBUG] : ACT_mWorkingPath\n")) << log;
+    EXPECT_TRUE(contains(log, "][VERBOSE] : ACT_mWorkingPath : action ")) << log;
+
+    const auto verbose = zarn("run --verbose --process VideoROIProcess " + job.str());
+    ASSERT_EQ(verbose.status, 0) << verbose.output;
+    EXPECT_TRUE(contains(verbose.output, "\nACT_mWorkingPath\n")) << verbose.output;
+    EXPECT_TRUE(contains(verbose.output, "\nACT_mWorkingPath : action ")) << verbose.output;
 }
 
 TEST(LauncherRun, LogIsWrittenAndRotated) {
@@ -142,11 +176,18 @@ TEST(LauncherRun, LogIsWrittenAndRotated) {
 
 TEST(LauncherGraph, PrintsTheDeclaredGraphWithoutRunningIt) {
     TempDir job;
-    const auto r = zarn("graph --process VeldaMeshProcess " + job.str());
-    ASSERT_EQ(r.status, 0) << r.output;
-    EXPECT_TRUE(starts_with(r.output, "digraph")) << r.output;
-    for (const char *node : {"ACT_mWorkingPath", "CON_mSetting", "CON_mSettingXml", "CON_mSplitDataJson", "VAR_mWorkingPath"})
-        EXPECT_TRUE(contains(r.output, node)) << node;
+    for (const auto &process : lines_of(zarn("list").output)) {
+        const auto r = zarn("graph --process " + process + " " + job.str());
+        ASSERT_EQ(r.status, 0) << r.output;
+        EXPECT_TRUE(starts_with(r.output, "digraph")) << r.output;
+        for (const char *node : {"ACT_mWorkingPath", "CON_mEnableProcess", "CON_mSettingXml", "CON_mSplitDataJson",
+                                 "VAR_mWorkingPath"})
+            EXPECT_TRUE(contains(r.output, std::string("label=\"") + node + "\"")) << process << " " << node;
+        // The record of settings keys only where the process has keys.
+        const bool keys = process == "VeldaMainProcess" || process == "VeldaMeshProcess" ||
+                          process == "ImageFilterProcess" || process == "VideoTransferProcess";
+        EXPECT_EQ(contains(r.output, "label=\"CON_mSetting\""), keys) << process;
+    }
     EXPECT_TRUE(fs::is_empty(job.path()));
 }
 
@@ -159,7 +200,7 @@ protected:
     }
     // Runs VideoTransferProcess with a private copy of the module, so that a
     // settings file can sit in the module's directory.
-    RunResult run_transfer(const std::string &extra = "") {
+    RunResult run_transfer(const std::string &extra = "--verbose ") {
         fs::copy_file(MODULE, module_dir.path() / "libZARN_Velda.so", fs::copy_options::overwrite_existing);
         return zarn("run --process VideoTransferProcess --module " + (module_dir / "libZARN_Velda.so") + " --libs " +
                     libs.str() + " " + extra + job.str());
@@ -188,7 +229,7 @@ TEST_F(LauncherSettings, ThreeFilesJoinInSlotOrder) {
 
 TEST_F(LauncherSettings, SameFileIsReadOnce) {
     write_file(job / "setting.xml", setting("VideoTransferProcess", R"(<mThreadConcurrency value="4"/>)"));
-    const auto r = zarn("run --process VideoTransferProcess --libs " + job.str() + " " + job.str());
+    const auto r = zarn("run --verbose --process VideoTransferProcess --libs " + job.str() + " " + job.str());
     ASSERT_EQ(r.status, 0) << r.output;
     const auto lines = lines_of(r.output);
     EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](const std::string &l) { return starts_with(l, "setting file : "); }), 1)
@@ -240,6 +281,30 @@ TEST_F(ModuleEntryPoints, InitializeReportsTheSwitchAndExecuteSkips) {
     EXPECT_FALSE(disabled->initialize(job.str()));
     const std::string out = capture_stdout([&] { disabled->execute(); });
     EXPECT_TRUE(contains(out, "\nskip ImageROIProcess\n")) << out;
+}
+
+TEST_F(ModuleEntryPoints, InitializeReadsTheSettingsEvenOfASkippedProcess) {
+    TempDir job;
+    make_job(job, R"({"VideoTransferProcess":{}})");
+    const auto setting = [&](const char *threads) {
+        write_file(job / "setting.xml", std::string("<_Lumora><VideoTransferProcess><mThreadConcurrency value=\"") +
+                                            threads + "\"/></VideoTransferProcess></_Lumora>");
+    };
+    setting("4");
+    auto process = factory("VideoTransferProcess")();
+    ASSERT_TRUE(process->initialize(job.str()));
+    setting("9"); // too late: the settings were read by initialize
+    const std::string out = capture_stdout([&] { process->execute(); });
+    EXPECT_TRUE(contains(out, "\nmThreadConcurrency = 4\n")) << out;
+
+    // A skipped process reads them too: a settings file that is a FIFO is
+    // met (and left out) in initialize.
+    fs::remove(job / "setting.xml");
+    ASSERT_EQ(::mkfifo((job / "setting.xml").c_str(), 0600), 0);
+    auto skipped = factory("ImageROIProcess")();
+    std::string text;
+    const std::string said = capture_stdout([&] { EXPECT_FALSE(skipped->initialize(job.str())); });
+    EXPECT_TRUE(contains(said, "setting file ignored : " + (job / "setting.xml"))) << said;
 }
 
 TEST(WorkingName, LastComponentAfterEitherSeparator) {

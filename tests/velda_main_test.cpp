@@ -100,10 +100,13 @@ TEST_F(VeldaMain, FirstRunPublishesEveryListedFileAsHardLinkAndWritesRecord) {
     EXPECT_FALSE(fs::exists(job / "project.json.tmp"));
 }
 
-TEST_F(VeldaMain, DoneJobSaysAlreadyDoneAndTouchesNoLibrary) {
+TEST_F(VeldaMain, DoneJobSaysAlreadyDoneAndTouchesNoLibraryButPublishesAgain) {
     const fs::path job = make_job("job");
     ASSERT_EQ(velda(job).status, 0);
     const auto results = tree(job / "results");
+    // A result lost from "results/" comes back from the cache.
+    fs::remove(job / "results/updown/poses.txt");
+    fs::remove(job / "results/ar/anchors.json");
     const auto r = velda(job);
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_TRUE(contains(r.output, "\nalready done\n")) << r.output;
@@ -259,14 +262,16 @@ TEST_F(VeldaMain, RecordKeepsValueFormsAndFillsMissingKeys) {
               R"("expect_time_s":1.5e3,"progress":100})");
 }
 
-TEST_F(VeldaMain, InterruptedRecordReplacementIsReadFromTemporary) {
-    const fs::path job = make_job("job", "");
+TEST_F(VeldaMain, LeftoverTemporaryRecordsAreIgnoredAndRemoved) {
+    const fs::path job = make_job("job");
     write_file(job / "project.json.tmp", PROJECT_DONE);
+    write_file(job / "project.json.tmp-77-3", "{\"state\":");
     const auto r = velda(job);
     ASSERT_EQ(r.status, 0) << r.output;
-    EXPECT_TRUE(contains(r.output, "\nalready done\n")) << r.output;
+    EXPECT_FALSE(contains(r.output, "already done")) << r.output;
     EXPECT_EQ(read_file(job / "project.json"), PROJECT_DONE);
     EXPECT_FALSE(fs::exists(job / "project.json.tmp"));
+    EXPECT_FALSE(fs::exists(job / "project.json.tmp-77-3"));
 }
 
 } // namespace
