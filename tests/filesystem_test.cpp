@@ -5,6 +5,8 @@
 
 #include "support.h"
 
+#include <sys/stat.h>
+
 namespace {
 
 using namespace zarn_test;
@@ -163,6 +165,148 @@ TEST(FileSystemWriter, TinyBufferKeepsOrderAndWritesOnFillFlushAndDestruction) {
         writer.write("tail");
     }
     EXPECT_EQ(read_file(path), expected + "tail");
+}
+
+TEST(FileSystemSeparators, EveryOperationTakesBothSeparators) {
+    TempDir dir;
+    ScopedChdir in(dir.str());
+    FS::build_directory("a\\b");
+    FS::save_file("a\\b\\f", std::string_view("backslashes"));
+    EXPECT_EQ(read_file(dir / "a/b/f"), "backslashes");
+    EXPECT_FALSE(fs::exists(dir / "a\\b\\f"));
+    EXPECT_TRUE(FS::find_file("a\\b/f") && FS::find_directory("a\\b"));
+    EXPECT_EQ(FS::load_file("a/b\\f").text(), "backslashes");
+    EXPECT_EQ(FS::file_size("a\\b\\f"), 11);
+    FS::link_file("a\\b\\f", "a\\g");
+    EXPECT_EQ(inode_of(dir / "a/g"), inode_of(dir / "a/b/f"));
+    EXPECT_TRUE(FS::identical_file("a\\g", "a/b/f"));
+    FS::move_file("a\\g", "a\\b\\h");
+    ORN::StreamLoader::open_write("a\\b\\h").write("+", 1);
+    EXPECT_EQ(read_file(dir / "a/b/h"), "backslashes+");
+    FS::erase_file("a\\b\\h");
+    EXPECT_FALSE(fs::exists(dir / "a/b/h"));
+}
+
+TEST(FileSystemFailures, TellTheOperationThePathAndTheReason) {
+    TempDir dir;
+    ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
+    struct CASE {
+        std::function<void()> mCall;
+        std::string mLine, mCondition;
+    };
+    const std::vector<CASE> cases = {
+        {[&] { FS::load_file(dir / "missing"); }, "load_file : " + (dir / "missing") + " : No such file or directory",
+         "r2x >= 0 && r2x < load_file_size ()"},
+        {[&] { FS::load_file(dir / "fifo"); }, "load_file : " + (dir / "fifo") + " : not a regular file",
+         "r2x >= 0 && r2x < load_file_size ()"},
+        {[&] { FS::save_file(dir / "no/f", std::string_view("x")); },
+         "save_file : " + (dir / "no/f") + " : No such file or directory", "r3x"},
+        {[&] { ORN::StreamLoader::open_read(dir / "fifo"); }, "open : " + (dir / "fifo") + " : not a regular file",
+         "r1x.get() >= 0 && error == 0"},
+        {[&] { FS::move_file(dir / "missing", dir / "other"); },
+         "move_file : " + (dir / "missing") + " : No such file or directory", "r2x"},
+    };
+    for (const auto &c : cases) {
+        std::string text;
+        const std::string out = capture_stdout([&] { text = failure_of(c.mCall); });
+        EXPECT_EQ(out, c.mLine + "\n");
+        EXPECT_TRUE(starts_with(text, "dynamic_assert failed : " + c.mCondition + " : at ")) << text;
+    }
+    // A stream write over the size limit fails on the size, before any byte moves.
+    auto stream = ORN::StreamLoader::open_write(dir / "s");
+    const std::string text = failure_of([&] { stream.write(dir.str().data(), FS::load_file_size()); });
+    EXPECT_TRUE(starts_with(text, "dynamic_assert failed : data.size () < load_file_size () : at ")) << text;
+}
+
+TEST(JobDirectory, PublishesByHardLinkAndKeepsTheOldResultWhenTheSourceIsBad) {
+    TempDir dir;
+    const ORN::JobDirectory job(dir.str());
+    write_file(dir / "caches/k/sub/a", "new");
+    write_file(dir / "results/k/sub/a", "old");
+    const ino_t old = inode_of(dir / "results/k/sub/a");
+    job.publish_file("caches/k/sub/a", "results/k/sub/a");
+    EXPECT_EQ(inode_of(dir / "results/k/sub/a"), inode_of(dir / "caches/k/sub/a"));
+    EXPECT_NE(inode_of(dir / "results/k/sub/a"), old);
+    job.publish_file("caches/k/sub/a", "results/new/deep/a"); // the target folders are made
+    EXPECT_EQ(inode_of(dir / "results/new/deep/a"), inode_of(dir / "caches/k/sub/a"));
+
+    // A missing, linked or special source leaves the published result alone.
+    fs::create_symlink(dir / "caches/k/sub/a", dir / "caches/k/link");
+    ASSERT_EQ(::mkfifo((dir / "caches/k/fifo").c_str(), 0600), 0);
+    for (const auto &[source, reason] : {std::pair{"caches/k/missing", "No such file or directory"},
+                                         std::pair{"caches/k/link", "symbolic link, not followed"},
+                                         std::pair{"caches/k/fifo", "not a regular file"},
+                                         std::pair{"caches/k/../k/sub/a", "name leaves the job directory"}}) {
+        std::string text;
+        const std::string out = capture_stdout([&] { text = failure_of([&] { job.publish_file(source, "results/k/sub/a"); }); });
+        EXPECT_TRUE(contains(out, std::string(" : ") + reason + "\n")) << out;
+        EXPECT_TRUE(starts_with(text, "dynamic_assert failed : source_regular : at ")) << text;
+        EXPECT_EQ(inode_of(dir / "results/k/sub/a"), inode_of(dir / "caches/k/sub/a")) << source;
+    }
+    // A directory in the target's place cannot be removed: "!r1x".
+    fs::create_directories(dir / "results/k/sub/dir/x");
+    write_file(dir / "caches/k/sub/dir", "file");
+    std::string text;
+    capture_stdout([&] { text = failure_of([&] { job.publish_file("caches/k/sub/dir", "results/k/sub/dir"); }); });
+    EXPECT_TRUE(starts_with(text, "dynamic_assert failed : !r1x : at ")) << text;
+}
+
+TEST(JobDirectory, DurableSaveReplacesWholeKeepsTheModeAndClearsLeftovers) {
+    TempDir dir;
+    const ORN::JobDirectory job(dir.str());
+    job.save_file("deep/r.json", "{\"a\":1}"); // folders made, default mode
+    EXPECT_EQ(read_file(dir / "deep/r.json"), "{\"a\":1}");
+    write_file(dir / "r.json", "old");
+    fs::permissions(dir / "r.json", fs::perms(0604));
+    const ino_t old = inode_of(dir / "r.json");
+    write_file(dir / "r.json.tmp", "stale");
+    write_file(dir / "r.json.tmp-1-2", "stale");
+    write_file(dir / "r.jsonx", "unrelated");
+    job.save_file("r.json", "new");
+    EXPECT_EQ(read_file(dir / "r.json"), "new");
+    EXPECT_NE(inode_of(dir / "r.json"), old) << "a new file, not the old one truncated";
+    EXPECT_EQ(fs::status(dir / "r.json").permissions(), fs::perms(0604));
+    EXPECT_FALSE(fs::exists(dir / "r.json.tmp") || fs::exists(dir / "r.json.tmp-1-2"));
+    EXPECT_TRUE(fs::exists(dir / "r.jsonx"));
+
+    // A directory in the way: the rename fails, nothing is left behind.
+    fs::create_directories(dir / "d.json/x");
+    std::string text;
+    const std::string out = capture_stdout([&] { text = failure_of([&] { job.save_file("d.json", "x"); }); });
+    EXPECT_TRUE(starts_with(out, "save_file : " + (dir / "d.json") + " : ")) << out;
+    EXPECT_TRUE(starts_with(text, "dynamic_assert failed : r5x : at ")) << text;
+    EXPECT_EQ(fs::directory_iterator(dir / "d.json")->path().filename(), "x");
+    for (const auto &e : fs::directory_iterator(dir.path()))
+        EXPECT_FALSE(contains(e.path().filename().string(), ".tmp")) << e.path();
+}
+
+TEST(JobDirectory, ReadsOnlyRegularFilesWithinTheJobAndTheLimit) {
+    TempDir dir, outside;
+    write_file(outside / "secret", "outside");
+    const ORN::JobDirectory job(dir.str());
+    write_file(dir / "caches/a.json", "12345");
+    fs::create_symlink(outside / "secret", dir / "caches/link");
+    fs::create_directory_symlink(outside.path(), dir / "linked");
+    EXPECT_EQ(job.load_file("caches/a.json").text(), "12345");
+    EXPECT_TRUE(job.find_file("caches/a.json") && !job.find_file("caches/link") && !job.find_file("linked/secret"));
+    EXPECT_TRUE(job.exist("caches/link") && !job.exist("caches/none"));
+    for (const auto &[name, line] :
+         {std::pair{"caches/link", "load_file : " + (dir / "caches/link") + " : symbolic link, not followed"},
+          std::pair{"linked/secret", "load_file : " + (dir / "linked") + " : symbolic link, not followed"},
+          std::pair{"../secret", "load_file : " + (dir / "../secret") + " : name leaves the job directory"}}) {
+        const std::string out = capture_stdout([&] { EXPECT_NE(failure_of([&] { job.load_file(name); }), ""); });
+        EXPECT_EQ(out, line + "\n");
+    }
+    std::string text;
+    const std::string out = capture_stdout([&] { text = failure_of([&] { job.load_file("caches/a.json", 5); }); });
+    EXPECT_EQ(out, "load_file : " + (dir / "caches/a.json") + " : 5 bytes, over the limit of 5 bytes\n");
+    EXPECT_TRUE(starts_with(text, "dynamic_assert failed : r2x < size_limit : at ")) << text;
+    // The stamp changes with the file.
+    const auto before = job.stamp("caches/a.json");
+    EXPECT_EQ(before, job.stamp("caches/a.json"));
+    write_file(dir / "caches/a.json", "123456");
+    EXPECT_NE(before, job.stamp("caches/a.json"));
+    EXPECT_EQ(job.stamp("caches/link").mSize, -1);
 }
 
 TEST(FileSystemExec, ReturnsExitCodesOfTheChild) {
