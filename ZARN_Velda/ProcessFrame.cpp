@@ -29,6 +29,7 @@ ORN::JsonParser split_data_document(const ORN::String<char> &working_path) {
     cache.mDocument = ORN::JsonParser(); // the old document goes before the new one is read
     cache.mStamp = {};
     ORN::JsonParser document(job.load_file(SPLIT_DATA));
+    ORN::console().debug("split data read : ", job.path(SPLIT_DATA));
     cache.mPath = job.path(SPLIT_DATA);
     cache.mStamp = stamp;
     cache.mDocument = document;

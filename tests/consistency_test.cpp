@@ -38,8 +38,15 @@ TEST(ConsistencyProc, IdentifierListsSetOnlyKnownIdentifiers) {
     EXPECT_EQ(flags.count(), 3);
 
     ORN::BitSet fresh(3);
-    ConsistencyProc::compute_read_array_from_json(ORN::JsonParser(R"([99, -1, "10x"])").children(), ids, fresh);
+    ConsistencyProc::compute_read_array_from_json(ORN::JsonParser(R"([99, -1, "10x", [10], {"a":10}])").children(), ids, fresh);
     EXPECT_EQ(fresh.count(), 0);
+
+    // The JSON parser's typed read: a leading plus, quoted or not, is a
+    // number like anywhere else; 0 is an identifier like any other.
+    const ORN::Set<ORN::int64> with_zero{0, 5, 7};
+    ORN::BitSet signs(3);
+    ConsistencyProc::compute_read_array_from_json(ORN::JsonParser(R"([+5, "+7", "0"])").children(), with_zero, signs);
+    EXPECT_EQ(signs.count(), 3);
 }
 
 TEST(ConsistencyProc, IdentifierPositionOutsideTheFlagsFails) {

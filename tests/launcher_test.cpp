@@ -132,6 +132,20 @@ TEST(LauncherRun, MissingSplitDataFailsWithTheLoadAssertion) {
         << r.output;
 }
 
+TEST(LauncherRun, TheSplitDataIsReadOncePerJobUntilItChanges) {
+    TempDir job, other, logs;
+    make_job(job, "{}");
+    make_job(other, "{}");
+    ASSERT_EQ(zarn("run --log " + logs.str() + " " + job.str() + " " + other.str()).status, 0);
+    const auto lines = lines_of(read_file(logs / "console.log"));
+    const auto reads = [&](const TempDir &dir) {
+        const std::string read = "][DEBUG] : split data read : " + (dir / "caches/split_data.json");
+        return std::count_if(lines.begin(), lines.end(), [&](const std::string &l) { return l.ends_with(read); });
+    };
+    EXPECT_EQ(reads(job), 1);
+    EXPECT_EQ(reads(other), 1);
+}
+
 TEST(LauncherRun, OneBuildStampForTheWholeModule) {
     TempDir job;
     make_job(job, "{}");
