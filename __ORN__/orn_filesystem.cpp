@@ -366,6 +366,18 @@ ENTRY job_entry(const String<char> &root, std::string_view relative, bool create
     return r1x;
 }
 
+// Opens the entry without following a link, as a regular file only; 0, or
+// why it was refused.
+int open_regular(const ENTRY &entry, int flags, FileDescriptor &file, struct stat &st) {
+    const int dir = entry.mDirectory.mFd.get();
+    file = FileDescriptor(::openat(dir, entry.mName.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, 0666));
+    if (file.get() < 0)
+        return refusal(dir, entry.mName, errno);
+    if (::fstat(file.get(), &st) != 0)
+        return errno;
+    return S_ISREG(st.st_mode) ? 0 : type_refusal(st);
+}
+
 // Test hook: a run is killed at the named point when ZARN_FAULT_POINT names
 // it, so that tests can interrupt a write where a crash would.
 void fault_point(std::string_view name) {
@@ -691,16 +703,8 @@ void JobDirectory::publish_file(std::string_view source, std::string_view target
     FileDescriptor file;
     int error = from.mDirectory.mError;
     String<char> failed = from.ok() ? path(source) : from.mDirectory.mFailed;
-    if (from.ok()) {
-        const int dir = from.mDirectory.mFd.get();
-        file = FileDescriptor(::openat(dir, from.mName.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-        if (file.get() < 0)
-            error = errno;
-        else if (::fstat(file.get(), &original) != 0)
-            error = errno;
-        else if (!S_ISREG(original.st_mode))
-            error = type_refusal(original);
-    }
+    if (from.ok())
+        error = open_regular(from, O_PATH, file, original);
     const bool source_regular = error == 0;
     if (!source_regular)
         report_error("publish_file", failed, error);
@@ -749,18 +753,9 @@ JobLock::JobLock(const JobDirectory &job) {
     const ENTRY r1x = job_entry(job.root(), LOCK_FILE, true);
     int error = r1x.mDirectory.mError;
     FileDescriptor fd;
-    if (r1x.ok()) {
-        const int dir = r1x.mDirectory.mFd.get();
-        fd = FileDescriptor(
-            ::openat(dir, r1x.mName.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
-        struct stat st;
-        if (fd.get() < 0)
-            error = refusal(dir, r1x.mName, errno);
-        else if (::fstat(fd.get(), &st) != 0)
-            error = errno;
-        else if (!S_ISREG(st.st_mode))
-            error = type_refusal(st);
-    }
+    struct stat st;
+    if (r1x.ok())
+        error = open_regular(r1x, O_RDWR | O_CREAT | O_NONBLOCK, fd, st);
     const bool lock_file = error == 0;
     if (!lock_file)
         report_error("lock", r1x.ok() ? file : r1x.mDirectory.mFailed, error);
