@@ -590,6 +590,26 @@ JobDirectory::STAMP JobDirectory::stamp(std::string_view relative) const {
     return r2x;
 }
 
+Array<String<char>> JobDirectory::list_files(std::string_view relative) const {
+    Array<String<char>> r1x;
+    Deque<String<char>> parts;
+    if (!job_components(relative, parts))
+        return r1x;
+    WALK r2x = walk_job(mRoot, parts, parts.size(), false);
+    DIR *stream = r2x.ok() ? ::fdopendir(r2x.mFd.get()) : nullptr;
+    if (stream == nullptr)
+        return r1x;
+    r2x.mFd.release(); // now owned by the stream
+    while (const dirent *entry = ::readdir(stream)) {
+        struct stat st;
+        if (::fstatat(::dirfd(stream), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode))
+            r1x.append(entry->d_name);
+    }
+    ::closedir(stream);
+    std::sort(r1x.begin(), r1x.end());
+    return r1x;
+}
+
 void JobDirectory::build_directory(std::string_view relative) const {
     Deque<String<char>> parts;
     WALK r1x;

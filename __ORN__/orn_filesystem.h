@@ -117,6 +117,11 @@ public:
     };
     STAMP stamp(std::string_view relative) const;
 
+    // The names of the regular files in a directory of the job, sorted
+    // (links and other entries are left out); empty when the directory is
+    // missing or refused.
+    Array<String<char>> list_files(std::string_view relative) const;
+
     // Makes the directory and its missing parents, each a real directory.
     void build_directory(std::string_view relative) const;
     // Removes a name (a link itself, never its target); a missing name is fine.
