@@ -8,7 +8,21 @@
 #include "orn_filesystem.h"
 #include "orn_runtime.h"
 
+#include <algorithm>
+#include <atomic>
+#include <charconv>
 #include <mutex>
+
+// The terminal side of progress lines; the POSIX forms are at the end of
+// this file.
+namespace ORN::Private::ConsolePlatform {
+// Whether the output handle shows text as it comes (a terminal, a console
+// window) rather than storing it (a file, a pipe).
+bool on_terminal(void *handle);
+// Writes the text in the colour of the console attribute, without a line
+// feed, as one piece.
+void write_partial(void *handle, int attribute, std::string_view text);
+} // namespace ORN::Private::ConsolePlatform
 
 namespace ORN {
 
@@ -26,6 +40,11 @@ public:
     virtual void pause() = 0;
     virtual void clear() = 0;
     virtual void set_screen_level(ConsoleLevel level) = 0;
+    // One line of the progress report `owner`: a tenth line goes to the log
+    // and to the screen, any line is drawn in place on a terminal.
+    virtual void write_progress(const void *owner, std::string_view text, bool tenth) = 0;
+    // Ends the terminal line of `owner`, if it is the one drawn in place.
+    virtual void end_progress(const void *owner) = 0;
 };
 
 class ConsoleService::Private::Implement final : public ConsoleService::Abstract {
@@ -39,7 +58,7 @@ public:
         const std::lock_guard<std::mutex> lock(mMutex);
         if (level <= mScreenLevel) {
             show_locked();
-            platform::write_line(mConsole, ConsoleService::attribute(level), message);
+            screen_line_locked(ConsoleService::attribute(level), message);
         }
         write_log_locked(ConsoleService::tag(level), message);
     }
@@ -110,6 +129,38 @@ public:
             platform::clear(mConsole);
     }
 
+    void write_progress(const void *owner, std::string_view text, bool tenth) override {
+        if (tWriting)
+            return;
+        const Writing guard;
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (tenth)
+            write_log_locked(ConsoleService::tag(ConsoleLevel::Info), text);
+        if (ConsoleLevel::Info > mScreenLevel)
+            return;
+        show_locked();
+        if (platform::on_terminal(mConsole)) {
+            mProgressOwner = owner;
+            mProgress.assign(text);
+            draw_progress_locked();
+        } else if (tenth) {
+            screen_line_locked(ConsoleService::attribute(ConsoleLevel::Info), text);
+        }
+    }
+
+    void end_progress(const void *owner) override {
+        if (tWriting)
+            return;
+        const Writing guard;
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (owner == nullptr || mProgressOwner != owner)
+            return;
+        mProgressOwner = nullptr;
+        mProgress.clear();
+        mProgressWidth = 0;
+        platform::write_partial(mConsole, 7, "\n");
+    }
+
 private:
     // Marks the thread as writing a line for as long as it lives.
     static thread_local bool tWriting;
@@ -121,6 +172,34 @@ private:
     void show_locked() {
         if (mConsole == nullptr)
             mConsole = platform::open();
+    }
+
+    // A whole line on the screen. A progress line drawn in place is wiped
+    // first and drawn again below, so the two never share a line.
+    void screen_line_locked(int attribute, std::string_view text) {
+        if (mProgressOwner != nullptr) {
+            mDrawing.clear();
+            mDrawing.push_back('\r');
+            mDrawing.append(static_cast<std::size_t>(mProgressWidth), ' ');
+            mDrawing.push_back('\r');
+            platform::write_partial(mConsole, 7, mDrawing);
+            mProgressWidth = 0;
+        }
+        platform::write_line(mConsole, attribute, text);
+        if (mProgressOwner != nullptr)
+            draw_progress_locked();
+    }
+
+    // Back to the start of the line, the progress text, and spaces over the
+    // rest of the text drawn before.
+    void draw_progress_locked() {
+        mDrawing.clear();
+        mDrawing.push_back('\r');
+        mDrawing.append(mProgress);
+        if (mProgressWidth > static_cast<INDEX>(mProgress.size()))
+            mDrawing.append(static_cast<std::size_t>(mProgressWidth) - mProgress.size(), ' ');
+        mProgressWidth = static_cast<INDEX>(mProgress.size());
+        platform::write_partial(mConsole, ConsoleService::attribute(ConsoleLevel::Info), mDrawing);
     }
 
     // The whole line is built first and leaves in one write, so a reader of
@@ -141,6 +220,12 @@ private:
     String<char> mLogDirectory;
     StreamLoader mLog;
     TextWriter mWriter;
+    // The progress line drawn in place on the terminal, if any: its report,
+    // its text and the width it covers on the screen.
+    const void *mProgressOwner = nullptr;
+    String<char> mProgress;
+    INDEX mProgressWidth = 0;
+    String<char> mDrawing;
 };
 
 thread_local bool ConsoleService::Private::Implement::tWriting = false;
@@ -171,6 +256,140 @@ void ConsoleService::write_log_file(std::string_view tag, std::string_view messa
 void ConsoleService::pause() { mThis->pause(); }
 void ConsoleService::clear() { mThis->clear(); }
 void ConsoleService::set_screen_level(ConsoleLevel level) { mThis->set_screen_level(level); }
+
+// ---------------------------------------------------------------------------
+// Progress reports. The count is one atomic; a line is written only when an
+// advance completes a tenth or the in-place line is due for a redraw, and
+// then under the report's mutex, which keeps the lines in order. Lock order:
+// the report's mutex, then the service's.
+
+class ConsoleProgress::Private::Implement {
+public:
+    Implement(StrongRef<ConsoleService::Abstract> service, std::string_view heading, INDEX total)
+        : mService(std::move(service)), mHeading(heading), mTotal(total) {
+        _DYNAMIC_ASSERT_(total >= 0);
+        // Shown at once on a terminal; nothing elsewhere.
+        mService->write_progress(this, ConsoleProgress::text(mHeading, 0, mTotal, 0, 0.0), false);
+    }
+    Implement(const Implement &) = delete;
+    Implement &operator=(const Implement &) = delete;
+    ~Implement() {
+        try_run([&] { mService->end_progress(this); });
+    }
+
+    void advance(INDEX count) {
+        _DYNAMIC_ASSERT_(count >= 0);
+        const INDEX before = mDone.fetch_add(count, std::memory_order_relaxed);
+        const INDEX done = before + count;
+        _DYNAMIC_ASSERT_(done <= mTotal);
+        if (tenth(done) > tenth(before)) {
+            report();
+            return;
+        }
+        const int64 now = TimePoint::now().tick();
+        int64 due = mRedrawDue.load(std::memory_order_relaxed);
+        if (now >= due && mRedrawDue.compare_exchange_strong(due, now + kRedrawPeriod, std::memory_order_relaxed))
+            report();
+    }
+
+    void finish() {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (mFinished)
+            return;
+        mFinished = true;
+        const INDEX done = write_tenths_locked();
+        if (mTenths < 10) {
+            mTenths = 10;
+            mService->write_progress(this, ConsoleProgress::text(mHeading, done, mTotal, 100, mStart.elapsed().seconds()), true);
+        }
+        mService->end_progress(this);
+    }
+
+    INDEX done() const noexcept { return mDone.load(std::memory_order_relaxed); }
+    INDEX total() const noexcept { return mTotal; }
+
+private:
+    static constexpr int64 kRedrawPeriod = 100'000'000; // nanoseconds
+
+    // Tenths completed by `done` items; 0 for an empty report, whose one
+    // line finish() writes.
+    int tenth(INDEX done) const noexcept {
+        if (mTotal <= 0)
+            return 0;
+        const INDEX reached = done >= mTotal ? 10 : done * 10 / mTotal;
+        return static_cast<int>(reached);
+    }
+
+    void report() {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (mFinished)
+            return;
+        const int before = mTenths;
+        const INDEX done = write_tenths_locked();
+        if (mTenths == before) {
+            const INDEX percent = mTotal > 0 ? std::min<INDEX>(done, mTotal) * 100 / mTotal : 100;
+            mService->write_progress(this, ConsoleProgress::text(mHeading, done, mTotal, percent, mStart.elapsed().seconds()), false);
+        }
+    }
+
+    // Writes the tenth lines due and not yet written; yields the count they show.
+    INDEX write_tenths_locked() {
+        const INDEX done = mDone.load(std::memory_order_relaxed);
+        const int reached = tenth(done);
+        if (mTenths >= reached)
+            return done;
+        const double seconds = mStart.elapsed().seconds();
+        while (mTenths < reached) {
+            ++mTenths;
+            mService->write_progress(this, ConsoleProgress::text(mHeading, done, mTotal, mTenths * 10, seconds), true);
+        }
+        return done;
+    }
+
+    const StrongRef<ConsoleService::Abstract> mService;
+    const String<char> mHeading;
+    const INDEX mTotal;
+    const TimePoint mStart = TimePoint::now();
+    std::atomic<INDEX> mDone{0};
+    std::atomic<int64> mRedrawDue{0};
+    std::mutex mMutex;
+    int mTenths = 0; // tenth lines written
+    bool mFinished = false;
+};
+
+ConsoleProgress ConsoleService::progress(std::string_view heading, INDEX total) {
+    return ConsoleProgress(AutoRef<ConsoleProgress::Private::Implement>::make(mThis, heading, total));
+}
+
+ConsoleProgress::ConsoleProgress(AutoRef<Private::Implement> self) noexcept : mThis(std::move(self)) {}
+ConsoleProgress::ConsoleProgress(ConsoleProgress &&) noexcept = default;
+ConsoleProgress &ConsoleProgress::operator=(ConsoleProgress &&) noexcept = default;
+ConsoleProgress::~ConsoleProgress() = default;
+
+void ConsoleProgress::advance(INDEX count) { mThis->advance(count); }
+void ConsoleProgress::finish() { mThis->finish(); }
+INDEX ConsoleProgress::done() const { return mThis->done(); }
+INDEX ConsoleProgress::total() const { return mThis->total(); }
+
+String<char> ConsoleProgress::text(std::string_view heading, INDEX done, INDEX total, INDEX percent, double seconds) {
+    // Fixed-point text with the given decimals; no locale is involved.
+    const auto fixed = [](TextWriter &writer, double value, int decimals) {
+        char buffer[400]; // room for any finite double
+        const auto r = std::to_chars(buffer, buffer + sizeof(buffer), value, std::chars_format::fixed, decimals);
+        writer << std::string_view(buffer, r.ec == std::errc() ? static_cast<std::size_t>(r.ptr - buffer) : 0);
+    };
+    TextWriter writer;
+    writer << heading << done << '/' << total << ' ' << percent << '%';
+    if (done > 0 && seconds > 0.0) {
+        const double rate = static_cast<double>(done) / seconds;
+        writer << ' ';
+        fixed(writer, rate, 2);
+        writer << "/s ";
+        fixed(writer, static_cast<double>(total > done ? total - done : 0) / rate, 1);
+        writer << " s left";
+    }
+    return std::move(writer).text();
+}
 
 // Never destroyed: lines printed from other statics' destructors still work.
 // Log lines reach the file with each write, so nothing is left to flush.
@@ -246,6 +465,20 @@ void wait_key(void *handle) {
         if (n <= 0 || c == '\n')
             break;
     }
+}
+
+bool on_terminal(void *handle) { return is_terminal(stream_of(handle)); }
+
+void write_partial(void *handle, int attribute, std::string_view text) {
+    std::FILE *out = stream_of(handle);
+    thread_local String<char> piece;
+    piece.clear();
+    const String<char> colour = use_colour(out) ? ConsoleService::ansi_colour(attribute) : String<char>();
+    piece.append(colour);
+    piece.append(text);
+    if (!colour.empty())
+        piece.append("\x1b[0m");
+    put(out, piece);
 }
 
 void clear(void *handle) {

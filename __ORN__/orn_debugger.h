@@ -29,6 +29,8 @@
 
 namespace ORN {
 
+class ConsoleProgress;
+
 enum class ConsoleLevel : int { Print, Fatal, Error, Warn, Info, Debug, Verbose };
 
 class ORN_API ConsoleService {
@@ -124,8 +126,75 @@ public:
     // POSIX (only when standard output is a terminal).
     void clear();
 
+    // A progress report over `total` items, headed by `heading` (which ends
+    // with its own separator, as in "image stitch : "); see ConsoleProgress.
+    ConsoleProgress progress(std::string_view heading, INDEX total);
+
 private:
     StrongRef<Abstract> mThis;
+};
+
+// The progress line of a long loop, e.g. `auto progress =
+// console().progress("image stitch : ", total);`, then `progress.advance()`
+// once per item from any thread, and `progress.finish()` at the end.
+//
+// The line is the heading, "done/total", the percentage, the rate in items
+// per second (two decimals) and the estimated time left in seconds (one
+// decimal), all separated by single spaces:
+//
+//     image stitch : 7/20 35% 2.41/s 5.4 s left
+//
+// The rate is items done over the time since the report was made. Rate and
+// time left are left out while nothing is done: "image stitch : 0/20 0%".
+//
+// Where the line goes, at info level (the info colour, the screen level of
+// the service applies):
+// - Standard output a terminal: one line redrawn in place (a carriage
+//   return, the text, spaces over what is left of the previous text), at
+//   most ten times a second and at every tenth; finish() ends it with a line
+//   feed. A console line printed meanwhile goes above it: the progress line
+//   is wiped, the other line written, the progress line drawn again below.
+//   Several reports at once share that one line.
+// - Standard output not a terminal: one line per completed tenth, 10%, 20%,
+//   ..., 100%, each exactly once and in order, even when one advance
+//   completes several tenths. On such a line the percentage is the tenth
+//   and the count is the number done when the line was written.
+// - The log: those same tenth lines, always, tagged INFO.
+// finish() writes the tenth lines still due and then the 100% line if it
+// has not been written yet; with total 0 that is "heading 0/0 100%".
+// Dropping a report without finish() ends the terminal line where it
+// stands and writes nothing more.
+//
+// advance() is one atomic addition in the common case; it takes a lock only
+// to write a line.
+class ORN_API ConsoleProgress {
+public:
+    struct Private {
+        class Implement;
+    };
+
+    ConsoleProgress(ConsoleProgress &&) noexcept;
+    ConsoleProgress &operator=(ConsoleProgress &&) noexcept;
+    ~ConsoleProgress();
+
+    // Counts `count` more items done; asserts that no more than the total
+    // are done. Thread-safe.
+    void advance(INDEX count = 1);
+    // Ends the report (see above); later calls do nothing.
+    void finish();
+
+    INDEX done() const;
+    INDEX total() const;
+
+    // The text of one line: `percent` is shown as given, the rate and time
+    // left are derived from `done`, `total` and the elapsed `seconds`.
+    static String<char> text(std::string_view heading, INDEX done, INDEX total, INDEX percent, double seconds);
+
+private:
+    friend class ConsoleService;
+    explicit ConsoleProgress(AutoRef<Private::Implement> self) noexcept;
+
+    AutoRef<Private::Implement> mThis;
 };
 
 } // namespace ORN

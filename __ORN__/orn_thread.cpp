@@ -1,0 +1,139 @@
+// The worker pool. One mutex guards the queue, the count of tasks in hand
+// and the failure; workers sleep on one condition, waiters on another. A
+// task runs, and its captures are destroyed, with the mutex released.
+
+#include "orn_thread.h"
+
+#include <atomic>
+#include <deque>
+#include <exception>
+#include <vector>
+
+namespace ORN {
+
+namespace {
+// The pool whose worker the current thread is, if any.
+thread_local const void *tPool = nullptr;
+} // namespace
+
+class WorkThread::Private::Implement {
+public:
+    explicit Implement(INDEX concurrency) {
+        const INDEX count = concurrency > 0 ? concurrency : 1;
+        mThreads.reserve(static_cast<std::size_t>(count));
+        try {
+            for (INDEX i = 0; i < count; ++i)
+                mThreads.emplace_back([this] { work(); });
+        } catch (...) {
+            // The system refused a thread: go on with those made, if any.
+            if (mThreads.empty())
+                throw;
+        }
+    }
+
+    Implement(const Implement &) = delete;
+    Implement &operator=(const Implement &) = delete;
+
+    ~Implement() {
+        std::deque<Function<void()>> dropped;
+        {
+            const std::lock_guard<std::mutex> lock(mMutex);
+            mStop = true;
+            dropped.swap(mQueue);
+        }
+        mWork.notify_all();
+        dropped.clear();
+        for (Thread &thread : mThreads)
+            thread.join();
+    }
+
+    INDEX concurrency() const noexcept { return static_cast<INDEX>(mThreads.size()); }
+
+    void submit(Function<void()> task) {
+        _DYNAMIC_ASSERT_(task.exist ());
+        {
+            const std::lock_guard<std::mutex> lock(mMutex);
+            // A dropped task is destroyed on return, after the unlock.
+            if (mStop || mFailure)
+                return;
+            mQueue.push_back(std::move(task));
+        }
+        mWork.notify_one();
+    }
+
+    void wait() {
+        _DYNAMIC_ASSERT_(tPool != this);
+        std::unique_lock<std::mutex> lock(mMutex);
+        mIdle.wait(lock, [this] { return mQueue.empty() && mInHand == 0; });
+        if (!mFailure)
+            return;
+        const std::exception_ptr failure = std::exchange(mFailure, nullptr);
+        mFailed.store(false, std::memory_order_release);
+        lock.unlock();
+        std::rethrow_exception(failure);
+    }
+
+    bool failed() const noexcept { return mFailed.load(std::memory_order_acquire); }
+
+private:
+    void work() {
+        tPool = this;
+        std::unique_lock<std::mutex> lock(mMutex);
+        for (;;) {
+            mWork.wait(lock, [this] { return mStop || !mQueue.empty(); });
+            if (mQueue.empty())
+                return; // stopping
+            Function<void()> task = std::move(mQueue.front());
+            mQueue.pop_front();
+            ++mInHand;
+            lock.unlock();
+
+            std::exception_ptr failure;
+            try {
+                task();
+            } catch (...) {
+                failure = std::current_exception();
+            }
+            task.reset();
+
+            lock.lock();
+            // Only the first failure is kept; a later one is dropped.
+            if (failure && !mFailure) {
+                mFailure = std::move(failure);
+                mFailed.store(true, std::memory_order_release);
+                // The tasks not yet started are dropped; this worker keeps
+                // counting as busy until their captures are gone, so wait()
+                // returns only after that.
+                std::deque<Function<void()>> dropped;
+                dropped.swap(mQueue);
+                lock.unlock();
+                dropped.clear();
+                lock.lock();
+            }
+            if (--mInHand == 0 && mQueue.empty())
+                mIdle.notify_all();
+        }
+    }
+
+    std::mutex mMutex;
+    std::condition_variable mWork; // a task is queued, or the pool stops
+    std::condition_variable mIdle; // nothing queued and nothing in hand
+    std::deque<Function<void()>> mQueue;
+    INDEX mInHand = 0; // tasks taken from the queue and not yet done with
+    bool mStop = false;
+    std::exception_ptr mFailure;
+    std::atomic<bool> mFailed{false};
+    std::vector<Thread> mThreads;
+};
+
+WorkThread::WorkThread(INDEX concurrency) : mThis(AutoRef<Private::Implement>::make(concurrency)) {}
+WorkThread::WorkThread(WorkThread &&) noexcept = default;
+WorkThread &WorkThread::operator=(WorkThread &&) noexcept = default;
+WorkThread::~WorkThread() = default;
+
+INDEX WorkThread::concurrency() const { return mThis->concurrency(); }
+void WorkThread::submit(Function<void()> task) { mThis->submit(std::move(task)); }
+void WorkThread::wait() { mThis->wait(); }
+bool WorkThread::failed() const noexcept { return mThis.exist() && mThis.get()->failed(); }
+
+} // namespace ORN

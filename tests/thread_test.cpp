@@ -1,0 +1,279 @@
+// Worker pool (order, waiting, failures, shutdown), the thread primitives,
+// and the console's progress line on plain output, in the log and on a
+// terminal.
+#include "__ORN__/orn_debugger.h"
+#include "__ORN__/orn_thread.h"
+
+#include "support.h"
+
+#include <fcntl.h>
+#include <poll.h>
+
+#include <atomic>
+#include <cmath>
+#include <optional>
+#include <regex>
+#include <stdexcept>
+
+namespace {
+
+using namespace zarn_test;
+using ORN::INDEX;
+
+void check_index(INDEX i) { _DYNAMIC_ASSERT_(i != 3); }
+
+TEST(WorkThread, TasksStartInSubmissionOrderAndWaitCoversNestedTasks) {
+    for (const INDEX workers : {INDEX(0), INDEX(-2), INDEX(1)}) {
+        ORN::WorkThread pool(workers);
+        EXPECT_EQ(pool.concurrency(), 1);
+        std::vector<INDEX> order;
+        pool.submit_range(5, [&](INDEX i) { order.push_back(i); });
+        pool.submit([&, owned = std::make_unique<INDEX>(5)] { order.push_back(*owned); });
+        pool.submit(ORN::Function<void()>([&] {
+            // Tasks queued by a task are waited for as well.
+            pool.submit([&] { order.push_back(7); });
+            order.push_back(6);
+        }));
+        pool.wait();
+        EXPECT_EQ(order, (std::vector<INDEX>{0, 1, 2, 3, 4, 5, 6, 7}));
+    }
+    ORN::WorkThread pool(16);
+    pool.wait(); // nothing submitted
+    for (const INDEX n : {3, 2000}) {
+        std::vector<int> runs(static_cast<std::size_t>(n), 0);
+        pool.parallel_for(n, [&](INDEX i) { ++runs[static_cast<std::size_t>(i)]; });
+        EXPECT_EQ(runs, std::vector<int>(static_cast<std::size_t>(n), 1)) << n;
+    }
+    EXPECT_EQ(failure_of([&] { pool.submit(ORN::Function<void()>()); }).rfind("dynamic_assert failed : task.exist () : at ", 0), 0u);
+}
+
+TEST(WorkThread, FirstFailureIsRethrownUnchangedAndStopsWhatHasNotStarted) {
+    ORN::WorkThread pool(1);
+    std::vector<INDEX> ran;
+    pool.submit_range(10, [&](INDEX i) {
+        ran.push_back(i);
+        check_index(i);
+    });
+    EXPECT_EQ(failure_of([&] { pool.wait(); }), failure_of([] { check_index(3); }));
+    EXPECT_EQ(ran, (std::vector<INDEX>{0, 1, 2, 3}));
+    EXPECT_TRUE(starts_with(failure_of([] { check_index(3); }),
+                            "dynamic_assert failed : i != 3 : at void {anonymous}::check_index(ORN::INDEX) in tests/thread_test.cpp ,"));
+    // The rethrow clears the failure: the pool works again, and other
+    // exception types come back as they are.
+    EXPECT_FALSE(pool.failed());
+    pool.submit([] { throw std::runtime_error("disk full"); });
+    try {
+        pool.wait();
+        ADD_FAILURE() << "no exception";
+    } catch (const std::runtime_error &e) {
+        EXPECT_STREQ(e.what(), "disk full");
+    }
+    pool.submit([] { throw 42; });
+    EXPECT_THROW(pool.wait(), int);
+    pool.wait();
+
+    // Two workers: a running task finishes after another fails, and tasks
+    // submitted after the failure are dropped. Of many failures one is kept.
+    ORN::WorkThread two(2);
+    std::atomic<bool> finished{false}, dropped_ran{false};
+    two.submit([&] {
+        while (!two.failed())
+            std::this_thread::yield();
+        finished = true;
+    });
+    two.submit([] { throw std::logic_error("first"); });
+    while (!two.failed())
+        std::this_thread::yield();
+    two.submit([&] { dropped_ran = true; });
+    EXPECT_EQ(failure_of([&] { two.wait(); }), "first");
+    EXPECT_TRUE(finished);
+    EXPECT_FALSE(dropped_ran);
+    EXPECT_THROW(two.parallel_for(50, [](INDEX i) { throw std::out_of_range(std::to_string(i)); }), std::out_of_range);
+    two.wait();
+}
+
+TEST(WorkThread, WaitFromItsOwnTaskAssertsInsteadOfDeadlocking) {
+    ORN::WorkThread pool(2);
+    pool.submit([&] { pool.wait(); });
+    EXPECT_TRUE(starts_with(failure_of([&] { pool.wait(); }), "dynamic_assert failed : tPool != this : at "));
+}
+
+TEST(WorkThread, DestructionDropsPendingTasksAndJoinsAfterRunningOnes) {
+    ORN::ConditionLock gate;
+    bool started = false, open = false, first_done = false;
+    std::atomic<int> later_runs{0};
+    const auto token = std::make_shared<int>(0);
+    std::optional<ORN::WorkThread> pool(std::in_place, 1);
+    pool->submit([&] {
+        gate.notify_all([&] { started = true; });
+        gate.wait([&] { return open; });
+        first_done = true;
+    });
+    gate.wait([&] { return started; });
+    for (int i = 0; i < 100; ++i)
+        pool->submit([&, token] { ++later_runs; });
+    ORN::Thread destroyer([&] { pool.reset(); });
+    // The destructor drops the queued tasks (and their captures) while the
+    // first one still runs; it then waits for it.
+    while (token.use_count() > 1)
+        std::this_thread::yield();
+    gate.notify_all([&] { open = true; });
+    destroyer.join();
+    EXPECT_TRUE(first_done);
+    EXPECT_EQ(later_runs, 0);
+
+    // A failure nobody collected goes with the pool.
+    ORN::WorkThread failing(4);
+    failing.parallel_for(0, [](INDEX) {});
+    failing.submit_range(8, [](INDEX) { throw std::runtime_error("lost"); });
+}
+
+TEST(Thread, ConditionLockHandsTurnsBackAndForth) {
+    ORN::ConditionLock turn;
+    int value = 0;
+    {
+        ORN::Thread other([&] {
+            for (int i = 0; i < 100; ++i)
+                turn.wait([&] { return value % 2 == 1; }), turn.notify_all([&] { ++value; });
+        });
+        for (int i = 0; i < 100; ++i)
+            turn.notify_all([&] { ++value; }), turn.wait([&] { return value % 2 == 0; });
+    } // joined here
+    EXPECT_EQ(value, 200);
+    ORN::Mutex mutex;
+    EXPECT_EQ(mutex.locked([&] { return value + 1; }), 201);
+}
+
+// ---------------------------------------------------------------------------
+// Progress line.
+
+TEST(ConsoleProgress, LineText) {
+    using P = ORN::ConsoleProgress;
+    EXPECT_EQ(P::text("image stitch : ", 7, 20, 35, 2.9), "image stitch : 7/20 35% 2.41/s 5.4 s left");
+    EXPECT_EQ(P::text("image stitch : ", 0, 20, 0, 1.0), "image stitch : 0/20 0%");
+    EXPECT_EQ(P::text("video stitch : ", 20, 20, 100, 4.0), "video stitch : 20/20 100% 5.00/s 0.0 s left");
+    EXPECT_EQ(P::text("video stitch : ", 0, 0, 100, 0.5), "video stitch : 0/0 100%");
+    EXPECT_EQ(P::text("x ", 3, 9, 30, 0.0), "x 3/9 30%");
+}
+
+// The tenth lines of a report over `total` items advanced by `workers`
+// threads, as standard output and the log show them.
+struct Shown {
+    std::vector<std::string> out, log;
+};
+Shown tenth_lines(INDEX total, INDEX workers, INDEX advances, bool finish) {
+    TempDir dir;
+    ORN::ConsoleService service;
+    Shown shown;
+    shown.out = lines_of(capture_stdout([&] {
+        service.attach_log(dir.str());
+        auto progress = service.progress("image stitch : ", total);
+        ORN::WorkThread(workers).parallel_for(advances, [&](INDEX) { progress.advance(); });
+        if (finish)
+            progress.finish(), progress.finish();
+        service.detach_log();
+    }));
+    static const std::regex stamp(R"(\[[-0-9: .]+\]\[INFO\] : (.*))");
+    std::smatch m;
+    for (const auto &line : lines_of(read_file(dir / "console.log")))
+        shown.log.push_back(std::regex_match(line, m, stamp) ? std::string(m[1]) : "malformed: " + line);
+    return shown;
+}
+
+TEST(ConsoleProgress, OneLinePerTenthOnPlainOutputAndInTheLog) {
+    const std::regex form(R"(image stitch : (\d+)/(\d+) (\d+)% \d+\.\d\d/s \d+\.\d s left)");
+    for (const INDEX total : {1, 3, 10, 25})
+        for (const INDEX workers : {1, 4}) {
+            const Shown shown = tenth_lines(total, workers, total, true);
+            ASSERT_EQ(shown.out.size(), 10u) << total;
+            EXPECT_EQ(shown.log, shown.out);
+            INDEX last = 0;
+            for (INDEX k = 1; k <= 10; ++k) {
+                std::smatch m;
+                const std::string &line = shown.out[std::size_t(k - 1)];
+                ASSERT_TRUE(std::regex_match(line, m, form)) << line;
+                const INDEX done = std::stoll(m[1]), reached = (k * total + 9) / 10;
+                EXPECT_EQ(std::stoll(m[2]), total);
+                EXPECT_EQ(std::stoll(m[3]), k * 10) << line;
+                // One worker: the count that completed the tenth; several:
+                // at least that, and never going back.
+                if (workers == 1)
+                    EXPECT_EQ(done, reached) << line;
+                else
+                    EXPECT_GE(done, std::max(reached, last)) << line;
+                last = done;
+            }
+            EXPECT_EQ(last, total);
+        }
+    // An empty report, one finished early, one dropped unfinished.
+    EXPECT_EQ(tenth_lines(0, 1, 0, true).out, std::vector<std::string>{"image stitch : 0/0 100%"});
+    const Shown early = tenth_lines(10, 1, 4, true);
+    ASSERT_EQ(early.out.size(), 5u);
+    EXPECT_TRUE(std::regex_match(early.out[4], std::regex(R"(image stitch : 4/10 100% .* s left)"))) << early.out[4];
+    EXPECT_EQ(early.log, early.out);
+    EXPECT_EQ(tenth_lines(10, 2, 7, false).out.size(), 7u);
+    // More than the total is a failure of the advancing task.
+    EXPECT_TRUE(starts_with(failure_of([] { tenth_lines(2, 1, 3, true); }), "dynamic_assert failed : done <= mTotal : at "));
+}
+
+// A terminal: what it finally shows, one row per line, rows rewritten from
+// their start by a carriage return.
+TEST(ConsoleProgress, RedrawnInPlaceOnATerminalBelowOtherLines) {
+    const int master = ::posix_openpt(O_RDWR | O_NOCTTY);
+    if (master < 0)
+        GTEST_SKIP() << "no pseudo-terminal available";
+    ASSERT_TRUE(::grantpt(master) == 0 && ::unlockpt(master) == 0);
+    const int slave = ::open(::ptsname(master), O_RDWR | O_NOCTTY);
+    ASSERT_GE(slave, 0);
+    const char *env = std::getenv("NO_COLOR");
+    const std::optional<std::string> saved_env = env ? std::optional<std::string>(env) : std::nullopt;
+    ::setenv("NO_COLOR", "1", 1);
+    TempDir dir;
+    ORN::ConsoleService service;
+    service.attach_log(dir.str());
+    std::fflush(stdout);
+    const int saved = ::dup(STDOUT_FILENO);
+    ::dup2(slave, STDOUT_FILENO);
+    {
+        auto progress = service.progress("copy : ", 4);
+        progress.advance(2);
+        service.info("between");
+        progress.advance(), progress.advance();
+        progress.finish();
+        service.info("after");
+    }
+    std::fflush(stdout);
+    ::dup2(saved, STDOUT_FILENO);
+    ::close(saved);
+    saved_env ? ::setenv("NO_COLOR", saved_env->c_str(), 1) : ::unsetenv("NO_COLOR");
+    std::string raw;
+    char buffer[256];
+    pollfd p{master, POLLIN, 0};
+    for (ssize_t n; ::poll(&p, 1, 200) > 0 && (n = ::read(master, buffer, sizeof(buffer))) > 0;)
+        raw.append(buffer, std::size_t(n));
+    ::close(slave);
+    ::close(master);
+
+    std::vector<std::string> rows{""};
+    std::size_t column = 0;
+    for (std::size_t i = 0; i < raw.size(); ++i)
+        if (raw[i] == '\r' && raw.compare(i, 2, "\r\n") == 0)
+            rows.emplace_back(), column = 0, ++i;
+        else if (raw[i] == '\r')
+            column = 0;
+        else
+            rows.back().resize(std::max(rows.back().size(), column + 1)), rows.back()[column++] = raw[i];
+    for (auto &row : rows)
+        row.erase(row.find_last_not_of(' ') + 1);
+    ASSERT_EQ(rows.size(), 4u) << raw;
+    EXPECT_EQ(rows[0], "between");
+    EXPECT_TRUE(std::regex_match(rows[1], std::regex(R"(copy : 4/4 100% \d+\.\d\d/s 0\.0 s left)"))) << rows[1];
+    EXPECT_EQ(rows[2], "after");
+    // The log has the tenth lines and the other lines, not the redraws.
+    const auto logged = lines_of(read_file(dir / "console.log"));
+    ASSERT_EQ(logged.size(), 12u);
+    EXPECT_TRUE(contains(logged[5], "] : between"));
+    EXPECT_TRUE(contains(logged[10], "] : copy : 4/4 100% "));
+}
+
+} // namespace
