@@ -51,14 +51,19 @@ public:
 
     void submit(Function<void()> task) {
         _DYNAMIC_ASSERT_(task.exist ());
+        bool wake = false;
         {
             const std::lock_guard<std::mutex> lock(mMutex);
             // A dropped task is destroyed on return, after the unlock.
             if (mStop || mFailure)
                 return;
             mQueue.push_back(std::move(task));
+            // While every worker is busy, the next one to finish finds the
+            // task without being woken.
+            wake = mSleeping > 0;
         }
-        mWork.notify_one();
+        if (wake)
+            mWork.notify_one();
     }
 
     void wait() {
@@ -80,7 +85,11 @@ private:
         tPool = this;
         std::unique_lock<std::mutex> lock(mMutex);
         for (;;) {
-            mWork.wait(lock, [this] { return mStop || !mQueue.empty(); });
+            while (!mStop && mQueue.empty()) {
+                ++mSleeping;
+                mWork.wait(lock);
+                --mSleeping;
+            }
             if (mQueue.empty())
                 return; // stopping
             Function<void()> task = std::move(mQueue.front());
@@ -120,6 +129,7 @@ private:
     std::condition_variable mIdle; // nothing queued and nothing in hand
     std::deque<Function<void()>> mQueue;
     INDEX mInHand = 0; // tasks taken from the queue and not yet done with
+    INDEX mSleeping = 0; // workers waiting on mWork
     bool mStop = false;
     std::exception_ptr mFailure;
     std::atomic<bool> mFailed{false};
