@@ -1,0 +1,262 @@
+// The image buffers over OpenCV: an Image's pixels are one cv::Mat, and the
+// codec and conversion operations are OpenCV's (imread, imwrite, imencode,
+// imdecode, cvtColor, Mat::convertTo, Mat::zeros).
+
+#include "orn_images.h"
+
+#include "orn_debugger.h"
+#include "orn_filesystem.h"
+
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include <algorithm>
+#include <climits>
+#include <vector>
+
+namespace ORN {
+
+class Image::Private::Implement {
+public:
+    explicit Implement(cv::Mat pixels) : mPixels(std::move(pixels)) {}
+    cv::Mat mPixels;
+};
+
+namespace {
+
+constexpr int cv_depth(ImageDepth depth) noexcept {
+    constexpr int depths[] = {CV_8U, CV_16U, CV_32F, CV_64F};
+    return depths[static_cast<int>(depth)];
+}
+
+// The depth of an OpenCV matrix; false for the depths images do not take
+// (signed integers, half floats).
+bool image_depth(int depth, ImageDepth &out) noexcept {
+    switch (depth) {
+    case CV_8U:
+        out = ImageDepth::U8;
+        return true;
+    case CV_16U:
+        out = ImageDepth::U16;
+        return true;
+    case CV_32F:
+        out = ImageDepth::F32;
+        return true;
+    case CV_64F:
+        out = ImageDepth::F64;
+        return true;
+    default:
+        return false;
+    }
+}
+
+int read_flags(ImageReadMode mode) noexcept {
+    switch (mode) {
+    case ImageReadMode::UNCHANGED:
+        return cv::IMREAD_UNCHANGED;
+    case ImageReadMode::GRAY:
+        return cv::IMREAD_GRAYSCALE;
+    case ImageReadMode::COLOR:
+        break;
+    }
+    return cv::IMREAD_COLOR;
+}
+
+void report(std::string_view operation, const String<char> &path, const String<char> &reason) {
+    console().error(operation, " : ", path, " : ", reason);
+}
+
+// Paths take both separators, as everywhere in the library.
+String<char> native(const String<char> &path) {
+#if defined(_WIN32)
+    return path;
+#else
+    String<char> out = path;
+    std::replace(out.begin(), out.end(), '\\', '/');
+    return out;
+#endif
+}
+
+// The extension of a path, dot included ("" when it has none).
+String<char> extension_of(const String<char> &path) {
+    const String<char> name = FileSystemProc::file_name(path);
+    const auto dot = name.rfind('.');
+    return dot == String<char>::npos ? String<char>() : name.substr(dot);
+}
+
+std::vector<int> write_params(std::string_view extension, INDEX quality) {
+    String<char> ext(extension);
+    std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    if (ext == ".jpg" || ext == ".jpeg" || ext == ".jpe")
+        return {cv::IMWRITE_JPEG_QUALITY, static_cast<int>(quality < 0 ? 95 : std::min<INDEX>(quality, 100))};
+    return {};
+}
+
+// The matrix of an image; an empty matrix for an empty image.
+const cv::Mat &pixels_of(const StrongRef<Image::Private::Implement> &pixels) {
+    static const cv::Mat none;
+    return pixels.exist() ? pixels->mPixels : none;
+}
+
+} // namespace
+
+Image::Image() noexcept = default;
+
+Image::Image(StrongRef<Private::Implement> pixels) : mThis(std::move(pixels)) {
+    const cv::Mat &m = mThis->mPixels;
+    ImageDepth depth = ImageDepth::U8;
+    const bool known = image_depth(m.depth(), depth);
+    if (!known)
+        report("make_image", std::to_string(m.cols) + "x" + std::to_string(m.rows) + "x" + std::to_string(m.channels()),
+               "unsupported channel depth " + std::to_string(m.depth()));
+    _DYNAMIC_ASSERT_(known);
+    mDepth = depth;
+    mWidth = m.cols;
+    mHeight = m.rows;
+    mChannels = m.channels();
+    mStep = static_cast<INDEX>(m.step[0]);
+    mData = m.data;
+}
+
+namespace {
+
+// The pixels of a new image, checked against the size limits.
+cv::Mat new_pixels(INDEX width, INDEX height, INDEX channels, ImageDepth depth, bool zero) {
+    const bool r1x = width >= 1 && width <= Image::max_side() && height >= 1 && height <= Image::max_side() &&
+                     channels >= 1 && channels <= 4;
+    if (!r1x)
+        report("make_image", std::to_string(width) + "x" + std::to_string(height) + "x" + std::to_string(channels),
+               "size out of range");
+    _DYNAMIC_ASSERT_(r1x);
+    const int type = CV_MAKETYPE(cv_depth(depth), static_cast<int>(channels));
+    if (zero)
+        return cv::Mat::zeros(static_cast<int>(height), static_cast<int>(width), type);
+    return cv::Mat(static_cast<int>(height), static_cast<int>(width), type);
+}
+
+} // namespace
+
+Image::Image(INDEX width, INDEX height, INDEX channels, ImageDepth depth)
+    : Image(StrongRef<Private::Implement>::make(new_pixels(width, height, channels, depth, false))) {}
+
+Image Image::zeros(INDEX width, INDEX height, INDEX channels, ImageDepth depth) {
+    return Image(StrongRef<Private::Implement>::make(new_pixels(width, height, channels, depth, true)));
+}
+
+String<char> Image::layout() const {
+    if (empty())
+        return "empty";
+    constexpr const char *names[] = {"u8", "u16", "f32", "f64"};
+    return std::to_string(mWidth) + "x" + std::to_string(mHeight) + "x" + std::to_string(mChannels) + " " +
+           names[static_cast<int>(mDepth)];
+}
+
+Image Image::clone() const {
+    if (empty())
+        return Image();
+    return Image(StrongRef<Private::Implement>::make(mThis->mPixels.clone()));
+}
+
+Image Image::read(const String<char> &path, ImageReadMode mode) {
+    cv::Mat r1x;
+    String<char> reason = "not a decodable image";
+    try {
+        r1x = cv::imread(native(path), read_flags(mode));
+    } catch (const cv::Exception &e) {
+        reason = e.err;
+    }
+    if (r1x.empty() && !FileSystemProc::find_file(path))
+        reason = "no such file";
+    if (r1x.empty())
+        report("read_image", path, reason);
+    _DYNAMIC_ASSERT_(!r1x.empty ());
+    return Image(StrongRef<Private::Implement>::make(std::move(r1x)));
+}
+
+void Image::write(const String<char> &path, const Image &image, INDEX quality) {
+    if (image.empty())
+        report("write_image", path, "empty image");
+    _DYNAMIC_ASSERT_(!image.empty ());
+    bool r1x = false;
+    String<char> reason = "cannot be written";
+    try {
+        r1x = cv::imwrite(native(path), pixels_of(image.mThis), write_params(extension_of(path), quality));
+    } catch (const cv::Exception &e) {
+        reason = e.err;
+    }
+    if (!r1x)
+        report("write_image", path, reason);
+    _DYNAMIC_ASSERT_(r1x);
+}
+
+Buffer<unsigned char> Image::encode(std::string_view extension, const Image &image, INDEX quality) {
+    if (image.empty())
+        report("encode_image", String<char>(extension), "empty image");
+    _DYNAMIC_ASSERT_(!image.empty ());
+    std::vector<unsigned char> bytes;
+    bool r1x = false;
+    String<char> reason = "cannot be encoded";
+    try {
+        r1x = cv::imencode(String<char>(extension), pixels_of(image.mThis), bytes, write_params(extension, quality));
+    } catch (const cv::Exception &e) {
+        reason = e.err;
+    }
+    if (!r1x)
+        report("encode_image", String<char>(extension), reason);
+    _DYNAMIC_ASSERT_(r1x);
+    return Buffer<unsigned char>(bytes.data(), static_cast<INDEX>(bytes.size()));
+}
+
+Image Image::decode(const unsigned char *bytes, INDEX size, ImageReadMode mode) {
+    cv::Mat r1x;
+    String<char> reason = "not a decodable image";
+    if (bytes == nullptr || size <= 0)
+        reason = "no bytes";
+    else if (size > INT_MAX)
+        reason = "too large";
+    else
+        try {
+            const cv::Mat encoded(1, static_cast<int>(size), CV_8U, const_cast<unsigned char *>(bytes));
+            r1x = cv::imdecode(encoded, read_flags(mode));
+        } catch (const cv::Exception &e) {
+            reason = e.err;
+        }
+    if (r1x.empty())
+        report("decode_image", "<memory>", reason);
+    _DYNAMIC_ASSERT_(!r1x.empty ());
+    return Image(StrongRef<Private::Implement>::make(std::move(r1x)));
+}
+
+Image Image::convert(ImageColor code) const {
+    struct CONVERSION {
+        int mCode;
+        INDEX mChannels; // channels of the source
+    };
+    constexpr CONVERSION conversions[] = {
+        {cv::COLOR_BGR2GRAY, 3}, {cv::COLOR_GRAY2BGR, 1},  {cv::COLOR_BGR2RGB, 3},
+        {cv::COLOR_RGB2BGR, 3},  {cv::COLOR_BGRA2BGR, 4}, {cv::COLOR_BGR2BGRA, 3},
+    };
+    const CONVERSION &r1x = conversions[static_cast<int>(code)];
+    if (channels() != r1x.mChannels)
+        report("convert_color", layout(), "needs " + std::to_string(r1x.mChannels) + " channels");
+    _DYNAMIC_ASSERT_(channels () == r1x.mChannels);
+    const bool r2x = mDepth != ImageDepth::F64;
+    if (!r2x)
+        report("convert_color", layout(), "64-bit channels are not converted");
+    _DYNAMIC_ASSERT_(r2x);
+    cv::Mat out;
+    cv::cvtColor(mThis->mPixels, out, r1x.mCode);
+    return Image(StrongRef<Private::Implement>::make(std::move(out)));
+}
+
+Image Image::convert(ImageDepth depth, double scale, double offset) const {
+    if (empty())
+        report("convert_depth", layout(), "empty image");
+    _DYNAMIC_ASSERT_(!empty ());
+    cv::Mat out;
+    mThis->mPixels.convertTo(out, cv_depth(depth), scale, offset);
+    return Image(StrongRef<Private::Implement>::make(std::move(out)));
+}
+
+} // namespace ORN

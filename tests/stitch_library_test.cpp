@@ -1,0 +1,465 @@
+// The reference stitching library called directly, as the stitch process
+// binds it, on a job made by zarn_capture whose panoramas are known.
+#include "support.h"
+
+#include "ZARN_Common/ImageProc.h"
+#include "ZARN_Common/StitchLibrary.h"
+#include "__ORN__/orn_images.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <cmath>
+#include <cstring>
+#include <thread>
+
+namespace {
+
+using namespace zarn_test;
+namespace Lib = ZARN::StitchLibrary;
+using ZARN::ImageProc;
+
+const std::string CAPTURE = std::string(ZARN_BINARY_DIR) + "/bin/zarn_capture";
+const std::string LIBRARY = std::string(ZARN_BINARY_DIR) + "/backends/libStitch.so";
+
+// The generator's lower lens is this much less sensitive than the upper;
+// the gain that undoes it, on gamma-encoded grey levels.
+const double LOWER_GAIN = std::pow(1 / 0.82, 1 / 2.2);
+constexpr int WIDTH = 512, HEIGHT = 256;
+const int SIZE[2] = {WIDTH, HEIGHT};
+
+struct API {
+    Lib::CREATE_OPT_FLOW_STITCH *mCreate;
+    Lib::DESTROY_OPT_FLOW_STITCH *mDestroy;
+    Lib::INIT_OPT_FLOW_STITCH *mInit;
+    Lib::EXECUTE_OPT_FLOW_STITCH *mExecute;
+    Lib::EXECUTE_OPT_FLOW_STITCH_HDR *mExecuteHdr;
+    Lib::GET_OPT_FLOW_STITCH_CODE *mCode;
+    Lib::CREATE_VIDEO_STITCH *mCreateVideo;
+    Lib::DESTROY_VIDEO_STITCH *mDestroyVideo;
+    Lib::INIT_VIDEO_STITCH *mInitVideo;
+    Lib::EXECUTE_VIDEO_STITCH *mExecuteVideo;
+    Lib::GET_VIDEO_STITCH_CODE *mVideoCode;
+};
+
+const API &api() {
+    static const API a = [] {
+        void *lib = dlopen(LIBRARY.c_str(), RTLD_NOW | RTLD_LOCAL);
+        EXPECT_NE(lib, nullptr) << dlerror();
+        const auto get = [&](auto &slot, const char *name) {
+            slot = reinterpret_cast<std::remove_reference_t<decltype(slot)>>(dlsym(lib, name));
+            EXPECT_NE(slot, nullptr) << name;
+        };
+        API r{};
+        get(r.mCreate, "KIVO_CreateOptFlowStitchHandle");
+        get(r.mDestroy, "KIVO_DestroyOptFlowStitchHandle");
+        get(r.mInit, "KIVO_InitOptFlowStitchHandle");
+        get(r.mExecute, "KIVO_ExecuteOptFlowStitchHandle");
+        get(r.mExecuteHdr, "KIVO_ExecuteOptFlowStitchHDRHandle");
+        get(r.mCode, "KIVO_GetOptFlowStitchCode");
+        get(r.mCreateVideo, "KIVO_CreateVideoStitchHandle");
+        get(r.mDestroyVideo, "KIVO_DestroyVideoStitchHandle");
+        get(r.mInitVideo, "KIVO_InitVideoStitchHandle");
+        get(r.mExecuteVideo, "KIVO_ExecuteVideoStitchHandle");
+        get(r.mVideoCode, "KIVO_GetVideoStitchCode");
+        return r;
+    }();
+    return a;
+}
+
+// The generated job all cases read (none writes into it): made once per
+// build of the generator and shared by the test processes.
+const fs::path &job() {
+    static const fs::path root = [] {
+        const fs::path dir = fs::path(ZARN_BINARY_DIR) / "tests" / "stitch_library_job";
+        fs::create_directories(dir.parent_path());
+        const int lock = ::open((dir.string() + ".lock").c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0644);
+        ::flock(lock, LOCK_EX);
+        const auto when = fs::last_write_time(CAPTURE).time_since_epoch().count();
+        const std::string stamp = std::to_string(fs::file_size(CAPTURE)) + " " + std::to_string(when);
+        if (!fs::exists(dir / "stamp") || read_file(dir / "stamp") != stamp) {
+            fs::remove_all(dir);
+            const auto r = run(quote(CAPTURE) + " " + quote(dir.string()) + " --points 2 --videos 1 --frames 3");
+            EXPECT_EQ(r.status, 0) << r.output;
+            write_file(dir / "stamp", stamp);
+        }
+        ::flock(lock, LOCK_UN);
+        ::close(lock);
+        return dir;
+    }();
+    return root;
+}
+
+std::string at(const std::string &relative) { return (job() / relative).string(); }
+std::string capture(int point, const char *lens, int bracket = -1) {
+    char name[64];
+    if (bracket < 0)
+        std::snprintf(name, sizeof(name), "captures/point_%03d_%s.jpg", point, lens);
+    else
+        std::snprintf(name, sizeof(name), "captures/point_%03d_%s_%d.jpg", point, lens, bracket);
+    return at(name);
+}
+
+// An image object, initialised on the job's tables, destroyed at the end.
+struct Stitcher {
+    Lib::IMAGE_HANDLE mHandle = api().mCreate();
+    Stitcher() {
+        EXPECT_NE(mHandle, nullptr);
+        EXPECT_EQ(init(at("caches/table_Up.bin"), at("caches/table_Down.bin")), Lib::KIVO_OK);
+    }
+    ~Stitcher() { api().mDestroy(mHandle); }
+    int init(const std::string &up, const std::string &down, int width = WIDTH, int bits = 8) {
+        return api().mInit(mHandle, up.c_str(), down.c_str(), width, width / 2, width / 4, width / 8, bits);
+    }
+    int stitch(int point, const std::string &out, double *statistics = nullptr, const int *size = SIZE) {
+        return api().mExecute(mHandle, capture(point, "up").c_str(), capture(point, "down").c_str(), out.c_str(),
+                              size, statistics, "point");
+    }
+};
+
+// Where both lenses see the panorama.
+ORN::Image overlap(int width, int height) {
+    const auto up = ImageProc::lens_coverage(ImageProc::read_lens_table(at("caches/table_Up.bin")), width, height);
+    const auto down = ImageProc::lens_coverage(ImageProc::read_lens_table(at("caches/table_Down.bin")), width, height);
+    ORN::Image both(width, height, 1, ORN::ImageDepth::U8);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x)
+            both.row<unsigned char>(y)[x] = up.row<unsigned char>(y)[x] & down.row<unsigned char>(y)[x];
+    return both;
+}
+
+// The frames of a Motion-JPEG AVI: the frame count of its main header and
+// the JPEG data of its "00dc" chunks.
+struct AVI {
+    int mHeaderFrames = -1;
+    double mFps = 0;
+    std::vector<std::string> mFrames;
+};
+AVI read_avi(const std::string &path) {
+    const std::string data = read_file(path);
+    AVI a;
+    const auto u32 = [&](std::size_t at) {
+        std::uint32_t v = 0;
+        std::memcpy(&v, data.data() + at, 4);
+        return v;
+    };
+    const auto avih = data.find("avih");
+    if (avih == std::string::npos)
+        return a;
+    a.mFps = 1e6 / u32(avih + 8);
+    a.mHeaderFrames = static_cast<int>(u32(avih + 8 + 16));
+    // The chunks of the "movi" list, in order.
+    const auto movi = data.find("movi");
+    if (movi == std::string::npos || movi < 4)
+        return a;
+    const std::size_t end = std::min<std::size_t>(data.size(), movi + u32(movi - 4));
+    for (std::size_t p = movi + 4; p + 8 <= end;) {
+        const std::uint32_t size = u32(p + 4);
+        if (data.compare(p, 4, "00dc") == 0)
+            a.mFrames.push_back(data.substr(p + 8, size));
+        p += 8 + size + (size & 1);
+    }
+    return a;
+}
+
+ORN::Image decode(const std::string &bytes) {
+    return ORN::Image::decode(reinterpret_cast<const unsigned char *>(bytes.data()), static_cast<ORN::INDEX>(bytes.size()));
+}
+
+TEST(StitchLibrary, PanoramasMatchTheTruthWhereBothLensesSee) {
+    TempDir out;
+    Stitcher s;
+    const ORN::Image both = overlap(WIDTH, HEIGHT);
+    for (int point = 0; point < 2; ++point)
+        for (const char *format : {".png", ".jpg"}) {
+            const std::string file = out / ("nested/dir/p" + std::to_string(point) + format);
+            double statistics[2] = {};
+            ASSERT_EQ(s.stitch(point, file, statistics), Lib::KIVO_OK);
+            const ORN::Image truth = ORN::Image::read(at("truth/point_00" + std::to_string(point) + ".png"));
+            const ORN::Image panorama = ORN::Image::read(file);
+            ASSERT_TRUE(panorama.same_layout(truth));
+            const double overlap_db = ImageProc::psnr(truth, panorama, both);
+            const double all_db = ImageProc::psnr(truth, panorama);
+            std::printf("point %d %s: PSNR %.2f dB where both lenses see, %.2f dB overall; gain %.4f, difference %.2f\n",
+                        point, format, overlap_db, all_db, statistics[0], statistics[1]);
+            EXPECT_GE(overlap_db, 30.0) << point << format;
+            EXPECT_GE(all_db, 30.0) << point << format;
+            EXPECT_NEAR(statistics[0], LOWER_GAIN, 0.03);
+            EXPECT_LT(statistics[1], 4.0);
+        }
+}
+
+TEST(StitchLibrary, HdrFusesTheBracketsBeforeStitching) {
+    TempDir out;
+    Stitcher s;
+    const std::string plain = out / "plain.png", fused = out / "fused.png", single = out / "single.png";
+    ASSERT_EQ(s.stitch(1, plain), Lib::KIVO_OK);
+    std::string b[8];
+    for (int k = 0; k < 4; ++k) {
+        b[k] = capture(1, "up", k);
+        b[4 + k] = capture(1, "down", k);
+    }
+    EXPECT_EQ(api().mExecuteHdr(s.mHandle, b[0].c_str(), b[1].c_str(), b[2].c_str(), b[3].c_str(), b[4].c_str(),
+                                b[5].c_str(), b[6].c_str(), b[7].c_str(), fused.c_str(), SIZE, 4),
+              Lib::KIVO_OK);
+    // One bracket: the normal exposure alone, unused paths null.
+    const std::string normal_up = capture(1, "up", 2), normal_down = capture(1, "down", 2);
+    EXPECT_EQ(api().mExecuteHdr(s.mHandle, normal_up.c_str(), nullptr, nullptr, nullptr, normal_down.c_str(), nullptr,
+                                nullptr, nullptr, single.c_str(), SIZE, 1),
+              Lib::KIVO_OK);
+    EXPECT_EQ(read_file(single), read_file(plain)); // bracket 2 is the raw capture
+
+    const ORN::Image truth = ORN::Image::read(at("truth/point_001.png"));
+    const ORN::Image p = ORN::Image::read(plain), f = ORN::Image::read(fused);
+    const auto clipped = [](const ORN::Image &image) {
+        int n = 0;
+        for (int y = 0; y < image.height(); ++y)
+            for (int x = 0; x < image.width() * 3; ++x)
+                n += image.row<unsigned char>(y)[x] >= 250;
+        return n;
+    };
+    const double db = ImageProc::psnr(truth, f);
+    std::printf("HDR point 1: PSNR %.2f dB against the single-exposure truth; clipped values %d fused, %d plain\n", db,
+                clipped(f), clipped(p));
+    // The lights and the window keep their detail; the room stays the room.
+    EXPECT_LT(clipped(f) * 2, clipped(p));
+    EXPECT_GT(db, 15.0);
+}
+
+TEST(StitchLibrary, VideoFramesHdrValueAndFieldOfView) {
+    TempDir out;
+    const auto video = api().mCreateVideo();
+    ASSERT_NE(video, nullptr);
+    ASSERT_EQ(api().mInitVideo(video, at("caches/table_Up.bin").c_str(), at("caches/table_Down.bin").c_str(), WIDTH,
+                               HEIGHT, 8),
+              Lib::KIVO_OK);
+    const std::string up = at("captures/video_000_up.avi"), down = at("captures/video_000_down.avi");
+    const std::string up_short = at("captures/video_000_up_short.avi"), down_short = at("captures/video_000_down_short.avi");
+    double hdr = 0, fov = 0;
+    const std::string fused = out / "videos/fused.avi";
+    ASSERT_EQ(api().mExecuteVideo(video, up.c_str(), down.c_str(), up_short.c_str(), down_short.c_str(), fused.c_str(),
+                                  &hdr, &fov),
+              Lib::KIVO_OK);
+    EXPECT_NEAR(hdr, 4.0, 0.4); // the generator's short streams have a quarter of the exposure
+    EXPECT_NEAR(fov, 180.0, 0.1);
+    const AVI a = read_avi(fused);
+    EXPECT_EQ(a.mHeaderFrames, 3);
+    EXPECT_EQ(a.mFrames.size(), 3u);
+    EXPECT_NEAR(a.mFps, 10.0, 0.01);
+
+    // Without short streams: no fusion, ratio 1, and the first frame is the
+    // first point's panorama.
+    const std::string plain = out / "plain.avi";
+    ASSERT_EQ(api().mExecuteVideo(video, up.c_str(), down.c_str(), "", nullptr, plain.c_str(), &hdr, &fov), Lib::KIVO_OK);
+    EXPECT_EQ(hdr, 1.0);
+    const AVI b = read_avi(plain);
+    ASSERT_EQ(b.mFrames.size(), 3u);
+    const ORN::Image frame = decode(b.mFrames[0]);
+    ASSERT_EQ(frame.width(), WIDTH);
+    const double db = ImageProc::psnr(ORN::Image::read(at("truth/point_000.png")), frame, overlap(WIDTH, HEIGHT));
+    std::printf("video frame 0: PSNR %.2f dB where both lenses see\n", db);
+    EXPECT_GE(db, 28.0);
+    api().mDestroyVideo(video);
+
+    // Lenses of 80 degrees leave 20 degrees around the horizon unseen.
+    TempDir narrow;
+    for (const char *name : {"up.bin", "down.bin"}) {
+        auto t = ImageProc::read_lens_table(at(std::string("caches/table_") + (name[0] == 'u' ? "Up.bin" : "Down.bin")));
+        t.mMaxAngle = 80;
+        ImageProc::write_lens_table(narrow / name, t);
+    }
+    const auto narrow_video = api().mCreateVideo();
+    ASSERT_EQ(api().mInitVideo(narrow_video, (narrow / "up.bin").c_str(), (narrow / "down.bin").c_str(), 256, 128, 8),
+              Lib::KIVO_OK);
+    ASSERT_EQ(api().mExecuteVideo(narrow_video, up.c_str(), down.c_str(), nullptr, nullptr, (out / "n.avi").c_str(),
+                                  &hdr, &fov),
+              Lib::KIVO_OK);
+    EXPECT_NEAR(fov, 160.0, 1.0);
+    api().mDestroyVideo(narrow_video);
+}
+
+TEST(StitchLibrary, ThreadsOnOneObjectWriteWhatOneThreadWrites) {
+    TempDir out;
+    Stitcher s;
+    const auto file = [&](int point, int round) {
+        char name[32];
+        std::snprintf(name, sizeof(name), "p%d_%d.jpg", point, round);
+        return out / name;
+    };
+    // A size not prepared by init: its tables are made by whichever thread
+    // comes first.
+    const int size[2] = {384, 192};
+    std::string expected[2];
+    {
+        Stitcher reference;
+        for (int p = 0; p < 2; ++p) {
+            ASSERT_EQ(reference.stitch(p, file(p, 9), nullptr, size), Lib::KIVO_OK);
+            expected[p] = read_file(file(p, 9));
+        }
+    }
+    int codes[2][3] = {};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 3; ++i)
+                codes[t][i] = s.stitch(t, file(t, i), nullptr, size);
+        });
+    for (auto &t : threads)
+        t.join();
+    for (int t = 0; t < 2; ++t)
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(codes[t][i], Lib::KIVO_OK);
+            EXPECT_TRUE(read_file(file(t, i)) == expected[t]) << t << " " << i;
+        }
+}
+
+TEST(StitchLibrary, AReplacedOutputLeavesAPublishedLinkAlone) {
+    TempDir out;
+    Stitcher s;
+    const std::string file = out / "p.jpg", link = out / "published.jpg";
+    ASSERT_EQ(s.stitch(0, file), Lib::KIVO_OK);
+    const std::string first = read_file(file);
+    fs::create_hard_link(file, link);
+    ASSERT_EQ(s.stitch(1, file), Lib::KIVO_OK);
+    EXPECT_NE(read_file(file), first);
+    EXPECT_EQ(read_file(link), first);
+    // No temporary file is left behind.
+    EXPECT_EQ(std::distance(fs::directory_iterator(out.path()), fs::directory_iterator()), 2);
+}
+
+TEST(StitchLibrary, EveryFailureHasItsCode) {
+    TempDir dir;
+    const std::string up = at("caches/table_Up.bin"), down = at("caches/table_Down.bin");
+    // Malformed tables: truncated, a wrong magic, a reflection.
+    const std::string table = read_file(up);
+    write_file(dir / "short.bin", table.substr(0, 100));
+    std::string magic = table;
+    magic[0] = 'X';
+    write_file(dir / "magic.bin", magic);
+    auto reflected = ImageProc::read_lens_table(up);
+    for (int i = 0; i < 3; ++i)
+        reflected.mRotation[i] = -reflected.mRotation[i];
+    const auto bytes = ImageProc::encode_lens_table(reflected);
+    write_file(dir / "reflected.bin", std::string(bytes.text()));
+    // A capture of the wrong size, and a file that is no image.
+    ORN::Image::write(dir / "small.jpg", ORN::Image::zeros(64, 64, 3, ORN::ImageDepth::U8));
+    write_file(dir / "text.jpg", "not an image");
+    write_file(dir / "file", "x");
+
+    Lib::IMAGE_HANDLE h = api().mCreate();
+    const auto exec = [&](const std::string &a, const std::string &b, const std::string &o, const int *size = SIZE) {
+        return api().mExecute(h, a.c_str(), b.c_str(), o.c_str(), size, nullptr, nullptr);
+    };
+    const std::string u = capture(0, "up"), d = capture(0, "down"), o = dir / "o.jpg";
+    capture_stdout([&] {
+        EXPECT_EQ(exec(u, d, o), Lib::KIVO_NOT_INITIALISED);
+        EXPECT_EQ(api().mCode(h), Lib::KIVO_NOT_INITIALISED);
+        for (const std::string &bad : {dir / "absent.bin", dir / "short.bin", dir / "magic.bin", dir / "reflected.bin"})
+            EXPECT_EQ(api().mInit(h, up.c_str(), bad.c_str(), WIDTH, HEIGHT, 64, 32, 8), Lib::KIVO_BAD_TABLE) << bad;
+        EXPECT_EQ(api().mCode(h), Lib::KIVO_BAD_TABLE);
+        EXPECT_EQ(api().mInit(h, up.c_str(), down.c_str(), WIDTH, HEIGHT, 64, 32, 16), Lib::KIVO_BAD_ARGUMENT);
+        EXPECT_EQ(api().mInit(h, up.c_str(), down.c_str(), 0, HEIGHT, 64, 32, 8), Lib::KIVO_BAD_ARGUMENT);
+        EXPECT_EQ(api().mInit(h, nullptr, down.c_str(), WIDTH, HEIGHT, 64, 32, 8), Lib::KIVO_BAD_ARGUMENT);
+        EXPECT_EQ(exec(u, d, o), Lib::KIVO_NOT_INITIALISED); // a failed init leaves it so
+        ASSERT_EQ(api().mInit(h, up.c_str(), down.c_str(), WIDTH, HEIGHT, 64, 32, 8), Lib::KIVO_OK);
+
+        EXPECT_EQ(exec(dir / "absent.jpg", d, o), Lib::KIVO_BAD_INPUT);
+        EXPECT_EQ(exec(u, dir / "text.jpg", o), Lib::KIVO_BAD_INPUT);
+        EXPECT_EQ(exec(u, dir / "small.jpg", o), Lib::KIVO_INPUT_MISMATCH);
+        EXPECT_EQ(api().mCode(h), Lib::KIVO_INPUT_MISMATCH);
+        EXPECT_EQ(exec(u, d, dir / "file/o.jpg"), Lib::KIVO_WRITE_FAILED);
+        EXPECT_EQ(exec(u, d, dir / "o.gif"), Lib::KIVO_BAD_ARGUMENT);
+        EXPECT_EQ(exec(u, d, o, nullptr), Lib::KIVO_BAD_ARGUMENT);
+        const int zero[2] = {0, 0};
+        EXPECT_EQ(exec(u, d, o, zero), Lib::KIVO_BAD_ARGUMENT);
+        EXPECT_EQ(api().mExecute(h, nullptr, d.c_str(), o.c_str(), SIZE, nullptr, nullptr), Lib::KIVO_BAD_ARGUMENT);
+        EXPECT_EQ(api().mExecuteHdr(h, u.c_str(), nullptr, nullptr, nullptr, d.c_str(), nullptr, nullptr, nullptr,
+                                    o.c_str(), SIZE, 0),
+                  Lib::KIVO_BAD_ARGUMENT);
+        EXPECT_EQ(api().mExecuteHdr(h, u.c_str(), nullptr, nullptr, nullptr, d.c_str(), nullptr, nullptr, nullptr,
+                                    o.c_str(), SIZE, 2),
+                  Lib::KIVO_BAD_ARGUMENT);
+        EXPECT_EQ(exec(u, d, o), Lib::KIVO_OK);
+        EXPECT_EQ(api().mCode(h), Lib::KIVO_OK);
+
+        // A null handle, for every entry that takes one.
+        EXPECT_EQ(api().mInit(nullptr, up.c_str(), down.c_str(), WIDTH, HEIGHT, 64, 32, 8), Lib::KIVO_BAD_ARGUMENT);
+        EXPECT_EQ(api().mExecute(nullptr, u.c_str(), d.c_str(), o.c_str(), SIZE, nullptr, nullptr), Lib::KIVO_BAD_ARGUMENT);
+        EXPECT_EQ(api().mCode(nullptr), Lib::KIVO_BAD_ARGUMENT);
+        EXPECT_EQ(api().mVideoCode(nullptr), Lib::KIVO_BAD_ARGUMENT);
+        EXPECT_EQ(api().mExecuteVideo(nullptr, u.c_str(), d.c_str(), nullptr, nullptr, o.c_str(), nullptr, nullptr),
+                  Lib::KIVO_BAD_ARGUMENT);
+
+        // Videos: not initialised, a missing stream, streams of another size.
+        const auto v = api().mCreateVideo();
+        const std::string vu = at("captures/video_000_up.avi"), vd = at("captures/video_000_down.avi");
+        EXPECT_EQ(api().mExecuteVideo(v, vu.c_str(), vd.c_str(), nullptr, nullptr, (dir / "v.avi").c_str(), nullptr, nullptr),
+                  Lib::KIVO_NOT_INITIALISED);
+        ASSERT_EQ(api().mInitVideo(v, up.c_str(), down.c_str(), 128, 64, 8), Lib::KIVO_OK);
+        EXPECT_EQ(api().mExecuteVideo(v, vu.c_str(), (dir / "absent.avi").c_str(), nullptr, nullptr,
+                                      (dir / "v.avi").c_str(), nullptr, nullptr),
+                  Lib::KIVO_BAD_INPUT);
+        auto other = ImageProc::read_lens_table(down);
+        other.mWidth += 8;
+        ImageProc::write_lens_table(dir / "other.bin", other);
+        ASSERT_EQ(api().mInitVideo(v, up.c_str(), (dir / "other.bin").c_str(), 128, 64, 8), Lib::KIVO_OK);
+        EXPECT_EQ(api().mExecuteVideo(v, vu.c_str(), vd.c_str(), nullptr, nullptr, (dir / "v.avi").c_str(), nullptr, nullptr),
+                  Lib::KIVO_INPUT_MISMATCH);
+        EXPECT_EQ(api().mVideoCode(v), Lib::KIVO_INPUT_MISMATCH);
+        EXPECT_FALSE(fs::exists(dir / "v.avi"));
+        api().mDestroyVideo(v);
+    });
+    api().mDestroy(h);
+}
+
+// Sets an environment variable for the life of the object.
+struct Env {
+    std::string mName;
+    Env(const std::string &name, const std::string &value) : mName(name) { ::setenv(name.c_str(), value.c_str(), 1); }
+    ~Env() { ::unsetenv(mName.c_str()); }
+};
+
+TEST(StitchLibrary, FaultSwitchesAndTrace) {
+    TempDir dir;
+    Stitcher s;
+    const std::string o = dir / "o.jpg";
+    {
+        Env fail("ZARN_BACKEND_FAIL", "KIVO_ExecuteOptFlowStitchHandle:9,KIVO_InitVideoStitchHandle:12");
+        EXPECT_EQ(s.stitch(0, o), 9);
+        EXPECT_EQ(api().mCode(s.mHandle), 9);
+        EXPECT_FALSE(fs::exists(o));
+        const auto v = api().mCreateVideo();
+        EXPECT_EQ(api().mInitVideo(v, "a", "b", 64, 32, 8), 12);
+        EXPECT_EQ(api().mVideoCode(v), 12);
+        api().mDestroyVideo(v);
+    }
+    {
+        Env fail("ZARN_BACKEND_FAIL", "KIVO_GetOptFlowStitchCode:5");
+        EXPECT_EQ(s.stitch(0, o), Lib::KIVO_OK);
+        EXPECT_EQ(api().mCode(s.mHandle), 5);
+    }
+    {
+        Env null("ZARN_BACKEND_NULL", "KIVO_CreateOptFlowStitchHandle");
+        EXPECT_EQ(api().mCreate(), nullptr);
+        const auto v = api().mCreateVideo();
+        EXPECT_NE(v, nullptr);
+        api().mDestroyVideo(v);
+    }
+    {
+        Env thrown("ZARN_BACKEND_THROW", "KIVO_ExecuteOptFlowStitchHandle");
+        EXPECT_EQ(failure_of([&] { s.stitch(0, o); }), "KIVO_ExecuteOptFlowStitchHandle : injected fault");
+    }
+    {
+        Env trace("ZARN_BACKEND_TRACE", dir / "trace.txt");
+        const int size[2] = {WIDTH, HEIGHT};
+        api().mExecute(s.mHandle, capture(0, "up").c_str(), nullptr, o.c_str(), size, nullptr, "p\"0");
+    }
+    const auto lines = lines_of(read_file(dir / "trace.txt"));
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_TRUE(starts_with(lines[0], "KIVO_ExecuteOptFlowStitchHandle \"0x")) << lines[0];
+    EXPECT_TRUE(lines[0].ends_with(" \"" + capture(0, "up") + "\" \"\" \"" + o + "\" \"512x256\" \"\" \"p\\\"0\""))
+        << lines[0];
+}
+
+} // namespace
