@@ -13,17 +13,6 @@
 #include <charconv>
 #include <mutex>
 
-// The terminal side of progress lines; the POSIX forms are at the end of
-// this file.
-namespace ORN::Private::ConsolePlatform {
-// Whether the output handle shows text as it comes (a terminal, a console
-// window) rather than storing it (a file, a pipe).
-bool on_terminal(void *handle);
-// Writes the text in the colour of the console attribute, without a line
-// feed, as one piece.
-void write_partial(void *handle, int attribute, std::string_view text);
-} // namespace ORN::Private::ConsolePlatform
-
 namespace ORN {
 
 namespace platform = ::ORN::Private::ConsolePlatform;

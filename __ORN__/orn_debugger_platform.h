@@ -15,6 +15,12 @@ void *open();
 // Writes the text in the colour of the console attribute, then a line feed,
 // as one piece.
 void write_line(void *handle, int attribute, std::string_view text);
+// Whether the output handle shows text as it comes (a terminal, a console
+// window) rather than storing it (a file, a pipe).
+bool on_terminal(void *handle);
+// Writes the text in the colour of the console attribute, without a line
+// feed, as one piece (a progress line redrawn in place).
+void write_partial(void *handle, int attribute, std::string_view text);
 // Flashes the console window and sets attribute 7 (under the mutex).
 void attention(void *handle);
 // Waits for a key (without the mutex, so other threads keep printing).

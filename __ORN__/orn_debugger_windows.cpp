@@ -83,6 +83,21 @@ void write_line(void *handle, int attribute, std::string_view text) {
     }
 }
 
+bool on_terminal(void *handle) { return is_console(static_cast<HANDLE>(handle)); }
+
+void write_partial(void *handle, int attribute, std::string_view text) {
+    const HANDLE out = static_cast<HANDLE>(handle);
+    if (!valid(out))
+        return;
+    std::fflush(stdout);
+    const bool colour = use_colour(out) && attribute != kDefaultAttribute;
+    if (colour)
+        ::SetConsoleTextAttribute(out, static_cast<WORD>(attribute));
+    put(out, text.data(), text.size());
+    if (colour)
+        ::SetConsoleTextAttribute(out, kDefaultAttribute);
+}
+
 void attention(void *handle) {
     const HWND window = ::GetConsoleWindow();
     if (window != nullptr)
