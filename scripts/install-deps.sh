@@ -5,7 +5,7 @@ set -eu
 
 PACKAGES="cmake g++ make pkg-config \
 libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev \
-libopencv-calib3d-dev libopencv-photo-dev libopencv-videoio-dev \
+libopencv-photo-dev libopencv-videoio-dev \
 libflann-dev liblz4-dev libpugixml-dev \
 libgtest-dev libgmock-dev libbenchmark-dev \
 rapidjson-dev nlohmann-json3-dev libnanoflann-dev"
