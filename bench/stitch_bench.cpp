@@ -1,0 +1,160 @@
+// The reference stitching library at the "normal" panorama size, 4096 x 2048,
+// against its essential steps measured alone in the same run: decoding the
+// two captures, one full-panorama remap per lens, encoding the panorama
+// (JPEG, quality 95). Then one object shared by one and by two threads.
+//
+// The job is made by zarn_capture at that width (captures about 2464
+// pixels square); build the targets Stitch and zarn_capture first. Both
+// are found beside this program's build directory.
+#include "ZARN_Common/ImageProc.h"
+#include "ZARN_Common/StitchLibrary.h"
+#include "__ORN__/orn_images.h"
+
+#include <benchmark/benchmark.h>
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <opencv2/imgproc.hpp>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+namespace fs = std::filesystem;
+namespace Lib = ZARN::StitchLibrary;
+using ZARN::ImageProc;
+
+constexpr int WIDTH = 4096, HEIGHT = 2048;
+const int SIZE[2] = {WIDTH, HEIGHT};
+
+fs::path build_directory() { return fs::canonical("/proc/self/exe").parent_path().parent_path(); }
+
+struct Setup {
+    Setup() {
+        char pattern[] = "/tmp/zarn_stitch_bench_XXXXXX";
+        mJob = ::mkdtemp(pattern);
+        const std::string command = (build_directory() / "bin/zarn_capture").string() + " " + mJob.string() +
+                                    " --width 4096 --points 1 --videos 0 > /dev/null";
+        if (std::system(command.c_str()) != 0)
+            throw std::runtime_error("zarn_capture failed: " + command);
+        void *lib = dlopen((build_directory() / "backends/libStitch.so").c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (lib == nullptr)
+            throw std::runtime_error(dlerror());
+        mCreate = reinterpret_cast<Lib::CREATE_OPT_FLOW_STITCH *>(dlsym(lib, "KIVO_CreateOptFlowStitchHandle"));
+        mInit = reinterpret_cast<Lib::INIT_OPT_FLOW_STITCH *>(dlsym(lib, "KIVO_InitOptFlowStitchHandle"));
+        mExecute = reinterpret_cast<Lib::EXECUTE_OPT_FLOW_STITCH *>(dlsym(lib, "KIVO_ExecuteOptFlowStitchHandle"));
+        mHandle = mCreate();
+        if (mInit(mHandle, path("caches/table_Up.bin").c_str(), path("caches/table_Down.bin").c_str(), WIDTH, HEIGHT,
+                  WIDTH / 8, HEIGHT / 8, Lib::OUTPUT_BITS) != Lib::KIVO_OK)
+            throw std::runtime_error("init failed");
+        // The peers' remap tables: every panorama pixel through each lens.
+        for (int lens = 0; lens < 2; ++lens) {
+            const auto table = ImageProc::read_lens_table(path(lens ? "caches/table_Down.bin" : "caches/table_Up.bin"));
+            cv::Mat map(HEIGHT, WIDTH, CV_32FC2);
+            cv::parallel_for_(cv::Range(0, HEIGHT), [&](const cv::Range &rows) {
+                for (int v = rows.start; v < rows.end; ++v)
+                    for (int u = 0; u < WIDTH; ++u) {
+                        double d[3], x = -16, y = -16;
+                        ImageProc::panorama_direction(u, v, WIDTH, HEIGHT, d);
+                        ImageProc::lens_project(table, d, x, y);
+                        map.at<cv::Vec2f>(v, u) = cv::Vec2f(float(x), float(y));
+                    }
+            });
+            cv::convertMaps(map, cv::noArray(), mMap1[lens], mMap2[lens], CV_16SC2, false);
+        }
+        mUp = ORN::Image::read(path("captures/point_000_up.jpg"));
+        mDown = ORN::Image::read(path("captures/point_000_down.jpg"));
+        mPanorama = ORN::Image::read(path("truth/point_000.png"));
+    }
+    ~Setup() {
+        std::error_code ec;
+        fs::remove_all(mJob, ec);
+    }
+    std::string path(const std::string &relative) const { return (mJob / relative).string(); }
+
+    fs::path mJob;
+    Lib::CREATE_OPT_FLOW_STITCH *mCreate = nullptr;
+    Lib::INIT_OPT_FLOW_STITCH *mInit = nullptr;
+    Lib::EXECUTE_OPT_FLOW_STITCH *mExecute = nullptr;
+    Lib::IMAGE_HANDLE mHandle = nullptr;
+    cv::Mat mMap1[2], mMap2[2];
+    ORN::Image mUp, mDown, mPanorama;
+};
+
+Setup &setup() {
+    static Setup s;
+    return s;
+}
+
+// One panorama by the library: decode, match, remap, blend, encode, write.
+void BM_LibraryPanorama(benchmark::State &state) {
+    Setup &s = setup();
+    const std::string up = s.path("captures/point_000_up.jpg"), down = s.path("captures/point_000_down.jpg");
+    const std::string out = s.path("caches/images/bench_" + std::to_string(state.thread_index()) + ".jpg");
+    for (auto _ : state)
+        if (s.mExecute(s.mHandle, up.c_str(), down.c_str(), out.c_str(), SIZE, nullptr, "bench") != Lib::KIVO_OK)
+            state.SkipWithError("execute failed");
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_LibraryPanorama)->Threads(1)->Threads(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+void BM_DecodeCaptures(benchmark::State &state) {
+    Setup &s = setup();
+    for (auto _ : state) {
+        auto a = ORN::Image::read(s.path("captures/point_000_up.jpg"));
+        auto b = ORN::Image::read(s.path("captures/point_000_down.jpg"));
+        benchmark::DoNotOptimize(a.data());
+        benchmark::DoNotOptimize(b.data());
+    }
+}
+BENCHMARK(BM_DecodeCaptures)->Unit(benchmark::kMillisecond);
+
+void BM_RemapBothLenses(benchmark::State &state) {
+    Setup &s = setup();
+    ORN::Image out(WIDTH, HEIGHT, 3, ORN::ImageDepth::U8);
+    cv::Mat pixels = ImageProc::mat(out);
+    const ORN::Image *captures[2] = {&s.mUp, &s.mDown};
+    for (auto _ : state)
+        for (int lens = 0; lens < 2; ++lens) {
+            cv::remap(ImageProc::mat(*captures[lens]), pixels, s.mMap1[lens], s.mMap2[lens], cv::INTER_LINEAR,
+                      cv::BORDER_CONSTANT);
+            benchmark::DoNotOptimize(out.data());
+        }
+}
+BENCHMARK(BM_RemapBothLenses)->Unit(benchmark::kMillisecond);
+
+void BM_EncodePanorama(benchmark::State &state) {
+    Setup &s = setup();
+    for (auto _ : state) {
+        auto bytes = ORN::Image::encode(".jpg", s.mPanorama, 95);
+        benchmark::DoNotOptimize(bytes.data());
+    }
+}
+BENCHMARK(BM_EncodePanorama)->Unit(benchmark::kMillisecond);
+
+// The three steps back to back, as the least a stitcher does.
+void BM_EssentialSteps(benchmark::State &state) {
+    Setup &s = setup();
+    ORN::Image out(WIDTH, HEIGHT, 3, ORN::ImageDepth::U8);
+    cv::Mat pixels = ImageProc::mat(out);
+    for (auto _ : state) {
+        const ORN::Image captures[2] = {ORN::Image::read(s.path("captures/point_000_up.jpg")),
+                                        ORN::Image::read(s.path("captures/point_000_down.jpg"))};
+        for (int lens = 0; lens < 2; ++lens)
+            cv::remap(ImageProc::mat(captures[lens]), pixels, s.mMap1[lens], s.mMap2[lens], cv::INTER_LINEAR,
+                      cv::BORDER_CONSTANT);
+        auto bytes = ORN::Image::encode(".jpg", out, 95);
+        benchmark::DoNotOptimize(bytes.data());
+    }
+}
+BENCHMARK(BM_EssentialSteps)->Unit(benchmark::kMillisecond);
+
+} // namespace
+
+BENCHMARK_MAIN();
