@@ -2,6 +2,7 @@
 
 #include <flann/flann.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <memory>
@@ -56,6 +57,11 @@ KD_Tree::Private::Implement::Implement(INDEX len, const ORN::Function<ORN::Vecto
 
 namespace {
 
+// FLANN's own k-nearest search keeps its results in one of two sets,
+// chosen by k: up to this many, a sorted array; beyond it, a heap. The two
+// treat equal distances differently, and the answers follow FLANN's.
+constexpr std::size_t HEAP_THRESHOLD = KNN_HEAP_THRESHOLD;
+
 // The k nearest points seen so far, nearest first, in caller-provided
 // storage. Same policy as FLANN's own simple k-nearest set (a point at the
 // current worst distance is not taken; equal distances keep arrival order),
@@ -92,6 +98,52 @@ private:
     double mWorst = std::numeric_limits<double>::max();
 };
 
+// The k nearest points for k above HEAP_THRESHOLD, with the policy of
+// FLANN's heap set: every point is taken until k are held; from then on a
+// point nearer than the worst held one replaces the last of them by
+// (distance, index), so that among equal distances the largest index leaves
+// first; at the end they are sorted by distance, then index.
+class FARTHEST_HEAP final : public flann::ResultSet<double> {
+public:
+    struct ENTRY {
+        double mDistance;
+        std::size_t mIndex;
+        bool operator<(const ENTRY &other) const noexcept {
+            return mDistance < other.mDistance || (mDistance == other.mDistance && mIndex < other.mIndex);
+        }
+    };
+
+    FARTHEST_HEAP(std::size_t capacity, ENTRY *entry) noexcept : mCapacity(capacity), mEntry(entry) {}
+
+    std::size_t size() const noexcept { return mCount; }
+    bool full() const override { return mFull; }
+    double worstDist() const override { return mWorst; }
+    void addPoint(double dist, std::size_t index) override {
+        if (dist >= mWorst)
+            return;
+        if (mCount == mCapacity)
+            std::pop_heap(mEntry, mEntry + mCount--);
+        mEntry[mCount++] = ENTRY{dist, index};
+        if (mFull)
+            std::push_heap(mEntry, mEntry + mCount);
+        if (mCount == mCapacity) {
+            if (!mFull) {
+                std::make_heap(mEntry, mEntry + mCount);
+                mFull = true;
+            }
+            mWorst = mEntry[0].mDistance;
+        }
+    }
+    void sort() noexcept { std::sort(mEntry, mEntry + mCount); }
+
+private:
+    std::size_t mCapacity;
+    ENTRY *mEntry;
+    std::size_t mCount = 0;
+    bool mFull = false;
+    double mWorst = std::numeric_limits<double>::max();
+};
+
 } // namespace
 
 ORN::PACK<INDEX, double> KD_Tree::Private::Implement::find_nn(const ORN::Vector<double> &point) const {
@@ -117,6 +169,19 @@ void KD_Tree::Private::Implement::find_nns(const ORN::Vector<double> &point, IND
     // Never ask for more than the tree holds: the shortfall shows in the
     // count without sizing the result by an arbitrary n.
     const std::size_t knn = static_cast<std::size_t>(n < mSize ? n : mSize);
+    if (knn > HEAP_THRESHOLD) {
+        std::vector<FARTHEST_HEAP::ENTRY> entry(knn);
+        FARTHEST_HEAP nearest(knn, entry.data());
+        mIndex->findNeighbors(nearest, query, mSearchParams);
+        const int r1x = static_cast<int>(nearest.size());
+        _DYNAMIC_ASSERT_(r1x == int(n));
+        nearest.sort();
+        out.resize(n);
+        ORN::PACK<INDEX, double> *target = out.data();
+        for (INDEX k = 0; k < n; ++k)
+            target[k] = {static_cast<INDEX>(entry[k].mIndex), std::sqrt(entry[k].mDistance)};
+        return;
+    }
     constexpr std::size_t SMALL = 32;
     std::size_t small_index[SMALL];
     double small_distance[SMALL];

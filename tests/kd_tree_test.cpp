@@ -4,6 +4,8 @@
 
 #include "support.h"
 
+#include <flann/flann.hpp>
+
 #include <algorithm>
 #include <cmath>
 #include <random>
@@ -56,6 +58,36 @@ TEST(KD_Tree, NearestAndKNearestMatchBruteForce) {
             }
         }
     }
+}
+
+TEST(KD_Tree, KNearestEqualFlannsOwnSearchWithTiedDistances) {
+    // A 12 x 12 x 12 grid: most distances are shared by many points, so the
+    // order of ties and which of them make the cut both show.
+    std::vector<Vector<double>> points;
+    for (int i = 0; i < 12 * 12 * 12; ++i)
+        points.push_back({double(i % 12), double(i / 12 % 12), double(i / 144)});
+    std::vector<double> matrix;
+    for (const auto &p : points)
+        matrix.insert(matrix.end(), {p[0], p[1], p[2]});
+    flann::KDTreeSingleIndex<flann::L2<double>> flann_index(flann::Matrix<double>(matrix.data(), points.size(), 3));
+    flann_index.buildIndex();
+    const KD_Tree tree = tree_of(points);
+
+    const std::vector<Vector<double>> queries = {{5, 5, 5}, {5.5, 5.5, 5.5}, {0, 0, 0}, {11, 3.5, 6}, {2.5, 7, 9.5}, {-3, 14, 5}};
+    RESULT out;
+    for (const int n : {1, 7, 100, 250, 251, 252, 300, 437, 600, 1728})
+        for (const auto &q : queries) {
+            std::vector<std::vector<std::size_t>> indices;
+            std::vector<std::vector<double>> distances;
+            double query[3] = {q[0], q[1], q[2]};
+            flann_index.knnSearch(flann::Matrix<double>(query, 1, 3), indices, distances, n, flann::SearchParams());
+            tree.find_nns(q, n, out);
+            ASSERT_EQ(out.size(), n);
+            int differ = 0;
+            for (int k = 0; k < n; ++k)
+                differ += out[k].mP1 != INDEX(indices[0][k]) || out[k].mP2 != std::sqrt(distances[0][k]);
+            EXPECT_EQ(differ, 0) << "n " << n << " query " << q[0] << " " << q[1] << " " << q[2];
+        }
 }
 
 TEST(KD_Tree, EdgeSizesAndQueriesAtIndexedPoints) {
