@@ -301,12 +301,14 @@ public:
     INDEX remaining() const noexcept { return mOwner.mEnd - offset(); }
 
     // Reads one number; false unless it is whole and followed by a gap or
-    // by the end of the file.
+    // by the end of the file. Blanks before it may run over several windows.
     template <class T>
     bool read_number(T &out) {
         mText.skip_gap();
-        if (mText.position() >= mSafe) [[unlikely]]
+        while (mText.position() >= mSafe && mOwner.mFill < mOwner.mEnd) [[unlikely]] {
             refill();
+            mText.skip_gap();
+        }
         return mText.read_number(out) && (mText.at_end() || ORN::TextReader::is_gap(mText.peek()));
     }
 
@@ -494,8 +496,9 @@ void PlyReader::Implement::read_header() {
             ELEMENT &element = mElement.back();
             element.mPropertyMap.try_emplace(property.mName, element.mProperty.size());
             element.mProperty.append(mProperty.size() - 1);
-        } else if (key == "end_header" && count == 1) {
-            // The header ends right after the word, in "\n" or "\r\n".
+        } else if (key == "end_header" && (count == 1 || words[0].data()[words[0].size()] == '\r')) {
+            // The header ends right after the word, in "\n" or "\r\n"; a
+            // carriage return followed by anything else is a missing line feed.
             mTempRis = reinterpret_cast<const unsigned char *>(words[0].data() + words[0].size());
             if (mTempRis < limit && mTempRis[0] == STRU8('\r'))
                 ++mTempRis;

@@ -238,7 +238,7 @@ TEST_F(PlyReaderTest, HeaderRulesRejectWithTheirTexts) {
         cases.push_back({ply + "element v " + count + "\nend_header\n", "r3x >= 0", "read_header"});
     for (const std::string line : {"obj_info scanner", "", "property float x", "element v", "end_header now", "PLY"})
         cases.push_back({ply + line + "\nelement v 0\nend_header\n", "false", "read_header"});
-    for (const std::string end : {"end_header", "end_header\r", "end_header\r\r\n"})
+    for (const std::string end : {"end_header", "end_header\r", "end_header\r\r\n", "end_header\rnow\n", "end_header\r1 2\n", "end_header \n"})
         cases.push_back({ply + "element v 0\n" + end, "mTempRis[0] == STRU8 ('\\n')", "read_header"});
     expect_failures(cases);
 }
@@ -300,6 +300,25 @@ TEST_F(PlyReaderTest, ListsOfChangingLengthAndNumbersStraddlingWindowsKeepTheirV
             const Window window(bytes);
             expect_model(PlyReader(write(format + ".ply", encode(format, {faces}))), {faces}, format + " window " + std::to_string(bytes));
         }
+}
+
+TEST_F(PlyReaderTest, BlankRunsLongerThanTheWindowAreSkippedAcrossRefills) {
+    // Blank lines of elements without properties, and long runs of blanks
+    // between two numbers, at windows far smaller than either.
+    std::vector<Element> elements = {{"v", 3, {{"float", "", "x", {{"1.5"}, {"-2"}, {"123456"}}}}},
+                                     {"bare", 300, {}},
+                                     {"f", 2, {{"int", "uchar", "i", {{"7", "8"}, {"-9"}}}, {"uint16", "", "u", {{"65535"}, {"4"}}}}}};
+    const std::string body = encode("ascii", elements);
+    for (const INDEX bytes : {INDEX(1), INDEX(2), INDEX(7), INDEX(64), INDEX(1000)}) {
+        const Window window(bytes);
+        const std::string label = "window " + std::to_string(bytes);
+        expect_model(PlyReader(write("bare.ply", body)), elements, label);
+        for (const INDEX run : {2 * bytes - 1, 2 * bytes, 3 * bytes + 5}) {
+            const std::string gap = std::string(static_cast<std::size_t>(run), ' ') + "\r\n\t";
+            const PlyReader r(write("gap.ply", "ply\nformat ascii 1.0\nelement v 3\nproperty int x\nend_header\n" + gap + "1" + gap + "-22" + gap + "333" + gap));
+            EXPECT_TRUE(r.get_index(0, 0, 0) == 1 && r.get_index(0, 0, 1) == -22 && r.get_index(0, 0, 2) == 333) << label << " run " << run;
+        }
+    }
 }
 
 TEST_F(PlyReaderTest, AMissingFileFailsAndIsNotCreated) {
