@@ -788,18 +788,23 @@ public:
                 member(c.name()).build(c, depth + 1);
     }
 
-    // Joins elements of several documents (in slot order) into one; a part
-    // that is the only one of its name is shared as it is.
+    // Joins the elements of one name and place in several documents (in
+    // slot order) into one. Elements with child elements are joined member
+    // by member; a setting (no child elements in any document) is taken
+    // whole from the earliest document that has it, so that its attribute,
+    // whatever its name, never meets another document's. The joined element
+    // keeps the earliest document's attributes; a part that stands alone is
+    // shared as it is.
     static StrongRef<Implement> join(const std::vector<StrongRef<Implement>> &parts) {
-        if (parts.size() == 1)
+        const bool members = std::any_of(parts.begin(), parts.end(), [](const auto &part) { return part->mMemberSet.size() != 0; });
+        if (parts.size() == 1 || !members)
             return parts.front();
         auto joined = StrongRef<Implement>::make();
         joined->mName = parts.front()->mName;
+        joined->mAttributeMappingSet = parts.front()->mAttributeMappingSet;
         Set<String<char>> names;
         std::vector<std::vector<StrongRef<Implement>>> groups;
         for (const auto &part : parts) {
-            for (const auto &a : part->mAttributeMappingSet)
-                joined->unite_attribute(a.mP1, a.mP2);
             for (const auto &m : part->mMemberSet) {
                 const INDEX position = names.insert(m->mName);
                 if (position == static_cast<INDEX>(groups.size()))

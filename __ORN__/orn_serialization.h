@@ -247,9 +247,10 @@ public:
     explicit XmlParser(const char *text) : XmlParser(std::string_view(text)) {}
     explicit XmlParser(const Buffer<unsigned char> &text) : XmlParser(text.text()) {}
     // Joins several documents in slot order: slots that designate nothing
-    // are skipped; elements of the same name at the same place are joined
-    // recursively and attributes are united by name, the earliest slot's
-    // value winning.
+    // are skipped; elements of the same name at the same place that have
+    // child elements are joined recursively, and any other element (a
+    // setting) is taken whole from the earliest slot that has it: the
+    // attributes of different documents are never united.
     explicit XmlParser(const Array<XmlParser> &documents);
 
     bool exist() const noexcept { return mNode.exist(); }

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -94,9 +95,8 @@ TEST(XmlSettings, JoinTakesTheEarliestSlotAndSkipsEmptyOnes) {
     const XmlParser video = section(joined, "VideoTransferProcess");
     EXPECT_EQ(video.child("mThreadConcurrency").value(int64_t(1)), 4);
     EXPECT_EQ(video.child("mFileWriterBufferSize").value(int64_t(0)), 2048);
-    // Different attribute names are both kept: the element no longer has a
-    // single attribute, so typed reads keep their default.
-    EXPECT_EQ(video.child("mOwn").value("d"), "d");
+    // A setting comes whole from the earliest slot, whatever its attribute is called.
+    EXPECT_EQ(video.child("mOwn").value("d"), "x");
     EXPECT_EQ(section(joined, "VeldaMeshProcess").child("mPointCloudSearchCount").value(int64_t(8)), 16);
     const auto order = video.children();
     ASSERT_EQ(order.size(), 3);
@@ -109,6 +109,25 @@ TEST(XmlSettings, JoinTakesTheEarliestSlotAndSkipsEmptyOnes) {
     late[2] = slots[2];
     EXPECT_EQ(section(XmlParser(late), "VideoTransferProcess").child("mThreadConcurrency").value(int64_t(1)), 9);
     EXPECT_FALSE(XmlParser(ORN::Array<XmlParser>(3)).exist());
+}
+
+TEST(XmlSettings, JoinNeverMixesTheAttributesOfOneSetting) {
+    const auto joined = [](const char *first, const char *second) {
+        ORN::Array<XmlParser> slots(3);
+        slots[0] = XmlParser(std::string("<_Lumora><P>") + first + "</P></_Lumora>");
+        slots[1] = XmlParser(std::string("<_Lumora><P>") + second + "<mOther value=\"2\"/></P></_Lumora>");
+        return section(XmlParser(slots), "P");
+    };
+    // first slot's element, second slot's element, what the joined one reads (default 1)
+    const std::tuple<const char *, const char *, int> cases[] = {
+        {"<k value=\"4\"/>", "<k v=\"9\"/>", 4},          {"<k v=\"4\"/>", "<k value=\"9\"/>", 4},
+        {"<k value=\"4\"/>", "<k value=\"9\" more=\"3\"/>", 4}, {"<k a=\"4\" b=\"5\"/>", "<k value=\"9\"/>", 1},
+        {"<k/>", "<k value=\"9\"/>", 1},                     {"", "<k v=\"9\"/>", 9}};
+    for (const auto &[first, second, expected] : cases) {
+        const XmlParser p = joined(first, second);
+        EXPECT_EQ(p.child("k").value(1), expected) << first << " + " << second;
+        EXPECT_EQ(p.child("mOther").value(0), 2) << first << " + " << second;
+    }
 }
 
 TEST(XmlSettings, ElementsOutliveTheirDocument) {
