@@ -3,6 +3,7 @@
 #include <pugixml.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <bit>
 #include <charconv>
 #include <cstring>
@@ -82,7 +83,7 @@ inline int hex_digit(char c) noexcept {
 }
 
 // The code unit of four hexadecimal digits, or a negative number.
-inline std::int32_t hex_unit(const char *p) noexcept {
+[[gnu::always_inline]] inline std::int32_t hex_unit(const char *p) noexcept {
     return (hex_digit(p[0]) << 12) | (hex_digit(p[1]) << 8) | (hex_digit(p[2]) << 4) | hex_digit(p[3]);
 }
 
@@ -97,95 +98,37 @@ static constexpr INDEX MAPPING_SIZE = 32;
 // Zero bytes kept after the text copy, so that literal matches and 16-byte
 // scans near the end never leave the copy.
 static constexpr INDEX TEXT_PADDING = 64;
+// The longest text NODE_PACK can index: its runs are 32-bit, and with at
+// most one node per byte of text (plus the root) so are its links.
+static constexpr INDEX NARROW_LIMIT = std::numeric_limits<std::int32_t>::max();
 
+namespace {
+std::atomic<INDEX> g_narrow_limit{NARROW_LIMIT};
+} // namespace
+
+// The document's own copy of the text, and the kind of node table that
+// indexes it. The nodes themselves are held by the TABLE of that kind.
 class JsonParser::Private::Implement {
 public:
-    // One slot of a member index: the name's hash and the member node.
-    struct SLOT {
-        std::uint32_t mHash;
-        LINK mNode;
-    };
-    // A member index: an open-addressing table of mMask + 1 slots.
-    struct MAPPING {
-        std::unique_ptr<SLOT[]> mSlotSet;
-        INDEX mMask;
-    };
-
-    static constexpr INDEX MAXIMUM_TEXT_SIZE = std::numeric_limits<std::int32_t>::max();
-
-    // Copies the text and sizes the node table. Every node but the root is
-    // made right after a '[', ',' or ':' of its own (a failing last node
-    // too), so the node count is at most one more than the number of those
-    // bytes. The table never moves while it is filled, and pages of it that
-    // stay unused are never touched.
-    explicit Implement(std::string_view text) {
-        const INDEX size = static_cast<INDEX>(text.size());
-        _DYNAMIC_ASSERT_(size <= MAXIMUM_TEXT_SIZE);
-        mTextSize = size;
-        mText = std::make_unique_for_overwrite<char[]>(static_cast<std::size_t>(size + TEXT_PADDING));
-        const INDEX bound = 1 + copy_counting(text.data(), mText.get(), size);
-        std::memset(mText.get() + size, 0, TEXT_PADDING);
-        mNodeSet = Buffer<NODE_PACK>(bound);
+    // Copies the text and counts the nodes it can hold at most: every node
+    // but the root is made right after a '[', ',' or ':' of its own (a
+    // failing last node too), so there is at most one more than the number
+    // of those bytes.
+    Implement(std::string_view text, bool wide) : mTextSize(static_cast<INDEX>(text.size())), mWide(wide) {
+        mText = std::make_unique_for_overwrite<char[]>(static_cast<std::size_t>(mTextSize + TEXT_PADDING));
+        mBound = 1 + copy_counting(text.data(), mText.get(), mTextSize);
+        std::memset(mText.get() + mTextSize, 0, TEXT_PADDING);
     }
 
-    std::string_view text(TEXT t) const noexcept { return {mText.get() + t.mOffset, t.mLength}; }
-    const NODE_PACK &operator[](INDEX index) const noexcept { return mNodeSet.data()[index]; }
-
-    // The member of object `object` named `name`, the last one if repeated.
-    LINK find(const NODE_PACK &object, std::string_view name) const noexcept {
-        if (object.mValue.mOffset != NO_MAPPING) {
-            const MAPPING &m = mMappingSet[object.mValue.mOffset];
-            const SLOT *slots = m.mSlotSet.get();
-            const std::uint32_t h = hash_name(name);
-            for (INDEX i = h & m.mMask;; i = (i + 1) & m.mMask) {
-                const SLOT &s = slots[i];
-                if (s.mNode == VAR_NONE)
-                    return VAR_NONE;
-                if (s.mHash == h && text((*this)[s.mNode].mName) == name)
-                    return s.mNode;
-            }
-        }
-        LINK found = VAR_NONE;
-        for (LINK i = object.mChild; i != VAR_NONE;) {
-            const NODE_PACK &member = (*this)[i];
-            if (member.mName.mLength == name.size() && text(member.mName) == name)
-                found = i;
-            i = member.mBrother;
-        }
-        return found;
-    }
-
-    // Builds the member index of a large object; a later member of the same
-    // name replaces an earlier one.
-    void build_mapping(NODE_PACK &object, INDEX count) {
-        const INDEX capacity = INDEX(std::bit_ceil(static_cast<std::uint64_t>(count) * 2));
-        auto slots = std::make_unique_for_overwrite<SLOT[]>(static_cast<std::size_t>(capacity));
-        std::fill_n(slots.get(), capacity, SLOT{0, VAR_NONE});
-        const INDEX mask = capacity - 1;
-        for (LINK member = object.mChild; member != VAR_NONE; member = (*this)[member].mBrother) {
-            const std::string_view name = text((*this)[member].mName);
-            const std::uint32_t h = hash_name(name);
-            for (INDEX i = h & mask;; i = (i + 1) & mask) {
-                SLOT &s = slots[i];
-                if (s.mNode == VAR_NONE) {
-                    s = SLOT{h, member};
-                    break;
-                }
-                if (s.mHash == h && text((*this)[s.mNode].mName) == name) {
-                    s.mNode = member;
-                    break;
-                }
-            }
-        }
-        object.mValue.mOffset = static_cast<std::uint32_t>(mMappingSet.size());
-        mMappingSet.push_back(MAPPING{std::move(slots), mask});
+    std::string_view text(std::uint64_t offset, std::uint64_t length) const noexcept {
+        return {mText.get() + offset, static_cast<std::size_t>(length)};
     }
 
     std::unique_ptr<char[]> mText;
     INDEX mTextSize = 0;
-    Buffer<NODE_PACK> mNodeSet; // sized to the bound, filled up to mNodeSize
-    INDEX mNodeSize = 0;
-    std::vector<MAPPING> mMappingSet;
+    INDEX mBound = 0;
+    // Nodes are WIDE_NODE_PACK (text above the narrow limit), else NODE_PACK.
+    bool mWide = false;
 
 private:
     // Copies `size` bytes and counts the '[', ',' and ':' among them.
@@ -219,6 +162,19 @@ private:
     }
 };
 
+INDEX JsonParser::Private::narrow_limit() noexcept { return g_narrow_limit.load(std::memory_order_relaxed); }
+
+void JsonParser::Private::set_narrow_limit(INDEX bytes) {
+    _DYNAMIC_ASSERT_(bytes >= 0 && bytes <= NARROW_LIMIT);
+    g_narrow_limit.store(bytes, std::memory_order_relaxed);
+}
+
+INDEX JsonParser::Private::link_size(const JsonParser &parser) noexcept {
+    if (!parser.exist())
+        return 0;
+    return parser.mTable.get()->mWide ? INDEX(sizeof(WIDE_NODE_PACK::LINK)) : INDEX(sizeof(NODE_PACK::LINK));
+}
+
 JsonParser::Private::RecursiveCounter::RecursiveCounter(INDEX &self) : mSelf(self) {
     _DYNAMIC_ASSERT_(mSelf <= DEFAULT_RECURSIVE_SIZE);
     ++mSelf;
@@ -226,39 +182,123 @@ JsonParser::Private::RecursiveCounter::RecursiveCounter(INDEX &self) : mSelf(sel
 
 JsonParser::Private::RecursiveCounter::~RecursiveCounter() { --mSelf; }
 
-// The recursive-descent reader over the table's own text copy. Strings with
-// escapes are decoded in place (a decoded string never grows), so every
-// scalar and member name is a run of that copy.
 namespace {
 
-using NODE_PACK = JsonParser::NODE_PACK;
-using TEXT = JsonParser::TEXT;
-using LINK = JsonParser::LINK;
 using Implement = JsonParser::Private::Implement;
 using RecursiveCounter = JsonParser::Private::RecursiveCounter;
+using NODE_PACK = JsonParser::NODE_PACK;
+using WIDE_NODE_PACK = JsonParser::WIDE_NODE_PACK;
 static_assert(sizeof(NODE_PACK) == 32);
+static_assert(sizeof(WIDE_NODE_PACK) == 64);
 
 constexpr std::uint8_t NODE_NULL = JsonParser::NODE_NULL;
 constexpr std::uint8_t NODE_VALUE = JsonParser::NODE_VALUE;
 constexpr std::uint8_t NODE_ARRAY = JsonParser::NODE_ARRAY;
 constexpr std::uint8_t NODE_OBJECT = JsonParser::NODE_OBJECT;
-constexpr std::uint32_t NO_MAPPING = JsonParser::NO_MAPPING;
 
+// The node table of one document, with nodes of one width. It is sized once
+// to the bound, never moves while it is filled, and pages of it that stay
+// unused are never touched.
+template <class NODE>
+class TABLE final : public Implement {
+public:
+    using LINK = typename NODE::LINK;
+    using TEXT = typename NODE::TEXT;
+
+    // One slot of a member index: the name's hash and the member node.
+    struct SLOT {
+        std::uint32_t mHash;
+        LINK mNode;
+    };
+    // A member index: an open-addressing table of mMask + 1 slots.
+    struct MAPPING {
+        std::unique_ptr<SLOT[]> mSlotSet;
+        INDEX mMask;
+    };
+
+    TABLE(std::string_view text, bool wide) : Implement(text, wide), mNodeSet(mBound) {}
+
+    std::string_view text(TEXT t) const noexcept { return Implement::text(t.mOffset, t.mLength); }
+    const NODE &operator[](INDEX index) const noexcept { return mNodeSet.data()[index]; }
+
+    // The member of object `object` named `name`, the last one if repeated.
+    LINK find(const NODE &object, std::string_view name) const noexcept {
+        if (object.mValue.mOffset != NODE::NO_MAPPING) {
+            const MAPPING &m = mMappingSet[object.mValue.mOffset];
+            const SLOT *slots = m.mSlotSet.get();
+            const std::uint32_t h = hash_name(name);
+            for (INDEX i = h & m.mMask;; i = (i + 1) & m.mMask) {
+                const SLOT &s = slots[i];
+                if (s.mNode == VAR_NONE)
+                    return VAR_NONE;
+                if (s.mHash == h && text((*this)[s.mNode].mName) == name)
+                    return s.mNode;
+            }
+        }
+        LINK found = VAR_NONE;
+        for (LINK i = object.mChild; i != VAR_NONE;) {
+            const NODE &member = (*this)[i];
+            if (member.mName.mLength == name.size() && text(member.mName) == name)
+                found = i;
+            i = member.mBrother;
+        }
+        return found;
+    }
+
+    // Builds the member index of a large object; a later member of the same
+    // name replaces an earlier one.
+    void build_mapping(NODE &object, INDEX count) {
+        const INDEX capacity = INDEX(std::bit_ceil(static_cast<std::uint64_t>(count) * 2));
+        auto slots = std::make_unique_for_overwrite<SLOT[]>(static_cast<std::size_t>(capacity));
+        std::fill_n(slots.get(), capacity, SLOT{0, VAR_NONE});
+        const INDEX mask = capacity - 1;
+        for (LINK member = object.mChild; member != VAR_NONE; member = (*this)[member].mBrother) {
+            const std::string_view name = text((*this)[member].mName);
+            const std::uint32_t h = hash_name(name);
+            for (INDEX i = h & mask;; i = (i + 1) & mask) {
+                SLOT &s = slots[i];
+                if (s.mNode == VAR_NONE) {
+                    s = SLOT{h, member};
+                    break;
+                }
+                if (s.mHash == h && text((*this)[s.mNode].mName) == name) {
+                    s.mNode = member;
+                    break;
+                }
+            }
+        }
+        object.mValue.mOffset = static_cast<typename NODE::OFFSET>(mMappingSet.size());
+        mMappingSet.push_back(MAPPING{std::move(slots), mask});
+    }
+
+    Buffer<NODE> mNodeSet; // sized to the bound, filled up to mNodeSize
+    INDEX mNodeSize = 0;
+    std::vector<MAPPING> mMappingSet;
+};
+
+// The recursive-descent reader over the table's own text copy. Strings with
+// escapes are decoded in place (a decoded string never grows), so every
+// scalar and member name is a run of that copy. The text ends at its first
+// NUL outside a string; the copy is followed by NULs.
+template <class NODE>
 class Generator {
 public:
-    explicit Generator(Implement &table) noexcept
+    using LINK = typename NODE::LINK;
+    using TEXT = typename NODE::TEXT;
+    using OFFSET = typename NODE::OFFSET;
+
+    explicit Generator(TABLE<NODE> &table) noexcept
         : mRis(table.mText.get()), mBegin(table.mText.get()), mEnd(table.mText.get() + table.mTextSize),
           mNodeSet(table.mNodeSet.data()), mTable(table) {}
 
     // Parses the document; VAR_NONE for a blank text.
     INDEX generate() {
         skip_gap();
-        if (mRis == mEnd)
+        if (*mRis == '\0')
             return VAR_NONE;
         mLatestIndex = parse_value(VAR_NONE);
         skip_gap();
         _DYNAMIC_ASSERT_(mRis[0] == STRU8 ('\0'));
-        _DYNAMIC_ASSERT_(mRis == mEnd);
         _DYNAMIC_ASSERT_(mLatestIndex == 0);
         mTable.mNodeSize = mNodeSize;
         return mLatestIndex;
@@ -271,19 +311,19 @@ private:
     }
 
     TEXT run(const char *b, const char *e) const noexcept {
-        return TEXT{static_cast<std::uint32_t>(b - mBegin), static_cast<std::uint32_t>(e - b)};
+        return TEXT{static_cast<OFFSET>(b - mBegin), static_cast<OFFSET>(e - b)};
     }
 
     LINK append(LINK parent) noexcept {
         const LINK index = mNodeSize++;
-        mNodeSet[index] = NODE_PACK{TEXT{0, 0}, 0, parent, VAR_NONE, VAR_NONE, TEXT{0, 0}};
+        mNodeSet[index] = NODE{TEXT{0, 0}, 0, parent, VAR_NONE, VAR_NONE, TEXT{0, 0}};
         return index;
     }
 
     LINK parse_value(LINK parent) {
         const RecursiveCounter counter(mSelf);
         const LINK index = append(parent);
-        NODE_PACK &node = mNodeSet[index];
+        NODE &node = mNodeSet[index];
         switch (*mRis) {
         case '+':
         case '-':
@@ -323,7 +363,7 @@ private:
             break;
         case '{':
             node.mClass = NODE_OBJECT;
-            node.mValue.mOffset = NO_MAPPING;
+            node.mValue.mOffset = NODE::NO_MAPPING;
             parse_object(index);
             break;
         default:
@@ -399,8 +439,12 @@ private:
 #endif
     }
 
-    // A quoted string at mRis; yields its decoded content.
-    TEXT parse_string() {
+    // A quoted string at mRis; yields its decoded content. The string path
+    // (this, the escapes and hex_unit under it) is kept inline in
+    // parse_value: left to itself, GCC moves parts of it out of line once
+    // two table widths are instantiated, and texts with many strings then
+    // parse 5 to 7 % slower.
+    [[gnu::always_inline]] TEXT parse_string() {
         ++mRis;
         char *const b = mRis;
         scan_plain();
@@ -429,7 +473,7 @@ private:
     }
 
     // The escape at mRis (a backslash); writes its bytes at `out`.
-    char *parse_escape(char *out) {
+    [[gnu::always_inline]] char *parse_escape(char *out) {
         char escape = 0;
         switch (mRis[1]) {
         case '"':
@@ -468,7 +512,7 @@ private:
     }
 
     // "\uXXXX", or a surrogate pair of two of them, as UTF-8.
-    char *parse_unicode(char *out) {
+    [[gnu::always_inline]] char *parse_unicode(char *out) {
         std::int32_t code = hex_unit(mRis + 2);
         _DYNAMIC_ASSERT_(code >= 0);
         mRis += 6;
@@ -508,7 +552,7 @@ private:
         }
         LINK last = parse_value(index);
         mNodeSet[index].mChild = last;
-        std::uint32_t count = 1;
+        OFFSET count = 1;
         for (;;) {
             skip_gap();
             if (*mRis != ',')
@@ -533,7 +577,7 @@ private:
             return;
         }
         LINK last = VAR_NONE;
-        std::uint32_t count = 0;
+        OFFSET count = 0;
         for (;;) {
             _DYNAMIC_ASSERT_(mRis[0] == STRU8 ('"'));
             const TEXT name = parse_string();
@@ -565,62 +609,82 @@ private:
     char *mRis;
     const char *const mBegin;
     const char *const mEnd;
-    NODE_PACK *const mNodeSet;
+    NODE *const mNodeSet;
     LINK mNodeSize = 0;
     INDEX mSelf = 0;
     INDEX mLatestIndex = VAR_NONE;
-    Implement &mTable;
+    TABLE<NODE> &mTable;
 };
+
+// Parses `text` into a table of NODE; no table for a blank text.
+template <class NODE>
+StrongRef<const Implement> parse_table(std::string_view text, bool wide, INDEX &root) {
+    auto table = std::make_shared<TABLE<NODE>>(text, wide);
+    root = Generator<NODE>(*table).generate();
+    if (root == VAR_NONE)
+        return {};
+    return StrongRef<const Implement>(std::shared_ptr<const Implement>(std::move(table)));
+}
 
 } // namespace
 
 // ---------------------------------------------------------------------------
 // JsonParser queries.
 
+template <class F>
+decltype(auto) JsonParser::visit(F &&f) const {
+    const Private::Implement &table = *mTable.get();
+    if (table.mWide) [[unlikely]]
+        return f(static_cast<const TABLE<WIDE_NODE_PACK> &>(table));
+    return f(static_cast<const TABLE<NODE_PACK> &>(table));
+}
+
 JsonParser::JsonParser(std::string_view text) {
-    auto table = std::make_shared<Private::Implement>(text);
-    const INDEX root = Generator(*table).generate();
+    INDEX root = VAR_NONE;
+    auto table = static_cast<INDEX>(text.size()) > Private::narrow_limit() ? parse_table<WIDE_NODE_PACK>(text, true, root)
+                                                                            : parse_table<NODE_PACK>(text, false, root);
     if (root == VAR_NONE)
         return;
-    mTable = StrongRef<const Private::Implement>(std::move(table));
+    mTable = std::move(table);
     mIndex = root;
 }
 
 JsonParser::JsonParser(const StrongRef<const Private::Implement> &table, INDEX index) noexcept : mTable(table), mIndex(index) {}
 
-const JsonParser::NODE_PACK *JsonParser::node() const noexcept { return exist() ? &(*mTable.get())[mIndex] : nullptr; }
-
-JsonParser JsonParser::at(LINK index) const noexcept { return index == VAR_NONE ? JsonParser() : JsonParser(mTable, index); }
+JsonParser JsonParser::at(INDEX index) const noexcept { return index == VAR_NONE ? JsonParser() : JsonParser(mTable, index); }
 
 INDEX JsonParser::kind() const noexcept {
-    const NODE_PACK *n = node();
-    return n ? n->mClass : NODE_EMPTY;
+    if (!exist())
+        return NODE_EMPTY;
+    return visit([&](const auto &table) -> INDEX { return table[mIndex].mClass; });
 }
 
 std::string_view JsonParser::view() const {
     _DYNAMIC_ASSERT_(exist ());
     _DYNAMIC_ASSERT_(string_type ());
-    return mTable.get()->text(node()->mValue);
+    return visit([&](const auto &table) { return table.text(table[mIndex].mValue); });
 }
 
 bool JsonParser::quoted() const noexcept {
     // A string's text starts right after its opening quote (escapes are
     // decoded in place, never moving the start); a number's or a boolean's
     // text starts at its first character, which no quote precedes.
-    const NODE_PACK *n = node();
-    if (n == nullptr || n->mClass != NODE_VALUE || n->mValue.mOffset == 0)
+    if (!string_type())
         return false;
-    return mTable.get()->text(TEXT{n->mValue.mOffset - 1, 1})[0] == '"';
+    return visit([&](const auto &table) {
+        const auto offset = table[mIndex].mValue.mOffset;
+        return offset != 0 && table.mText[offset - 1] == '"';
+    });
 }
 
 String<char> JsonParser::value() const {
     _DYNAMIC_ASSERT_(exist ());
     _DYNAMIC_ASSERT_(string_type ());
-    return String<char>(mTable.get()->text(node()->mValue));
+    return String<char>(view());
 }
 
 String<char> JsonParser::value(std::string_view fallback) const {
-    return string_type() ? String<char>(mTable.get()->text(node()->mValue)) : String<char>(fallback);
+    return string_type() ? String<char>(view()) : String<char>(fallback);
 }
 String<char> JsonParser::value(const String<char> &fallback) const { return value(std::string_view(fallback)); }
 String<char> JsonParser::value(const char *fallback) const { return value(std::string_view(fallback)); }
@@ -631,50 +695,50 @@ T JsonParser::value(T fallback) const {
     if (!string_type())
         return fallback;
     T out = fallback;
-    return convert_text(mTable.get()->text(node()->mValue), out) ? out : fallback;
+    return convert_text(view(), out) ? out : fallback;
 }
 
 JsonParser JsonParser::child(std::string_view name) const {
     if (!object_type())
         return {};
-    return at(mTable.get()->find(*node(), name));
+    return at(visit([&](const auto &table) -> INDEX { return table.find(table[mIndex], name); }));
 }
 
 INDEX JsonParser::size() const noexcept {
-    const NODE_PACK *n = node();
-    return n && n->mClass >= NODE_ARRAY ? n->mValue.mLength : 0;
+    if (!exist())
+        return 0;
+    return visit([&](const auto &table) -> INDEX {
+        const auto &n = table[mIndex];
+        return n.mClass >= NODE_ARRAY ? INDEX(n.mValue.mLength) : 0;
+    });
 }
 
 Array<JsonParser> JsonParser::children() const {
     Array<JsonParser> result;
-    const NODE_PACK *n = node();
-    if (!n)
+    if (!exist())
         return result;
     result.reserve(size());
-    const Private::Implement &table = *mTable.get();
-    for (LINK i = n->mChild; i != VAR_NONE; i = table[i].mBrother)
-        result.append(JsonParser(mTable, i));
+    visit([&](const auto &table) {
+        for (INDEX i = table[mIndex].mChild; i != VAR_NONE; i = table[i].mBrother)
+            result.append(JsonParser(mTable, i));
+    });
     return result;
 }
 
 JsonParser JsonParser::first() const noexcept {
-    const NODE_PACK *n = node();
-    return n ? at(n->mChild) : JsonParser();
+    return exist() ? at(visit([&](const auto &table) -> INDEX { return table[mIndex].mChild; })) : JsonParser();
 }
 
 JsonParser JsonParser::parent() const noexcept {
-    const NODE_PACK *n = node();
-    return n ? at(n->mParent) : JsonParser();
+    return exist() ? at(visit([&](const auto &table) -> INDEX { return table[mIndex].mParent; })) : JsonParser();
 }
 
 JsonParser JsonParser::brother() const noexcept {
-    const NODE_PACK *n = node();
-    return n ? at(n->mBrother) : JsonParser();
+    return exist() ? at(visit([&](const auto &table) -> INDEX { return table[mIndex].mBrother; })) : JsonParser();
 }
 
 std::string_view JsonParser::name() const noexcept {
-    const NODE_PACK *n = node();
-    return n ? mTable.get()->text(n->mName) : std::string_view();
+    return exist() ? visit([&](const auto &table) { return table.text(table[mIndex].mName); }) : std::string_view();
 }
 
 // ---------------------------------------------------------------------------

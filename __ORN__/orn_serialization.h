@@ -13,6 +13,7 @@
 #include "orn_stream.h"
 
 #include <cstdint>
+#include <limits>
 #include <string_view>
 #include <type_traits>
 
@@ -28,7 +29,8 @@ namespace ORN {
 //
 // Accepted text: standard JSON, plus a leading '+' on numbers, a number
 // ending in '.' ("5."), and the upper-case literals TRUE and FALSE (kept as
-// written). Strings may not hold raw bytes 0..31 (DEL and bytes 128..255 pass
+// written). A NUL byte where the text may end (before the root value or
+// after it) ends it: nothing after it is read. Strings may not hold raw bytes 0..31 (DEL and bytes 128..255 pass
 // through as they are); escapes are the JSON ones, \uXXXX decoded to UTF-8
 // with surrogate pairs combined. Nesting is limited to 257 open values. An
 // empty or blank-only text yields a document that does not exist. Anything
@@ -44,22 +46,24 @@ public:
     static constexpr INDEX NODE_ARRAY = 3;
     static constexpr INDEX NODE_OBJECT = 4;
 
-    // A run of bytes of the document's own text copy (offset, length). The
-    // text is limited to 2 GiB so that runs and links stay 32-bit and a node
-    // takes 32 bytes.
-    struct TEXT {
-        std::uint32_t mOffset;
-        std::uint32_t mLength;
-    };
-    using LINK = std::int32_t;
+    // One JSON value, with links to other nodes of LINK_TYPE and runs of the
+    // document's own text copy (offset, length) of its unsigned form. mValue
+    // is the scalar's text (escapes resolved, quotes dropped); for a null it
+    // is "null". An array or object has no text: its mValue.mLength counts
+    // its children, and an object's mValue.mOffset is the number of its
+    // member index, or NO_MAPPING when the object is small enough to be
+    // searched along its chain. mName is the member name when the parent is
+    // an object.
+    template <class LINK_TYPE>
+    struct BASIC_NODE_PACK {
+        using LINK = LINK_TYPE;
+        using OFFSET = std::make_unsigned_t<LINK_TYPE>;
+        struct TEXT {
+            OFFSET mOffset;
+            OFFSET mLength;
+        };
+        static constexpr OFFSET NO_MAPPING = std::numeric_limits<OFFSET>::max();
 
-    // One JSON value (32 bytes). mValue is the scalar's text (escapes
-    // resolved, quotes dropped); for a null it is "null". An array or object
-    // has no text: its mValue.mLength counts its children, and an object's
-    // mValue.mOffset is the number of its member index, or NO_MAPPING when
-    // the object is small enough to be searched along its chain. mName is
-    // the member name when the parent is an object.
-    struct NODE_PACK {
         TEXT mValue;
         std::uint8_t mClass;
         LINK mParent;
@@ -67,11 +71,25 @@ public:
         LINK mChild;
         TEXT mName;
     };
-    static constexpr std::uint32_t NO_MAPPING = 0xFFFFFFFFu;
+    // Texts up to the narrow limit (2 GiB) are indexed with 32-bit links and
+    // runs, so that a node takes 32 bytes; longer ones with 64-bit ones
+    // (64-byte nodes).
+    using NODE_PACK = BASIC_NODE_PACK<std::int32_t>;
+    using WIDE_NODE_PACK = BASIC_NODE_PACK<std::int64_t>;
 
     class Private {
     public:
         class Implement;
+        // The longest text indexed with NODE_PACK: by default 2^31 - 1
+        // bytes, the most its links and runs can address; a longer text gets
+        // WIDE_NODE_PACK. Parses begun after a change use the new limit
+        // ("bytes >= 0 && bytes <= NARROW_LIMIT"); tests lower it so that
+        // small texts take the wide path.
+        static INDEX narrow_limit() noexcept;
+        static void set_narrow_limit(INDEX bytes);
+        // Bytes per link of the table behind `parser`: 4 or 8, 0 when it
+        // designates nothing.
+        static INDEX link_size(const JsonParser &parser) noexcept;
         // Depth guard of one parse: entering a value checks the shared
         // counter against the limit and counts one level up; leaving counts
         // it down again, also when the parse fails. Used by the parser's own
@@ -146,8 +164,11 @@ public:
 
 private:
     JsonParser(const StrongRef<const Private::Implement> &table, INDEX index) noexcept;
-    JsonParser at(LINK index) const noexcept;
-    const NODE_PACK *node() const noexcept;
+    JsonParser at(INDEX index) const noexcept;
+    // Calls `f` with the node table of the document, narrow or wide; only
+    // while the parser designates a node.
+    template <class F>
+    decltype(auto) visit(F &&f) const;
 
     StrongRef<const Private::Implement> mTable;
     INDEX mIndex = VAR_NONE;
@@ -235,6 +256,16 @@ public:
     class Private {
     public:
         class Implement;
+        // The longest text indexed with NODE_PACK: by default 2^31 - 1
+        // bytes, the most its links and runs can address; a longer text gets
+        // WIDE_NODE_PACK. Parses begun after a change use the new limit
+        // ("bytes >= 0 && bytes <= NARROW_LIMIT"); tests lower it so that
+        // small texts take the wide path.
+        static INDEX narrow_limit() noexcept;
+        static void set_narrow_limit(INDEX bytes);
+        // Bytes per link of the table behind `parser`: 4 or 8, 0 when it
+        // designates nothing.
+        static INDEX link_size(const JsonParser &parser) noexcept;
     };
 
     // A parser that designates nothing.

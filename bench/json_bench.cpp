@@ -1,7 +1,9 @@
 // JSON parse throughput of ORN::JsonParser against RapidJSON (DOM) and
 // nlohmann::json on two generated ~10 MB documents, and member lookup by
-// name in an object with 10^4 members. After the runs the ratios of ORN's
-// throughput to each peer's are printed.
+// name in an object with 10^4 members. The same documents are also parsed
+// through the 64-bit links that texts above 2 GiB get, and with
+// ZARN_JSON_BENCH_LARGE set, a real text above 2 GiB. After the runs the
+// ratios of ORN's throughput to each peer's are printed.
 #include "__ORN__/orn_serialization.h"
 
 #include <benchmark/benchmark.h>
@@ -9,6 +11,7 @@
 #include <rapidjson/document.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <random>
 #include <string>
@@ -112,6 +115,39 @@ void BM_Parse_ORN(benchmark::State &state) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
 }
 
+// The same parse through the table of 64-bit links, by lowering the limit
+// of 32-bit ones for the run.
+void BM_Parse_ORN_Wide(benchmark::State &state) {
+    const std::string &text = document(static_cast<int>(state.range(0)));
+    const ORN::INDEX saved = ORN::JsonParser::Private::narrow_limit();
+    ORN::JsonParser::Private::set_narrow_limit(0);
+    for (auto _ : state) {
+        ORN::JsonParser doc(text);
+        benchmark::DoNotOptimize(doc.index());
+    }
+    ORN::JsonParser::Private::set_narrow_limit(saved);
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
+}
+
+// A text above 2 GiB, which only 64-bit links can index: the stitch plan
+// repeated in one array. Takes about 10 GB of memory at its peak.
+constexpr int LARGE_COPIES = 230;
+
+void BM_Parse_ORN_Large(benchmark::State &state) {
+    std::string text = "[";
+    text.reserve(LARGE_COPIES * (stitch_plan().size() + 1) + 1);
+    for (int i = 0; i < LARGE_COPIES; ++i)
+        (text += stitch_plan()) += i + 1 < LARGE_COPIES ? "," : "]";
+    for (auto _ : state) {
+        ORN::JsonParser doc(text);
+        if (ORN::JsonParser::Private::link_size(doc) != 8 || doc.size() != LARGE_COPIES ||
+            doc.children()[LARGE_COPIES - 1].child("stitch_main_param").child("image_file").first().child("name").value() != "point_100000")
+            state.SkipWithError("the large text did not read back");
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
+    state.counters["GiB"] = static_cast<double>(text.size()) / (1u << 30);
+}
+
 void BM_Parse_RapidJSON(benchmark::State &state) {
     const std::string &text = document(static_cast<int>(state.range(0)));
     for (auto _ : state) {
@@ -185,6 +221,7 @@ void BM_Lookup_nlohmann(benchmark::State &state) {
 }
 
 BENCHMARK(BM_Parse_ORN)->ArgName("doc")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Parse_ORN_Wide)->ArgName("doc")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Parse_RapidJSON)->ArgName("doc")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Parse_nlohmann)->ArgName("doc")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Lookup_ORN)->Unit(benchmark::kMicrosecond);
@@ -219,18 +256,29 @@ public:
     }
     void Finalize() override {
         ConsoleReporter::Finalize();
-        const auto line = [&](const char *label, const std::string &stem, const std::string &suffix) {
-            const double ours = mRate[stem + "ORN" + suffix];
+        const auto line = [&](const char *label, const std::string &stem, const std::string &ours_name, const std::string &suffix) {
+            const double ours = mRate[stem + ours_name + suffix];
             const double rapid = mRate[stem + "RapidJSON" + suffix];
             const double nlohmann = mRate[stem + "nlohmann" + suffix];
-            if (ours > 0 && rapid > 0 && nlohmann > 0)
-                std::printf("%-22s ORN/RapidJSON = %.2f   ORN/nlohmann = %.2f\n", label, ours / rapid, ours / nlohmann);
+            const double narrow = mRate[stem + "ORN" + suffix];
+            if (!(ours > 0 && rapid > 0 && nlohmann > 0))
+                return;
+            std::printf("%-34s ORN/RapidJSON = %.2f   ORN/nlohmann = %.2f", label, ours / rapid, ours / nlohmann);
+            if (ours_name != "ORN" && narrow > 0)
+                std::printf("   64-bit/32-bit links = %.2f", ours / narrow);
+            std::printf("\n");
         };
         std::printf("\nstitch plan %.1f MB, mixed values %.1f MB\n", stitch_plan().size() / 1048576.0,
                     mixed_values().size() / 1048576.0);
-        line("parse stitch plan", "BM_Parse_", "/doc:0");
-        line("parse mixed values", "BM_Parse_", "/doc:1");
-        line("lookup 10^4 members", "BM_Lookup_", "");
+        line("parse stitch plan", "BM_Parse_", "ORN", "/doc:0");
+        line("parse mixed values", "BM_Parse_", "ORN", "/doc:1");
+        line("parse stitch plan, 64-bit links", "BM_Parse_", "ORN_Wide", "/doc:0");
+        line("parse mixed values, 64-bit links", "BM_Parse_", "ORN_Wide", "/doc:1");
+        line("lookup 10^4 members", "BM_Lookup_", "ORN", "");
+        const double large = mRate["BM_Parse_ORN_Large"], plan = mRate["BM_Parse_ORN/doc:0"];
+        if (large > 0 && plan > 0)
+            std::printf("parse %.2f GiB text / 10 MB stitch plan = %.2f\n", LARGE_COPIES * (stitch_plan().size() + 1) / 1073741824.0,
+                        large / plan);
     }
 
 private:
@@ -283,6 +331,8 @@ int main(int argc, char **argv) {
         return 1;
     if (!documents_agree())
         return 1;
+    if (std::getenv("ZARN_JSON_BENCH_LARGE") != nullptr)
+        benchmark::RegisterBenchmark("BM_Parse_ORN_Large", BM_Parse_ORN_Large)->Iterations(2)->Unit(benchmark::kMillisecond);
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();

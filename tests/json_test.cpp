@@ -62,11 +62,11 @@ TEST(JsonParse, RejectedFormsNameTheFailedCondition) {
     const std::string end = "mRis[0] == STRU8 ('\\0')", close = "mRis[0] == STRU8 (']')", digit = "is_digit (mRis[0])",
                       ctrl = "STRU8 (mRis[0]) >= STRU8 (' ')", open = "mRis < mEnd", depth = "mSelf <= DEFAULT_RECURSIVE_SIZE";
     const std::pair<std::string, std::string> cases[] = {
-        {"{} x", end}, {"[1] [2]", end}, {"012", end}, {std::string("{}\0x", 4), "mRis == mEnd"}, {"[012]", close},
+        {"{} x", end}, {"[1] [2]", end}, {"012", end}, {std::string("[1\0]", 4), close}, {"[012]", close},
         {"[1 2]", close}, {"[1", close}, {"[1,2,]", "false"}, {"[,1]", "false"}, {".5", "false"}, {"'a'", "false"},
         {"NULL", "false"}, {"1e", digit}, {"1e+", digit}, {"-", digit}, {"+-1", digit}, {"True", "size > 0"},
         {"[tru]", "size > 0"}, {"nul", "std::memcmp (mRis, \"null\", 4) == 0"}, {"{\"a\":1,}", "mRis[0] == STRU8 ('\"')"},
-        {"{a:1}", "mRis[0] == STRU8 ('\"')"}, {"{\"a\" 1}", "mRis[0] == STRU8 (':')"}, {"{\"a\":1 \"b\":2}", "mRis[0] == STRU8 ('}')"},
+        {"{a:1}", "mRis[0] == STRU8 ('\"')"}, {"{\"a\" 1}", "mRis[0] == STRU8 (':')"}, {std::string("{\"a\"\0:1}", 8), "mRis[0] == STRU8 (':')"}, {"{\"a\":1 \"b\":2}", "mRis[0] == STRU8 ('}')"},
         // Strings: unterminated, control bytes, bad escapes and lone surrogates.
         {"\"abc", open}, {"[\"abc\\\"]", open}, {std::string("\"a\0b\"", 5), ctrl}, {"\"a\t\"", ctrl}, {"\"a\n\"", ctrl},
         {"\"a\r\"", ctrl}, {"\"a\x01\"", ctrl}, {"\"a\x1f\"", ctrl}, {"\"\\x\"", "escape != 0"}, {"\"\\", "escape != 0"},
@@ -96,12 +96,65 @@ TEST(JsonParse, StringEscapesDecodeInPlace) {
     EXPECT_EQ(o.child("n").value(), "12");
 }
 
+TEST(JsonParse, ANulByteEndsTheText) {
+    // Whatever follows the first NUL after the root value is never read.
+    for (const std::string &text : {std::string("{\"a\":1}\0garbage", 15), std::string("{\"a\":1} \r\n\0{\"a\":2", 17),
+                                   std::string("{\"a\":1}\0", 8)}) {
+        const JsonParser doc(text);
+        EXPECT_TRUE(doc.size() == 1 && doc.child("a").value() == "1") << text;
+    }
+    EXPECT_EQ(JsonParser(std::string("[7]\0]", 5)).first().value(), "7");
+}
+
 TEST(JsonParse, BlankTextIsAMissingDocumentAndFailuresLeaveNoParser) {
-    for (const char *blank : {"", " ", "\r\n\t  "})
+    const std::string blanks[] = {"", " ", "\r\n\t  ", std::string("\0[1]", 4), std::string(" \n\0{", 4)};
+    for (const std::string &blank : blanks)
         EXPECT_TRUE(!JsonParser(blank).exist() && JsonParser(blank).value(7) == 7) << blank;
     JsonParser kept("[1]");
     EXPECT_THROW(kept = JsonParser("[1,"), ORN::Exception);
     EXPECT_EQ(kept.first().value(), "1");
+}
+
+// Every node of a tree: position, kind, name, quoting, text or child count,
+// parent, and where lookup by its name leads.
+std::string dump(const JsonParser &p) {
+    std::string out = std::to_string(p.index()) + ' ' + std::to_string(p.kind()) + ' ' + std::string(p.name()) + (p.quoted() ? " q " : " ") +
+                      (p.string_type() ? p.value() : std::to_string(p.size())) + ' ' + std::to_string(p.parent().index()) + '\n';
+    for (JsonParser c = p.first(); c.exist(); c = c.brother())
+        out += dump(c) + (p.object_type() ? std::to_string(p.child(c.name()).index()) + '\n' : "");
+    return out;
+}
+
+// Lowers the size above which texts get 64-bit links, for one scope.
+struct NarrowLimit {
+    explicit NarrowLimit(ORN::INDEX bytes) : mSaved(JsonParser::Private::narrow_limit()) { JsonParser::Private::set_narrow_limit(bytes); }
+    ~NarrowLimit() { JsonParser::Private::set_narrow_limit(mSaved); }
+    ORN::INDEX mSaved;
+};
+
+TEST(JsonParse, TextsAboveTheNarrowLimitGetWideLinksAndTheSameAnswers) {
+    EXPECT_EQ(JsonParser::Private::narrow_limit(), 2147483647);
+    std::string large = "{";
+    for (int i = 0; i < 100; ++i)
+        large += "\"k" + std::to_string(i % 90) + "\":[" + std::to_string(i) + ",\"s\\u00e9\"],";
+    const std::string texts[] = {large + "\"k5\":{}}", nested(257), R"([1,"a\"b",TRUE,null,{"x":{"y":[]}}])", "\"top\"", "-0.5e+3",
+                                 std::string("{\"a\":[1]}\0x", 11)};
+    for (const std::string &text : texts) {
+        const JsonParser narrow(text);
+        const NarrowLimit limit(0);
+        const JsonParser wide(text);
+        EXPECT_EQ(JsonParser::Private::link_size(narrow), 4);
+        EXPECT_EQ(JsonParser::Private::link_size(wide), 8);
+        EXPECT_EQ(dump(wide), dump(narrow)) << text;
+    }
+    // The limit is inclusive, and failures read alike on both tables.
+    const NarrowLimit limit(7);
+    EXPECT_EQ(JsonParser::Private::link_size(JsonParser("[1,2,3]")), 4);
+    EXPECT_EQ(JsonParser::Private::link_size(JsonParser("[1,2,3] ")), 8);
+    EXPECT_EQ(JsonParser::Private::link_size(JsonParser()), 0);
+    expect_assert([] { JsonParser p(nested(258)); }, "mSelf <= DEFAULT_RECURSIVE_SIZE", "wide depth");
+    expect_assert([] { JsonParser p("[1,2,] "); }, "false", "wide comma");
+    expect_assert([] { JsonParser::Private::set_narrow_limit(-1); }, "bytes >= 0 && bytes <= NARROW_LIMIT", "negative limit");
 }
 
 TEST(JsonQuery, ValueAssertsExistThenStringTypeAndTypedReadsKeepTheDefault) {
