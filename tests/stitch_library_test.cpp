@@ -241,6 +241,7 @@ TEST(StitchLibrary, VideoFramesHdrValueAndFieldOfView) {
     ASSERT_EQ(api().mExecuteVideo(video, up.c_str(), down.c_str(), up_short.c_str(), down_short.c_str(), fused.c_str(),
                                   &hdr, &fov),
               Lib::KIVO_OK);
+    std::printf("video: HDR value %.3f, field of view %.2f degrees\n", hdr, fov);
     EXPECT_NEAR(hdr, 4.0, 0.4); // the generator's short streams have a quarter of the exposure
     EXPECT_NEAR(fov, 180.0, 0.1);
     const AVI a = read_avi(fused);
