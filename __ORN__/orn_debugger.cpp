@@ -321,17 +321,18 @@ private:
         }
     }
 
-    // Writes the tenth lines due and not yet written; yields the count they show.
+    // Writes one line when tenths were completed since the last one (several
+    // tenths completed at once make one line, with the true percentage);
+    // yields the count it shows.
     INDEX write_tenths_locked() {
         const INDEX done = mDone.load(std::memory_order_relaxed);
         const int reached = tenth(done);
         if (mTenths >= reached)
             return done;
-        const double seconds = mStart.elapsed().seconds();
-        while (mTenths < reached) {
-            ++mTenths;
-            mService->write_progress(this, ConsoleProgress::text(mHeading, done, mTotal, mTenths * 10, seconds), true);
-        }
+        mTenths = reached;
+        const INDEX percent = std::min<INDEX>(done, mTotal) * 100 / mTotal;
+        mService->write_progress(this, ConsoleProgress::text(mHeading, done, mTotal, percent, mStart.elapsed().seconds()),
+                                 true);
         return done;
     }
 

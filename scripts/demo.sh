@@ -16,6 +16,13 @@ JOB="$BUILD/demo/sample-job"
 rm -rf "$BUILD/demo"
 mkdir -p "$BUILD/demo"
 cp -r examples/sample-job "$JOB"
+# The stitching part of the job: synthetic two-lens captures of a known
+# room, their lens tables and the stitch plan, made afresh for each demo.
+if [ -x "$BUILD/bin/zarn_capture" ]; then
+    "$BUILD/bin/zarn_capture" "$JOB" --points 3 --videos 1 > /dev/null
+else
+    echo "note: $BUILD/bin/zarn_capture is not built; the stitching part of the job is left out."
+fi
 status=0
 "$BUILD/bin/zarn" run --libs "$BUILD/backends" --log "$BUILD/demo" "$(pwd)/$JOB" || status=$?
 
@@ -23,6 +30,13 @@ echo
 echo "== published results (hard links: inode, link count, size, name)"
 if [ -d "$JOB/results" ]; then
     (cd "$JOB/results" && find . -type f | sort | xargs -r ls -i -l | awk '{ print $1, $3, $6, $NF }')
+else
+    echo "(none)"
+fi
+echo
+echo "== stitched panoramas (equirectangular; the scene they show is in truth/)"
+if [ -d "$JOB/caches/images" ]; then
+    (cd "$JOB" && find caches/images -type f | sort)
 else
     echo "(none)"
 fi

@@ -199,7 +199,8 @@ TEST(LauncherGraph, PrintsTheDeclaredGraphWithoutRunningIt) {
             EXPECT_TRUE(contains(r.output, std::string("label=\"") + node + "\"")) << process << " " << node;
         // The record of settings keys only where the process has keys.
         const bool keys = process == "VeldaMainProcess" || process == "VeldaMeshProcess" ||
-                          process == "ImageFilterProcess" || process == "VideoTransferProcess";
+                          process == "ImageFilterProcess" || process == "VideoTransferProcess" ||
+                          process == "StitchMainProcess";
         EXPECT_EQ(contains(r.output, "label=\"CON_mSetting\""), keys) << process;
     }
     EXPECT_TRUE(fs::is_empty(job.path()));
