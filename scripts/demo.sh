@@ -19,7 +19,7 @@ cp -r examples/sample-job "$JOB"
 # The stitching part of the job: synthetic two-lens captures of a known
 # room, their lens tables and the stitch plan, made afresh for each demo.
 if [ -x "$BUILD/bin/zarn_capture" ]; then
-    "$BUILD/bin/zarn_capture" "$JOB" --points 3 --videos 1 > /dev/null
+    "$BUILD/bin/zarn_capture" "$JOB" --width 4096 --points 3 --videos 1 > /dev/null
 else
     echo "note: $BUILD/bin/zarn_capture is not built; the stitching part of the job is left out."
 fi
@@ -34,9 +34,11 @@ else
     echo "(none)"
 fi
 echo
-echo "== stitched panoramas (equirectangular; the scene they show is in truth/)"
+echo "== stitched panoramas (4096 x 2048 equirectangular) and videos"
 if [ -d "$JOB/caches/images" ]; then
-    (cd "$JOB" && find caches/images -type f | sort)
+    (cd "$JOB" && find caches/images caches/videos -type f | sort | sed "s|^|$JOB/|")
+    echo "(the scene they were rendered from is in $JOB/truth/; the first point is a plain"
+    echo " capture, the others are fused from four exposures per lens)"
 else
     echo "(none)"
 fi
