@@ -67,17 +67,6 @@ void report(std::string_view operation, const String<char> &path, const String<c
     console().error(operation, " : ", path, " : ", reason);
 }
 
-// Paths take both separators, as everywhere in the library.
-String<char> native(const String<char> &path) {
-#if defined(_WIN32)
-    return path;
-#else
-    String<char> out = path;
-    std::replace(out.begin(), out.end(), '\\', '/');
-    return out;
-#endif
-}
-
 // The extension of a path, dot included ("" when it has none).
 String<char> extension_of(const String<char> &path) {
     const String<char> name = FileSystemProc::file_name(path);
@@ -158,16 +147,26 @@ Image Image::clone() const {
     return Image(StrongRef<Private::Implement>::make(mThis->mPixels.clone()));
 }
 
+// Files go through the file system layer (a regular file, read without
+// blocking) and the codec works in memory, so that this layer touches no
+// file itself.
 Image Image::read(const String<char> &path, ImageReadMode mode) {
     cv::Mat r1x;
     String<char> reason = "not a decodable image";
-    try {
-        r1x = cv::imread(native(path), read_flags(mode));
-    } catch (const cv::Exception &e) {
-        reason = e.err;
-    }
-    if (r1x.empty() && !FileSystemProc::find_file(path))
+    Buffer<unsigned char> bytes;
+    if (!FileSystemProc::find_file(path))
         reason = "no such file";
+    else if (!try_run([&] { bytes = FileSystemProc::load_file(path); }))
+        reason = "cannot be read";
+    else if (bytes.size() > INT_MAX)
+        reason = "too large";
+    else if (!bytes.empty())
+        try {
+            const cv::Mat encoded(1, static_cast<int>(bytes.size()), CV_8U, bytes.data());
+            r1x = cv::imdecode(encoded, read_flags(mode));
+        } catch (const cv::Exception &e) {
+            reason = e.err;
+        }
     if (r1x.empty())
         report("read_image", path, reason);
     _DYNAMIC_ASSERT_(!r1x.empty ());
@@ -178,12 +177,18 @@ void Image::write(const String<char> &path, const Image &image, INDEX quality) {
     if (image.empty())
         report("write_image", path, "empty image");
     _DYNAMIC_ASSERT_(!image.empty ());
+    std::vector<unsigned char> bytes;
     bool r1x = false;
-    String<char> reason = "cannot be written";
+    String<char> reason = "cannot be encoded as " + extension_of(path);
     try {
-        r1x = cv::imwrite(native(path), pixels_of(image.mThis), write_params(extension_of(path), quality));
+        r1x = cv::imencode(extension_of(path), pixels_of(image.mThis), bytes, write_params(extension_of(path), quality));
     } catch (const cv::Exception &e) {
         reason = e.err;
+    }
+    const std::string_view encoded(reinterpret_cast<const char *>(bytes.data()), bytes.size());
+    if (r1x && !try_run([&] { FileSystemProc::save_file(path, encoded); })) {
+        r1x = false;
+        reason = "cannot be written";
     }
     if (!r1x)
         report("write_image", path, reason);

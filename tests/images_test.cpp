@@ -121,7 +121,11 @@ TEST(Images, FailuresNameTheOperationThePathAndTheReason) {
         {[&] { Image::read(dir / "text.png"); }, "read_image : " + (dir / "text.png") + " : not a decodable image", "!r1x.empty ()"},
         {[&] { Image::decode(ORN::Buffer<unsigned char>::from_text("garbage")); }, "decode_image : <memory> : not a decodable image", "!r1x.empty ()"},
         {[&] { Image::decode(nullptr, 0); }, "decode_image : <memory> : no bytes", "!r1x.empty ()"},
-        {[&] { Image::write(dir / "no/such/dir/a.png", colour); }, "write_image : " + (dir / "no/such/dir/a.png") + " : cannot be written", "r1x"},
+        // The file system layer tells the system's reason first.
+        {[&] { Image::write(dir / "no/such/dir/a.png", colour); },
+         "save_file : " + (dir / "no/such/dir/a.png") + " : No such file or directory\nwrite_image : " +
+             (dir / "no/such/dir/a.png") + " : cannot be written",
+         "r1x"},
         {[&] { Image::write(dir / "a.png", Image()); }, "write_image : " + (dir / "a.png") + " : empty image", "!image.empty ()"},
         {[&] { Image::encode(".png", Image()); }, "encode_image : .png : empty image", "!image.empty ()"},
         {[&] { grey.convert(ORN::ImageColor::BGR_TO_GRAY); }, "convert_color : 4x2x1 u8 : needs 3 channels", "channels () == r1x.mChannels"},
