@@ -19,6 +19,8 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
@@ -525,8 +527,23 @@ public:
     // Runs `work(i)` for i in [0, n) on the workers, with the progress line
     // under `heading`; the first failure stops what has not started yet and
     // ends the action with its error.
+    // The time spent inside the library's execute calls, summed over the
+    // workers: what the action's time is made of besides the process's own
+    // work (logged at verbose level after "time costs : ").
+    struct LIBRARY_CLOCK {
+        std::atomic<ORN::int64> mNanoseconds{0};
+        template <class F>
+        auto time(F &&call) {
+            const ORN::TimePoint start = ORN::TimePoint::now();
+            const auto result = call();
+            mNanoseconds += start.elapsed().nanoseconds();
+            return result;
+        }
+    };
+
     template <class WORK>
-    static void run_on_workers(ORN::int64 threads, std::string_view heading, INDEX n, WORK &&work) {
+    static void run_on_workers(ORN::int64 threads, std::string_view heading, INDEX n, LIBRARY_CLOCK &clock,
+                               WORK &&work) {
         auto &console = ORN::console();
         const ORN::TimePoint start = ORN::TimePoint::now();
         console.info("async processing ", n, " on ", std::clamp<INDEX>(threads, 1, std::max<INDEX>(n, 1)), " threads");
@@ -540,6 +557,7 @@ public:
         workers.wait();
         progress.finish();
         console.info("time costs : ", start.elapsed().text());
+        console.verbose("library calls : ", ORN::Duration(std::chrono::nanoseconds(clock.mNanoseconds.load())).text());
     }
 
     struct ACT_mImageStitch {
@@ -579,7 +597,8 @@ public:
                 const ORN::JobDirectory job(path.mSelf);
                 for (const auto &image : data.mImage)
                     job.build_directory(folder_of(image.dst1));
-                run_on_workers(setting.mThreadConcurrency, "image stitch : ", data.mImage.size(), [&](INDEX i) {
+                LIBRARY_CLOCK clock;
+                run_on_workers(setting.mThreadConcurrency, "image stitch : ", data.mImage.size(), clock, [&](INDEX i) {
                     const NDS_mStitchDataImage &image = data.mImage[i];
                     const auto me = mHandles->mSelf[configs.mConfigSet.map(image.config)].self().mP1;
                     const auto &size = sizes.mSelf[image.resolution - 1];
@@ -591,8 +610,11 @@ public:
                         const String<char> upper = job.path(image.raw1), lower = job.path(image.raw2);
                         double statistics[2] = {0, 0};
                         result = _CALL_TRY_([&] {
-                            return library.mExecuteOptFlowStitchHandle(me, upper.c_str(), lower.c_str(), output.c_str(),
-                                                                       wh, statistics, image.name.c_str());
+                            return clock.time([&] {
+                                return library.mExecuteOptFlowStitchHandle(me, upper.c_str(), lower.c_str(),
+                                                                           output.c_str(), wh, statistics,
+                                                                           image.name.c_str());
+                            });
                         });
                         if (result == 0)
                             ORN::console().debug("image [", i, "] lower gain ", statistics[0], ", seam difference ",
@@ -608,8 +630,10 @@ public:
                         }
                         const auto brackets = static_cast<unsigned char>(image.brackets());
                         result = _CALL_TRY_([&] {
-                            return library.mExecuteOptFlowStitchHDRHandle(me, p[0], p[1], p[2], p[3], p[4], p[5], p[6],
-                                                                          p[7], output.c_str(), wh, brackets);
+                            return clock.time([&] {
+                                return library.mExecuteOptFlowStitchHDRHandle(me, p[0], p[1], p[2], p[3], p[4], p[5],
+                                                                              p[6], p[7], output.c_str(), wh, brackets);
+                            });
                         });
                     }
                     check_result(result, [&] { return library.mGetOptFlowStitchCode(me); });
@@ -687,7 +711,8 @@ public:
                 mFov = ORN::Array<double>(n, 0.0);
                 for (const INDEX i : videos.mSelf)
                     job.build_directory(folder_of(data.mVideo[i].dst4));
-                run_on_workers(setting.mThreadConcurrency, "video stitch : ", n, [&](INDEX k) {
+                LIBRARY_CLOCK clock;
+                run_on_workers(setting.mThreadConcurrency, "video stitch : ", n, clock, [&](INDEX k) {
                     const INDEX i = videos.mSelf[k];
                     const NDS_mStitchDataVideo &video = data.mVideo[i];
                     const auto me = mHandles->mSelf[mHandles->mConfigSet.map(video.con)].self().mP1;
@@ -698,8 +723,10 @@ public:
                     const String<char> output = job.path(video.dst4);
                     double hdr = 1.0, fov = 0.0;
                     const int result = _CALL_TRY_([&] {
-                        return library.mExecuteVideoStitchHandle(me, src1.c_str(), src2.c_str(), src3.c_str(),
-                                                                 src4.c_str(), output.c_str(), &hdr, &fov);
+                        return clock.time([&] {
+                            return library.mExecuteVideoStitchHandle(me, src1.c_str(), src2.c_str(), src3.c_str(),
+                                                                     src4.c_str(), output.c_str(), &hdr, &fov);
+                        });
                     });
                     check_result(result, [&] { return library.mGetVideoStitchCode(me); });
                     mHdr[k] = hdr;

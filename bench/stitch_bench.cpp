@@ -18,6 +18,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -154,6 +155,101 @@ void BM_EssentialSteps(benchmark::State &state) {
     }
 }
 BENCHMARK(BM_EssentialSteps)->Unit(benchmark::kMillisecond);
+
+// The peer: FFmpeg's v360 filter turning the same two fisheye captures,
+// side by side (input=dfisheye), into a 4096 x 2048 equirectangular JPEG of
+// the same quality, one thread. It runs as a program, so its time includes
+// starting FFmpeg (a few milliseconds), decoding and encoding, like the
+// library's. Skipped when ffmpeg is not installed.
+void BM_FfmpegV360(benchmark::State &state) {
+    Setup &s = setup();
+    if (std::system("command -v ffmpeg > /dev/null 2>&1") != 0) {
+        state.SkipWithError("ffmpeg is not installed");
+        return;
+    }
+    const std::string pair = s.path("captures/side_by_side.jpg");
+    if (!fs::exists(pair)) {
+        cv::Mat both;
+        cv::hconcat(ImageProc::mat(s.mUp), ImageProc::mat(s.mDown), both);
+        ORN::Image::write(pair, ImageProc::image(both), 95);
+    }
+    const auto table = ImageProc::read_lens_table(s.path("caches/table_Up.bin"));
+    const std::string fov = std::to_string(2 * table.mMaxAngle);
+    const std::string command = "ffmpeg -v error -y -threads 1 -filter_threads 1 -i " + pair +
+                                " -vf v360=input=dfisheye:output=e:w=" + std::to_string(WIDTH) +
+                                ":h=" + std::to_string(HEIGHT) + ":ih_fov=" + fov + ":iv_fov=" + fov +
+                                ":pitch=90 -q:v 2 " + s.path("caches/images/ffmpeg.jpg");
+    for (auto _ : state)
+        if (std::system(command.c_str()) != 0)
+            state.SkipWithError("ffmpeg failed");
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_FfmpegV360)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+// The whole stitch process over 20 panoramas of the same capture, with one
+// worker, through the launcher (--verbose): the action's time ("time costs
+// : ") against the time its library calls took ("library calls : "), both
+// as the process reports them. The counter "overhead_percent" is what the
+// process adds around the library calls; "cold_library_percent" is how much
+// longer the calls took in the fresh process than 20 calls on a warm object
+// in this one (the library's own start-up: first-touch memory).
+void BM_ProcessTwentyPanoramas(benchmark::State &state) {
+    Setup &s = setup();
+    const fs::path job = s.mJob / "twenty";
+    fs::create_directories(job / "caches");
+    for (const char *table : {"caches/table_Up.bin", "caches/table_Down.bin"})
+        fs::copy_file(s.path(table), job / table, fs::copy_options::overwrite_existing);
+    std::string records;
+    for (int i = 0; i < 20; ++i)
+        records += std::string(i ? "," : "") + "{\"dst1\":\"caches/images/p" + std::to_string(i) +
+                   ".jpg\",\"name\":\"p" + std::to_string(i) + "\",\"raw1\":\"" +
+                   s.path("captures/point_000_up.jpg").substr(s.mJob.string().size() + 1) + "\",\"raw2\":\"" +
+                   s.path("captures/point_000_down.jpg").substr(s.mJob.string().size() + 1) +
+                   "\",\"config\":\"default\",\"hdr\":0,\"resolution\":1,\"is_main\":1}";
+    // The captures are reached from the job through its own folder.
+    fs::create_directories(job / "captures");
+    for (const char *capture : {"captures/point_000_up.jpg", "captures/point_000_down.jpg"})
+        fs::copy_file(s.path(capture), job / capture, fs::copy_options::overwrite_existing);
+    auto write = [](const fs::path &file, const std::string &text) {
+        FILE *f = std::fopen(file.c_str(), "wb");
+        std::fwrite(text.data(), 1, text.size(), f);
+        std::fclose(f);
+    };
+    write(job / "caches/stitch_data.json", "{\"stitch_main_param\":{\"image_file\":[" + records + "]}}");
+    write(job / "caches/split_data.json", "{\"StitchMainProcess\":{\"video_stitch\":false}}");
+    write(job / "setting.xml", "<_Lumora><StitchMainProcess><mThreadConcurrency value=\"1\"/></StitchMainProcess></_Lumora>");
+
+    const std::string up = s.path("captures/point_000_up.jpg"), down = s.path("captures/point_000_down.jpg");
+    const std::string out = s.path("caches/images/alone.jpg");
+    const std::string command = (build_directory() / "bin/zarn").string() +
+                                " run --verbose --process StitchMainProcess --libs " +
+                                (build_directory() / "backends").string() + " " + job.string();
+    double overhead = 0, cold = 0;
+    for (auto _ : state) {
+        const auto start = std::chrono::steady_clock::now();
+        for (int i = 0; i < 20; ++i)
+            s.mExecute(s.mHandle, up.c_str(), down.c_str(), out.c_str(), SIZE, nullptr, "alone");
+        const double alone = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        FILE *pipe = ::popen(("NO_COLOR=1 " + command).c_str(), "r");
+        double action = 0, library = 0;
+        char line[512];
+        while (std::fgets(line, sizeof(line), pipe) != nullptr) {
+            (void)std::sscanf(line, "time costs : %lf s", &action);
+            (void)std::sscanf(line, "library calls : %lf s", &library);
+        }
+        ::pclose(pipe);
+        if (action <= 0 || library <= 0) {
+            state.SkipWithError("the process did not report its times");
+            return;
+        }
+        overhead = 100.0 * (action - library) / action;
+        cold = 100.0 * (library - alone) / alone;
+        state.SetIterationTime(action);
+    }
+    state.counters["overhead_percent"] = overhead;
+    state.counters["cold_library_percent"] = cold;
+}
+BENCHMARK(BM_ProcessTwentyPanoramas)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
 
 } // namespace
 

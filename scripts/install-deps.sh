@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs the Debian packages the build, the tests and the benchmarks need.
 # Idempotent: only packages that are not installed yet are fetched.
+# ffmpeg is only the stitching benchmark's peer (its v360 filter).
 set -eu
 
 PACKAGES="cmake g++ make pkg-config \
@@ -8,7 +9,8 @@ libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev \
 libopencv-photo-dev libopencv-videoio-dev \
 libflann-dev liblz4-dev libpugixml-dev \
 libgtest-dev libgmock-dev libbenchmark-dev \
-rapidjson-dev nlohmann-json3-dev libnanoflann-dev"
+rapidjson-dev nlohmann-json3-dev libnanoflann-dev \
+ffmpeg"
 
 missing=""
 for p in $PACKAGES; do
