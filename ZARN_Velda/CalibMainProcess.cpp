@@ -1,13 +1,316 @@
 // CalibMainProcess: Camera calibration, analysis and shading.
+//
+// The run: read the three stage switches and the raw inputs from the
+// process's member of the split data; call the calibration library once per
+// enabled stage (camera calibration, colour analysis, shading), each of
+// which writes its results into "caches/calib_result/"; publish the files of
+// the enabled stages into "results/calib/" by hard link; write
+// "caches/upload.part5.json".
+//
+// The process's member of "caches/split_data.json":
+//
+//   {"enable_calib_main_calib": true, "enable_calib_main_analysis": true,
+//    "enable_calib_main_shading": true,
+//    "analysis_raw": {"src1": "captures/chart_00.jpg", "src2": "", ...},
+//    "shading_raw": {"src1": "captures/flat_00.jpg"}}
+//
+// The library is opened only when a stage is enabled.
 
+#include "ZARN_Common/CalibLibrary.h"
+#include "ZARN_Common/export.h"
 #include "ZARN_Velda/ProcessFrame.h"
 
+#include <array>
+#include <string_view>
+
 namespace ZARN {
+
+namespace {
+
+using ORN::FileSystemProc;
+using ORN::INDEX;
+using ORN::String;
+
+// A published file and its class in the upload manifest.
+struct CALIB_FILE {
+    std::string_view mName;
+    std::string_view mClass;
+};
+
+// The files each stage leaves in "caches/calib_result/", in publication
+// order; the case of the names is theirs ("down.jpg" beside "Down.xml").
+constexpr std::array<CALIB_FILE, 10> CALIB_FILES = {{
+    {"down.jpg", "preview"},
+    {"up.jpg", "preview"},
+    {"Down.xml", "intrinsics"},
+    {"Up.xml", "intrinsics"},
+    {"Up2.xml", "extrinsics"},
+    {"tablea.bin", "lens_table"},
+    {"tablea2.bin", "lens_table"},
+    {"tableb.bin", "lens_table"},
+    {"sfm_init.bin", "sfm_init"},
+    {"sfm_init.json", "sfm_init"},
+}};
+constexpr std::array<CALIB_FILE, 2> ANALYSIS_FILES = {{
+    {"colorCalibrate.txt", "color_correction"},
+    {"colorCalibrate.jpg", "preview"},
+}};
+constexpr std::array<CALIB_FILE, 1> SHADING_FILES = {{
+    {"shadingCalibrate", "shading_map"},
+}};
+
+// The description of the calibration target, resolved by the library
+// against the current directory.
+constexpr std::string_view CALIB_TARGET = "asset/calib_target.txt";
+
+} // namespace
+
+// The calibration library: "libCalib.so" ("Calib.dll" on Windows) in the
+// current directory, and its three entries, linked in this order.
+struct CalibHandle {
+    DLL mDLL;
+    CalibLibrary::RUN_SHADING_MAIN *mRunShadingMain = nullptr;
+    CalibLibrary::RUN_ANALYSIS_MAIN *mRunAnalysisMain = nullptr;
+    CalibLibrary::RUN_CALIB_MAIN *mRunCalibMain = nullptr;
+
+    CalibHandle() {
+        mDLL.open(DLL::library_path("Calib"));
+        mRunShadingMain = mDLL.link_as<CalibLibrary::RUN_SHADING_MAIN>("run_shading_main");
+        mRunAnalysisMain = mDLL.link_as<CalibLibrary::RUN_ANALYSIS_MAIN>("run_analysis_main");
+        mRunCalibMain = mDLL.link_as<CalibLibrary::RUN_CALIB_MAIN>("run_calib_main");
+    }
+};
 
 class CalibMainProcess::Private::Implement final : public Frame::ProcessImplement<Implement> {
     ZARN_PROCESS_IMPLEMENT(CalibMainProcess)
 
-    using ACTIONS = Frame::Actions<ACT_mWorkingPath>;
+public:
+    static constexpr std::array<std::string_view, 3> WORKING_DIRECTORIES = {"caches/calibration", "caches/calib_result",
+                                                                            "results/calib"};
+
+    // The stage switches and the raw inputs ("analysis_raw" and
+    // "shading_raw" are objects holding "src1".."src4"; a missing switch is
+    // false, a missing input empty). Every input is a name inside the job.
+    struct CON_mSplitData {
+        ORN_NODE(CON_mSplitData);
+        bool mCalib = false, mAnalysis = false, mShading = false;
+        std::array<String<char>, 4> mAnalysisRaw;
+        String<char> mShadingRaw;
+        explicit CON_mSplitData(ORN::SyntaxTree &tree) {
+            const auto &json = tree.stack<CON_mSplitDataJson>();
+            tree.once([this, &json] {
+                const ORN::JsonParser &section = json.mSelf;
+                mCalib = section.child("enable_calib_main_calib").value(false);
+                mAnalysis = section.child("enable_calib_main_analysis").value(false);
+                mShading = section.child("enable_calib_main_shading").value(false);
+                const ORN::JsonParser analysis = section.child("analysis_raw");
+                for (int i = 0; i < 4; ++i)
+                    mAnalysisRaw[i] = analysis.child("src" + std::to_string(i + 1)).value("");
+                mShadingRaw = section.child("shading_raw").child("src1").value("");
+                for (const String<char> *name : {&mAnalysisRaw[0], &mAnalysisRaw[1], &mAnalysisRaw[2],
+                                                 &mAnalysisRaw[3], &mShadingRaw}) {
+                    ORN::Deque<String<char>> parts = FileSystemProc::decouple_path_name(*name);
+                    bool inside = name->empty() || (name->front() != '/' && name->front() != '\\');
+                    for (const auto &part : parts)
+                        inside = inside && part != "." && part != ".." && part.find(':') == String<char>::npos;
+                    if (!inside)
+                        ORN::console().error("calibration input outside the job : ", *name);
+                    _DYNAMIC_ASSERT_(inside);
+                }
+                ORN::console().info("calibration stages : calib ", mCalib, ", analysis ", mAnalysis, ", shading ",
+                                    mShading);
+            });
+        }
+    };
+
+    // The library, opened and linked when the node plays.
+    struct CON_mCalibHandle {
+        ORN_NODE(CON_mCalibHandle);
+        ORN::AutoRef<CalibHandle> mSelf;
+        explicit CON_mCalibHandle(ORN::SyntaxTree &tree) {
+            tree.once([this] { mSelf = ORN::AutoRef<CalibHandle>::make(); });
+        }
+    };
+
+    // A stage's call: the result, sign-extended, logged as "return value = "
+    // and required to be 0.
+    static ORN::int64 check_stage(ORN::int64 mMainReturnValue) {
+        ORN::console().info("return value = ", mMainReturnValue);
+        _DYNAMIC_ASSERT_(mMainReturnValue == 0);
+        return mMainReturnValue;
+    }
+
+    // The raw inputs of a stage as full paths (empty ones stay empty), each
+    // given one checked to be a file of the job, and how many are given.
+    static std::array<String<char>, 4> stage_inputs(const ORN::JobDirectory &job,
+                                                    const std::array<String<char>, 4> &names, int &count) {
+        std::array<String<char>, 4> paths;
+        count = 0;
+        for (int i = 0; i < 4; ++i) {
+            if (names[i].empty())
+                continue;
+            paths[i] = job.path(names[i]);
+            ConsistencyProc::check_file_existance(paths[i]);
+            count = i + 1;
+        }
+        return paths;
+    }
+
+    // The camera calibration itself: ("working path", "asset/calib_target.txt").
+    struct ACT_mCalibMainCalib_mEnable {
+        ORN_NODE(ACT_mCalibMainCalib_mEnable);
+        ORN::int64 mMainReturnValue = 0;
+        explicit ACT_mCalibMainCalib_mEnable(ORN::SyntaxTree &tree) {
+            const auto &handle = tree.stack<CON_mCalibHandle>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([this, &handle, &path] {
+                const auto run = handle.mSelf->mRunCalibMain;
+                const String<char> target(CALIB_TARGET);
+                mMainReturnValue = check_stage(_CALL_TRY_([&] { return run(path.mSelf.c_str(), target.c_str()); }));
+            });
+        }
+    };
+
+    // The camera calibration stage: runs when its switch is on.
+    struct ACT_mCalibMainCalib {
+        ORN_NODE(ACT_mCalibMainCalib);
+        explicit ACT_mCalibMainCalib(ORN::SyntaxTree &tree) {
+            tree.stack<ACT_mWorkingPath>();
+            const auto &data = tree.stack<CON_mSplitData>();
+            tree.stack<VAR_mWorkingPath>();
+            tree.maybe<CON_mCalibHandle>();
+            tree.maybe<ACT_mCalibMainCalib_mEnable>();
+            tree.once([&tree, &data] {
+                if (data.mCalib)
+                    tree.stack<ACT_mCalibMainCalib_mEnable>();
+            });
+        }
+    };
+
+    // The colour analysis stage: the chart captures of "analysis_raw".
+    struct ACT_mCalibMainAnalysis {
+        ORN_NODE(ACT_mCalibMainAnalysis);
+        ORN::int64 mMainReturnValue = 0;
+        explicit ACT_mCalibMainAnalysis(ORN::SyntaxTree &tree) {
+            tree.stack<ACT_mCalibMainCalib>();
+            const auto &data = tree.stack<CON_mSplitData>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.maybe<CON_mCalibHandle>();
+            tree.once([this, &tree, &data, &path] {
+                if (!data.mAnalysis)
+                    return;
+                const auto &handle = tree.stack<CON_mCalibHandle>();
+                tree.then([this, &handle, &data, &path] {
+                    int count = 0;
+                    const auto src = stage_inputs(ORN::JobDirectory(path.mSelf), data.mAnalysisRaw, count);
+                    const auto run = handle.mSelf->mRunAnalysisMain;
+                    mMainReturnValue = check_stage(_CALL_TRY_([&] {
+                        return run(src[0].c_str(), src[1].c_str(), src[2].c_str(), src[3].c_str(), path.mSelf.c_str(),
+                                   count);
+                    }));
+                });
+            });
+        }
+    };
+
+    // The shading stage: the flat-field capture of "shading_raw"; its result
+    // is "caches/calib_result/shadingCalibrate".
+    struct ACT_mCalibMainShading {
+        ORN_NODE(ACT_mCalibMainShading);
+        ORN::int64 mMainReturnValue = 0;
+        explicit ACT_mCalibMainShading(ORN::SyntaxTree &tree) {
+            tree.stack<ACT_mCalibMainAnalysis>();
+            const auto &data = tree.stack<CON_mSplitData>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.maybe<CON_mCalibHandle>();
+            tree.once([this, &tree, &data, &path] {
+                if (!data.mShading)
+                    return;
+                const auto &handle = tree.stack<CON_mCalibHandle>();
+                tree.then([this, &handle, &data, &path] {
+                    int count = 0;
+                    const auto src =
+                        stage_inputs(ORN::JobDirectory(path.mSelf), {data.mShadingRaw, "", "", ""}, count);
+                    const auto run = handle.mSelf->mRunShadingMain;
+                    mMainReturnValue = check_stage(_CALL_TRY_([&] {
+                        return run(src[0].c_str(), src[1].c_str(), src[2].c_str(), src[3].c_str(), path.mSelf.c_str(),
+                                   count, CalibLibrary::SHADING_GRID);
+                    }));
+                });
+            });
+        }
+    };
+
+    // The result files of the enabled stages, stage by stage in the order
+    // calib, analysis, shading.
+    struct CON_mEnumCalibFile {
+        ORN_NODE(CON_mEnumCalibFile);
+        ORN::Array<CALIB_FILE> mCalib, mAnalysis, mShading;
+        explicit CON_mEnumCalibFile(ORN::SyntaxTree &tree) {
+            tree.stack<ACT_mCalibMainShading>();
+            const auto &data = tree.stack<CON_mSplitData>();
+            tree.once([this, &data] {
+                if (data.mCalib)
+                    mCalib = ORN::Array<CALIB_FILE>(CALIB_FILES.begin(), CALIB_FILES.end());
+                if (data.mAnalysis)
+                    mAnalysis = ORN::Array<CALIB_FILE>(ANALYSIS_FILES.begin(), ANALYSIS_FILES.end());
+                if (data.mShading)
+                    mShading = ORN::Array<CALIB_FILE>(SHADING_FILES.begin(), SHADING_FILES.end());
+            });
+        }
+        template <class F>
+        void each(F &&f) const {
+            for (const auto *list : {&mCalib, &mAnalysis, &mShading})
+                for (const CALIB_FILE &file : *list)
+                    f(file);
+        }
+    };
+
+    // Publishes each listed file from "caches/calib_result/" into
+    // "results/calib/" by hard link.
+    struct ACT_mResultsCalibDire {
+        ORN_NODE(ACT_mResultsCalibDire);
+        explicit ACT_mResultsCalibDire(ORN::SyntaxTree &tree) {
+            const auto &files = tree.stack<CON_mEnumCalibFile>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([&files, &path] {
+                const ORN::JobDirectory job(path.mSelf);
+                files.each([&](const CALIB_FILE &file) {
+                    const String<char> name(file.mName);
+                    ConsistencyProc::check_file_existance(job.path("caches/calib_result/" + name));
+                    job.publish_file("caches/calib_result/" + name, "results/calib/" + name);
+                    ORN::console().debug("link : results/calib/", name);
+                });
+            });
+        }
+    };
+
+    // "caches/upload.part5.json": {"upload":[{"file":"calib/<name>","clazz":"<class>"},...]}.
+    struct ACT_mUploadPart5Json {
+        ORN_NODE(ACT_mUploadPart5Json);
+        explicit ACT_mUploadPart5Json(ORN::SyntaxTree &tree) {
+            tree.stack<ACT_mResultsCalibDire>();
+            const auto &files = tree.stack<CON_mEnumCalibFile>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([&files, &path] {
+                ORN::JsonWriter writer(1024);
+                writer.raw("{").raw("\"upload\":[");
+                INDEX count = 0;
+                files.each([&](const CALIB_FILE &file) {
+                    if (count++ > 0)
+                        writer.comma();
+                    writer.raw("{").raw("\"file\":").string("calib/" + String<char>(file.mName)).comma();
+                    writer.raw("\"clazz\":").string(file.mClass).raw("}");
+                });
+                writer.raw("]}");
+                ORN::JobDirectory(path.mSelf).save_file("caches/upload.part5.json", writer.text());
+                ORN::console().info("caches/upload.part5.json : ", count, " files");
+            });
+        }
+    };
+
+    using ACTIONS = Frame::Actions<ACT_mWorkingPath, ACT_mCalibMainCalib, ACT_mCalibMainAnalysis, ACT_mCalibMainShading,
+                                   ACT_mResultsCalibDire, ACT_mUploadPart5Json>;
 };
 
 ZARN_DEFINE_PROCESS(CalibMainProcess)

@@ -103,6 +103,8 @@ public:
     static constexpr std::string_view HDR_PARAM_FILE = "videos_hdr_param.json";
     static constexpr std::string_view TABLE_UP = "caches/table_Up.bin";
     static constexpr std::string_view TABLE_DOWN = "caches/table_Down.bin";
+    static constexpr std::string_view CALIBRATED_UP = "results/calib/tablea.bin";
+    static constexpr std::string_view CALIBRATED_DOWN = "results/calib/tableb.bin";
 
     // -----------------------------------------------------------------------
     // The stitch plan.
@@ -311,15 +313,25 @@ public:
         }
     };
 
-    // The lens tables of the job, upper and lower lens.
+    // The lens tables, upper and lower lens: those the job's calibration
+    // published ("results/calib/tablea.bin" and "tableb.bin") when both are
+    // there, so that a rig calibrated in the job stitches with its own
+    // lenses; otherwise the job's "caches/table_Up.bin" and
+    // "caches/table_Down.bin".
     struct CON_mImageStitchDistortTableFile {
         ORN_NODE(CON_mImageStitchDistortTableFile);
-        ORN::PACK<String<char>, String<char>> mSelf;
+        ORN::PACK<String<char>, String<char>> mSelf;  // full paths
+        ORN::PACK<String<char>, String<char>> mNames; // names in the job
         explicit CON_mImageStitchDistortTableFile(ORN::SyntaxTree &tree) {
             const auto &path = tree.stack<VAR_mWorkingPath>();
             tree.once([this, &path] {
                 const ORN::JobDirectory job(path.mSelf);
-                mSelf = {job.path(TABLE_UP), job.path(TABLE_DOWN)};
+                const bool calibrated = job.find_file(CALIBRATED_UP) && job.find_file(CALIBRATED_DOWN);
+                mNames = calibrated ? ORN::PACK<String<char>, String<char>>{String<char>(CALIBRATED_UP),
+                                                                             String<char>(CALIBRATED_DOWN)}
+                                    : ORN::PACK<String<char>, String<char>>{String<char>(TABLE_UP), String<char>(TABLE_DOWN)};
+                mSelf = {job.path(mNames.mP1), job.path(mNames.mP2)};
+                ORN::console().info("lens tables : ", mNames.mP1, ", ", mNames.mP2);
             });
         }
     };
@@ -381,15 +393,15 @@ public:
         ORN_NODE(CON_mImageStitchRequiredFile);
         ORN::Array<String<char>> mSelf;
         explicit CON_mImageStitchRequiredFile(ORN::SyntaxTree &tree) {
-            tree.stack<CON_mImageStitchDistortTableFile>();
+            const auto &tables = tree.stack<CON_mImageStitchDistortTableFile>();
             const auto &enable = tree.stack<ACT_mImageStitch_mEnable>();
             const auto &data = tree.stack<CON_mStitchData>();
             const auto &path = tree.stack<VAR_mWorkingPath>();
-            tree.once([this, &enable, &data, &path] {
+            tree.once([this, &enable, &data, &tables, &path] {
                 if (!enable.mSelf || data.mImage.empty())
                     return;
-                mSelf.append(String<char>(TABLE_UP));
-                mSelf.append(String<char>(TABLE_DOWN));
+                mSelf.append(tables.mNames.mP1);
+                mSelf.append(tables.mNames.mP2);
                 for (const auto &image : data.mImage) {
                     if (image.brackets() == 0) {
                         mSelf.append(image.raw1);
@@ -409,16 +421,16 @@ public:
         ORN_NODE(CON_mVideoStitchRequiredFile);
         ORN::Array<String<char>> mSelf;
         explicit CON_mVideoStitchRequiredFile(ORN::SyntaxTree &tree) {
-            tree.stack<CON_mImageStitchDistortTableFile>();
+            const auto &tables = tree.stack<CON_mImageStitchDistortTableFile>();
             const auto &enable = tree.stack<ACT_mVideoStitch_mEnable>();
             const auto &data = tree.stack<CON_mStitchData>();
             const auto &videos = tree.stack<CON_mEnumStitchDataVideo>();
             const auto &path = tree.stack<VAR_mWorkingPath>();
-            tree.once([this, &enable, &data, &videos, &path] {
+            tree.once([this, &enable, &data, &videos, &tables, &path] {
                 if (!enable.mSelf || videos.mSelf.empty())
                     return;
-                mSelf.append(String<char>(TABLE_UP));
-                mSelf.append(String<char>(TABLE_DOWN));
+                mSelf.append(tables.mNames.mP1);
+                mSelf.append(tables.mNames.mP2);
                 for (const INDEX i : videos.mSelf) {
                     const auto &video = data.mVideo[i];
                     for (const String<char> *source : {&video.src1, &video.src2, &video.src3, &video.src4})
