@@ -1,15 +1,248 @@
-// ImageFilterProcess: Filtering of the images listed in the region-of-interest plan.
+// ImageFilterProcess: Filtering of the images listed in the region file.
+//
+// The run: read the region file "extras/image-ROI.json" and check it whole
+// (every record's panorama present, every rectangle inside its frame)
+// before anything is written; then, on the worker threads, filter each
+// listed panorama "caches/images/<panoId>.jpg" with the filter of the stereo
+// rotating-camera library into "extras/images/<panoId>.jpg" (and a preview
+// "extras/images/<panoId>_preview.jpg" where the record asks for one), and
+// publish the filtered panoramas into "results/images/" by hard link.
 
+#include "ZARN_Common/StereoRotCamLibrary.h"
+#include "ZARN_Common/export.h"
 #include "ZARN_Velda/ProcessFrame.h"
+#include "ZARN_Velda/StitchHandle.h"
+#include "__ORN__/orn_thread.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <string_view>
 
 namespace ZARN {
+
+namespace Lib = StereoRotCamLibrary;
+using ORN::INDEX;
+
+// The filter entries of the stereo library, linked in this order.
+struct ImageFilterHandle {
+    DLL mDLL;
+    Lib::CREATE_FILTER *mCreateFilterHandle = nullptr;
+    Lib::DESTROY_FILTER *mDestroyFilterHandle = nullptr;
+    Lib::INIT_FILTER *mInitFilterHandle = nullptr;
+    Lib::EXECUTE_FILTER *mExecuteFilterHandle = nullptr;
+    Lib::GET_FILTER_CODE *mGetFilterCode = nullptr;
+
+    ImageFilterHandle() {
+        mDLL.open(DLL::library_path("StereoRotCam"));
+        mCreateFilterHandle = mDLL.link_as<Lib::CREATE_FILTER>("KIVO_CreateFilterHandle");
+        mDestroyFilterHandle = mDLL.link_as<Lib::DESTROY_FILTER>("KIVO_DestroyFilterHandle");
+        mInitFilterHandle = mDLL.link_as<Lib::INIT_FILTER>("KIVO_InitFilterHandle");
+        mExecuteFilterHandle = mDLL.link_as<Lib::EXECUTE_FILTER>("KIVO_ExecuteFilterHandle");
+        mGetFilterCode = mDLL.link_as<Lib::GET_FILTER_CODE>("KIVO_GetFilterCode");
+    }
+};
 
 class ImageFilterProcess::Private::Implement final : public Frame::ProcessImplement<Implement> {
     ZARN_PROCESS_IMPLEMENT(ImageFilterProcess)
 
+public:
     using SETTING = Frame::WORKER_SETTING<64>;
 
-    using ACTIONS = Frame::Actions<ACT_mWorkingPath>;
+    static constexpr std::array<std::string_view, 3> WORKING_DIRECTORIES = {"caches/images", "results/images",
+                                                                            "extras/images"};
+    static constexpr std::string_view REGION_FILE = "extras/image-ROI.json";
+    // The filtered images' JPEG quality and the previews' width.
+    static constexpr int QUALITY = 95;
+    static constexpr int PREVIEW_WIDTH = 512;
+
+    // One record of the region file, read key by key in the file's order.
+    struct NDS_mImageFilterData {
+        ORN::String<char> mPanoId;
+        ORN::int64 mResolution = 0;
+        ORN::Array<int> mRect; // x, y, width, height per region
+        ORN::int64 mWidth = 0, mHeight = 0, mType = 0;
+        bool mPreview = false;
+    };
+
+    // "extras/image-ROI.json", parsed.
+    struct CON_mImageFilterJson {
+        ORN_NODE(CON_mImageFilterJson);
+        ORN::JsonParser mSelf;
+        explicit CON_mImageFilterJson(ORN::SyntaxTree &tree) {
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([this, &path] {
+                const ORN::JobDirectory job(path.mSelf);
+                ConsistencyProc::check_file_existance(job.path(REGION_FILE));
+                mSelf = ORN::JsonParser(job.load_file(REGION_FILE));
+            });
+        }
+    };
+
+    // The records, every one checked before any image is touched: a plain
+    // panorama name whose "caches/images/<panoId>.jpg" is there, a size class
+    // 1 to 3, a frame of positive size, rectangles of positive size inside
+    // the frame, a known filter type.
+    struct CON_mImageFilterData {
+        ORN_NODE(CON_mImageFilterData);
+        ORN::Array<NDS_mImageFilterData> mSelf;
+        explicit CON_mImageFilterData(ORN::SyntaxTree &tree) {
+            const auto &json = tree.stack<CON_mImageFilterJson>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([this, &json, &path] {
+                const ORN::JobDirectory job(path.mSelf);
+                const ORN::JsonParser images = json.mSelf.child("images");
+                if (!images.array_type())
+                    ORN::console().error("region file without an \"images\" array : ", job.path(REGION_FILE));
+                _DYNAMIC_ASSERT_(images.array_type ());
+                for (const ORN::JsonParser &e : images.children()) {
+                    NDS_mImageFilterData &r = mSelf.append();
+                    r.mPanoId = e.child("panoId").value("");
+                    r.mResolution = e.child("resolution").value(ORN::int64(0));
+                    for (const ORN::JsonParser &rect : e.child("rect").children())
+                        for (const char *key : {"x", "y", "w", "h"})
+                            r.mRect.append(static_cast<int>(rect.child(key).value(ORN::int64(-1))));
+                    r.mWidth = e.child("width").value(ORN::int64(0));
+                    r.mHeight = e.child("height").value(ORN::int64(0));
+                    r.mType = e.child("type").value(ORN::int64(-1));
+                    r.mPreview = e.child("preview").value(false);
+                    check(job, mSelf.size() - 1, e, r);
+                }
+                ORN::console().info(REGION_FILE, " : ", mSelf.size(), " images");
+            });
+        }
+
+    private:
+        static void refuse(INDEX i, std::string_view what, const ORN::String<char> &detail) {
+            ORN::console().error("region file, image [", i, "] : ", what, detail);
+        }
+        static void check(const ORN::JobDirectory &job, INDEX i, const ORN::JsonParser &e, const NDS_mImageFilterData &r) {
+            const bool plain = !r.mPanoId.empty() && r.mPanoId.find_first_of("/\\:") == ORN::String<char>::npos &&
+                               r.mPanoId != "." && r.mPanoId != "..";
+            if (!plain)
+                refuse(i, "not a panorama name : ", r.mPanoId);
+            _DYNAMIC_ASSERT_(plain);
+            ConsistencyProc::check_file_existance(job.path("caches/images/" + r.mPanoId + ".jpg"));
+            const bool known = r.mResolution >= 1 && r.mResolution <= 3 && r.mType >= Lib::FILTER_BLUR &&
+                               r.mType <= Lib::FILTER_FILL && r.mWidth > 0 && r.mHeight > 0 &&
+                               e.child("rect").array_type() && r.mWidth <= INT32_MAX && r.mHeight <= INT32_MAX;
+            if (!known)
+                refuse(i, "resolution, type, frame or rect out of range for ", r.mPanoId);
+            _DYNAMIC_ASSERT_(known);
+            for (INDEX k = 0; k < r.mRect.size(); k += 4) {
+                const int x = r.mRect[k], y = r.mRect[k + 1], w = r.mRect[k + 2], h = r.mRect[k + 3];
+                const bool inside = x >= 0 && y >= 0 && w > 0 && h > 0 && x + ORN::int64(w) <= r.mWidth &&
+                                    y + ORN::int64(h) <= r.mHeight;
+                if (!inside)
+                    refuse(i, "rectangle outside the image : ",
+                           r.mPanoId + " " + std::to_string(x) + "," + std::to_string(y) + " " + std::to_string(w) +
+                               "x" + std::to_string(h) + " in " + std::to_string(r.mWidth) + "x" +
+                               std::to_string(r.mHeight));
+                _DYNAMIC_ASSERT_(inside);
+            }
+        }
+    };
+
+    // The library, opened and linked when the node plays.
+    struct CON_mImageFilterHandle {
+        ORN_NODE(CON_mImageFilterHandle);
+        ORN::AutoRef<ImageFilterHandle> mSelf;
+        explicit CON_mImageFilterHandle(ORN::SyntaxTree &tree) {
+            tree.once([this] { mSelf = ORN::AutoRef<ImageFilterHandle>::make(); });
+        }
+    };
+
+    // The filter object, initialised: outputs written in pieces of
+    // mFileWriterBufferSize bytes; destroyed when the filtering is over.
+    struct SUB_mOptFlowStitchHandle {
+        ORN_NODE(SUB_mOptFlowStitchHandle);
+        LibraryObject<Lib::FILTER_HANDLE> mSelf;
+        explicit SUB_mOptFlowStitchHandle(ORN::SyntaxTree &tree) {
+            const auto &handle = tree.stack<CON_mImageFilterHandle>();
+            const auto &setting = tree.stack<CON_mSetting>();
+            tree.once([this, &handle, &setting] {
+                const ImageFilterHandle &library = *handle.mSelf;
+                ORN::console().info("initializing filter");
+                mSelf = make_library_object<Lib::FILTER_HANDLE>(library.mCreateFilterHandle,
+                                                                library.mDestroyFilterHandle);
+                const auto me = mSelf.self().mP1;
+                const long long buffer = std::max<ORN::int64>(setting.mFileWriterBufferSize, 4096);
+                const int result =
+                    _CALL_TRY_([&] { return library.mInitFilterHandle(me, buffer, QUALITY, PREVIEW_WIDTH); });
+                check_result(result, [&] { return library.mGetFilterCode(me); });
+            });
+        }
+    };
+
+    // A failing call: the object's code is logged as "return value = " and
+    // ends the process.
+    template <class CODE>
+    static void check_result(int result, CODE &&code) {
+        if (result == StitchLibrary::KIVO_OK)
+            return;
+        const ORN::int64 mFilterReturnValue = _CALL_TRY_(code);
+        ORN::console().error("return value = ", mFilterReturnValue);
+        _DYNAMIC_ASSERT_(mFilterReturnValue == 0);
+    }
+
+    // Filters every record on the workers, then publishes the results.
+    struct ACT_mImageFilter {
+        ORN_NODE(ACT_mImageFilter);
+        const SUB_mOptFlowStitchHandle *mFilter = nullptr;
+        const CON_mImageFilterHandle *mLibrary = nullptr;
+        explicit ACT_mImageFilter(ORN::SyntaxTree &tree) {
+            tree.stack<ACT_mWorkingPath>();
+            const auto &data = tree.stack<CON_mImageFilterData>();
+            const auto &setting = tree.stack<CON_mSetting>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.maybe<CON_mImageFilterHandle>();
+            tree.maybe<SUB_mOptFlowStitchHandle>();
+            tree.once([this, &tree, &data, &setting, &path] {
+                if (data.mSelf.empty())
+                    return;
+                mFilter = &tree.stack<SUB_mOptFlowStitchHandle>();
+                mLibrary = &tree.stack<CON_mImageFilterHandle>();
+                tree.then([this, &data, &setting, &path] { filter(data, setting, path); });
+            });
+        }
+
+        void filter(const CON_mImageFilterData &data, const CON_mSetting &setting, const VAR_mWorkingPath &path) {
+            auto &console = ORN::console();
+            const ImageFilterHandle &library = *mLibrary->mSelf;
+            const auto me = mFilter->mSelf.self().mP1;
+            const ORN::JobDirectory job(path.mSelf);
+            const INDEX n = data.mSelf.size();
+            const ORN::TimePoint start = ORN::TimePoint::now();
+            console.info("async processing ", n, " on ", std::clamp<INDEX>(setting.mThreadConcurrency, 1, n),
+                         " threads");
+            auto progress = console.progress("image filter : ", n);
+            ORN::WorkThread workers(std::min<INDEX>(setting.mThreadConcurrency, n));
+            for (INDEX i = 0; i < n; ++i)
+                workers.submit([&, i] {
+                    const NDS_mImageFilterData &r = data.mSelf[i];
+                    console.info("processing image [", i, "] ", r.mPanoId);
+                    const ORN::String<char> input = job.path("caches/images/" + r.mPanoId + ".jpg");
+                    const ORN::String<char> output = job.path("extras/images/" + r.mPanoId + ".jpg");
+                    const ORN::String<char> preview = job.path("extras/images/" + r.mPanoId + "_preview.jpg");
+                    const int result = _CALL_TRY_([&] {
+                        return library.mExecuteFilterHandle(me, input.c_str(), output.c_str(),
+                                                            r.mPreview ? preview.c_str() : nullptr, r.mRect.data(),
+                                                            static_cast<int>(r.mRect.size() / 4),
+                                                            static_cast<int>(r.mWidth), static_cast<int>(r.mHeight),
+                                                            static_cast<int>(r.mType));
+                    });
+                    check_result(result, [&] { return library.mGetFilterCode(me); });
+                    progress.advance();
+                });
+            workers.wait();
+            progress.finish();
+            console.info("time costs : ", start.elapsed().text());
+            for (const NDS_mImageFilterData &r : data.mSelf)
+                job.publish_file("extras/images/" + r.mPanoId + ".jpg", "results/images/" + r.mPanoId + ".jpg");
+        }
+    };
+
+    using ACTIONS = Frame::Actions<ACT_mWorkingPath, ACT_mImageFilter>;
 };
 
 ZARN_DEFINE_PROCESS(ImageFilterProcess)
