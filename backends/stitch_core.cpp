@@ -1,0 +1,366 @@
+#include "stitch_core.h"
+
+#include "ZARN_Common/ImageProc.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <opencv2/imgproc.hpp>
+#include <opencv2/photo.hpp>
+#include <opencv2/videoio.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+
+namespace zarn_stitch {
+
+namespace Lib = ZARN::StitchLibrary;
+namespace fs = std::filesystem;
+using ZARN::ImageProc;
+
+namespace {
+
+// Frame rate of an output video whose input does not tell its own.
+constexpr double DEFAULT_FPS = 25;
+// Grey levels of a normal exposure, and the least of a short one, that the
+// exposure ratio of a video trusts.
+constexpr int RATIO_DARKEST = 20;
+constexpr int RATIO_BRIGHTEST = 230;
+constexpr int RATIO_SHORT_DARKEST = 3;
+
+} // namespace
+
+bool valid_size(int width, int height) { return width >= 2 && width <= MAX_WIDTH && height >= 1 && height <= MAX_HEIGHT; }
+
+std::string lower_extension(const fs::path &path) {
+    std::string ext = path.extension().string();
+    std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return ext;
+}
+
+bool image_extension(const std::string &ext) {
+    return ext == ".jpg" || ext == ".jpeg" || ext == ".png" || ext == ".tif" || ext == ".tiff";
+}
+
+bool given(const char *text) { return text != nullptr && *text != '\0'; }
+
+fs::path temporary_beside(const fs::path &path) {
+    static std::atomic<unsigned long> counter{0};
+    std::string name(1, '.');
+    name += path.filename().string();
+    name += '.';
+    name += std::to_string(::getpid());
+    name += '.';
+    name += std::to_string(counter.fetch_add(1));
+    name += ".part";
+    name += path.extension().string();
+    return path.parent_path() / name;
+}
+
+bool make_parent(const fs::path &path) {
+    std::error_code ec;
+    if (!path.has_parent_path())
+        return true;
+    fs::create_directories(path.parent_path(), ec);
+    return fs::is_directory(path.parent_path(), ec);
+}
+
+bool rename_into_place(const fs::path &temporary, const fs::path &path) {
+    std::error_code ec;
+    fs::rename(temporary, path, ec);
+    if (ec)
+        fs::remove(temporary, ec);
+    return !ec;
+}
+
+bool write_whole(const fs::path &path, const unsigned char *bytes, std::size_t size, std::size_t piece) {
+    if (!make_parent(path))
+        return false;
+    const fs::path temporary = temporary_beside(path);
+    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0)
+        return false;
+    if (piece == 0)
+        piece = size;
+    bool ok = true;
+    for (std::size_t done = 0; ok && done < size;) {
+        const ssize_t n = ::write(fd, bytes + done, std::min(piece, size - done));
+        if (n < 0 && errno == EINTR)
+            continue;
+        ok = n > 0;
+        if (ok)
+            done += static_cast<std::size_t>(n);
+    }
+    ok = ::close(fd) == 0 && ok;
+    if (!ok) {
+        std::error_code ec;
+        fs::remove(temporary, ec);
+        return false;
+    }
+    return rename_into_place(temporary, path);
+}
+
+bool write_whole(const fs::path &path, const ORN::Buffer<unsigned char> &bytes) {
+    return write_whole(path, bytes.data(), static_cast<std::size_t>(bytes.size()));
+}
+
+int read_capture(const char *path, int width, int height, CAPTURE &out) {
+    std::error_code ec;
+    if (!fs::is_regular_file(path, ec))
+        return Lib::KIVO_BAD_INPUT;
+    if (!ORN::try_run([&] { out.mImage = ORN::Image::read(path, ORN::ImageReadMode::COLOR); }))
+        return Lib::KIVO_BAD_INPUT;
+    if (out.mImage.width() != width || out.mImage.height() != height)
+        return Lib::KIVO_INPUT_MISMATCH;
+    out.mPixels = ImageProc::mat(out.mImage);
+    return Lib::KIVO_OK;
+}
+
+int read_capture(const char *path, const LENS_TABLE &lens, CAPTURE &out) {
+    return read_capture(path, lens.mWidth, lens.mHeight, out);
+}
+
+cv::Mat fuse(const std::vector<cv::Mat> &exposures) {
+    if (exposures.size() == 1)
+        return exposures.front();
+    cv::Mat fused, out;
+    cv::createMergeMertens()->process(exposures, fused);
+    fused.convertTo(out, CV_8U, 255.0);
+    return out;
+}
+
+// ---------------------------------------------------------------------------
+// The two-lens stitcher.
+
+bool Stitcher::valid_init(int width, int height, int estimate_width, int estimate_height, int bits) {
+    return bits == Lib::OUTPUT_BITS && valid_size(width, height) && valid_size(estimate_width, estimate_height);
+}
+
+int Stitcher::init(const char *upper_table, const char *lower_table, int width, int height, int estimate_width,
+                   int estimate_height, int bits, bool video) {
+    // A failed init leaves the object uninitialised.
+    mReady.store(false);
+    if (upper_table == nullptr || lower_table == nullptr ||
+        !valid_init(width, height, estimate_width, estimate_height, bits))
+        return Lib::KIVO_BAD_ARGUMENT;
+    LENS_TABLE upper{}, lower{};
+    if (!ORN::try_run([&] {
+            upper = ImageProc::read_lens_table(upper_table);
+            lower = ImageProc::read_lens_table(lower_table);
+        }))
+        return Lib::KIVO_BAD_TABLE;
+    return init_tables(upper, lower, width, height, estimate_width, estimate_height, bits, video);
+}
+
+int Stitcher::init_tables(const LENS_TABLE &upper, const LENS_TABLE &lower, int width, int height, int estimate_width,
+                          int estimate_height, int bits, bool video) {
+    mReady.store(false);
+    if (!valid_init(width, height, estimate_width, estimate_height, bits))
+        return Lib::KIVO_BAD_ARGUMENT;
+    const std::lock_guard lock(mMutex);
+    mReady.store(false);
+    mMaps.clear();
+    mUpper = upper;
+    mLower = lower;
+    mWidth = width;
+    mHeight = height;
+    mEstimateWidth = estimate_width;
+    mEstimateHeight = estimate_height;
+    mFov = video ? vertical_fov(upper, lower) : 0;
+    maps_locked(width, height);
+    maps_locked(estimate_width, estimate_height);
+    mReady.store(true);
+    return Lib::KIVO_OK;
+}
+
+int Stitcher::execute_image(const std::vector<const char *> &upper, const std::vector<const char *> &lower,
+                            const char *output, const int *size, double *statistics) const {
+    if (!mReady.load())
+        return Lib::KIVO_NOT_INITIALISED;
+    if (output == nullptr || size == nullptr || !valid_size(size[0], size[1]) ||
+        !image_extension(lower_extension(output)))
+        return Lib::KIVO_BAD_ARGUMENT;
+    for (const char *p : upper)
+        if (p == nullptr)
+            return Lib::KIVO_BAD_ARGUMENT;
+    for (const char *p : lower)
+        if (p == nullptr)
+            return Lib::KIVO_BAD_ARGUMENT;
+    cv::Mat fused[2];
+    const std::vector<const char *> *paths[2] = {&upper, &lower};
+    const LENS_TABLE *lenses[2] = {&mUpper, &mLower};
+    // The decoded images own the pixels every matrix below shows.
+    std::vector<CAPTURE> captures[2];
+    for (int lens = 0; lens < 2; ++lens) {
+        captures[lens].resize(paths[lens]->size());
+        std::vector<cv::Mat> exposures;
+        for (std::size_t i = 0; i < captures[lens].size(); ++i) {
+            CAPTURE &c = captures[lens][i];
+            if (const int r = read_capture((*paths[lens])[i], *lenses[lens], c); r != Lib::KIVO_OK)
+                return r;
+            exposures.push_back(c.mPixels);
+        }
+        fused[lens] = fuse(exposures);
+    }
+    double difference = 0;
+    const double gain = match_exposure(*maps(mEstimateWidth, mEstimateHeight), fused[0], fused[1], difference);
+    const std::shared_ptr<const PanoramaMaps> panorama = maps(size[0], size[1]);
+    ORN::Image out(size[0], size[1], 3, ORN::ImageDepth::U8);
+    cv::Mat pixels = ImageProc::mat(out);
+    compose(*panorama, fused[0], fused[1], gain, pixels);
+    ORN::Buffer<unsigned char> bytes;
+    if (!ORN::try_run([&] { bytes = ORN::Image::encode(lower_extension(output), out); }) || !write_whole(output, bytes))
+        return Lib::KIVO_WRITE_FAILED;
+    if (statistics != nullptr) {
+        statistics[0] = gain;
+        statistics[1] = difference;
+    }
+    return Lib::KIVO_OK;
+}
+
+int Stitcher::execute_video(const char *upper, const char *lower, const char *upper_short, const char *lower_short,
+                            const char *output, double *hdr_value, double *fov) const {
+    if (!mReady.load())
+        return Lib::KIVO_NOT_INITIALISED;
+    if (upper == nullptr || lower == nullptr || !given(output))
+        return Lib::KIVO_BAD_ARGUMENT;
+    // Streams: upper, lower, then the short ones that are given.
+    struct STREAM {
+        cv::VideoCapture mCapture;
+        const LENS_TABLE *mLens;
+        int mLensIndex;
+        bool mShort;
+    };
+    std::vector<STREAM> streams;
+    const char *names[4] = {upper, lower, upper_short, lower_short};
+    for (int i = 0; i < 4; ++i) {
+        if (i >= 2 && !given(names[i]))
+            continue;
+        std::error_code ec;
+        if (!fs::is_regular_file(names[i], ec))
+            return Lib::KIVO_BAD_INPUT;
+        STREAM s{cv::VideoCapture(), i % 2 ? &mLower : &mUpper, i % 2, i >= 2};
+        // OpenCV's own Motion-JPEG reader first (the same pixels on every
+        // machine), then whatever else can read the file.
+        if (!s.mCapture.open(names[i], cv::CAP_OPENCV_MJPEG) && !s.mCapture.open(names[i], cv::CAP_ANY))
+            return Lib::KIVO_BAD_INPUT;
+        streams.push_back(std::move(s));
+    }
+    double fps = streams[0].mCapture.get(cv::CAP_PROP_FPS);
+    if (!(fps > 0))
+        fps = DEFAULT_FPS;
+    const std::shared_ptr<const PanoramaMaps> panorama = maps(mWidth, mHeight);
+
+    const fs::path path(output);
+    if (!make_parent(path))
+        return Lib::KIVO_WRITE_FAILED;
+    const fs::path temporary = temporary_beside(path);
+    cv::VideoWriter writer;
+    const auto discard = [&](int code) {
+        writer.release();
+        std::error_code ec;
+        fs::remove(temporary, ec);
+        return code;
+    };
+    if (!writer.open(temporary.string(), cv::CAP_OPENCV_MJPEG, cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), fps,
+                     cv::Size(mWidth, mHeight), true))
+        return discard(Lib::KIVO_WRITE_FAILED);
+
+    // Linear light of each grey level, for the exposure ratio.
+    double linear[256];
+    for (int g = 0; g < 256; ++g)
+        linear[g] = std::pow(g / 255.0, ImageProc::capture_gamma());
+    double normal_light = 0, short_light = 0;
+    double gain = 1;
+    int frames = 0;
+    for (;;) {
+        std::vector<cv::Mat> frame(streams.size());
+        bool complete = true;
+        for (std::size_t i = 0; i < streams.size() && complete; ++i)
+            complete = streams[i].mCapture.read(frame[i]) && !frame[i].empty();
+        if (!complete)
+            break;
+        std::vector<cv::Mat> exposures[2];
+        for (std::size_t i = 0; i < streams.size(); ++i) {
+            if (frame[i].type() != CV_8UC3)
+                return discard(Lib::KIVO_BAD_INPUT);
+            if (frame[i].cols != streams[i].mLens->mWidth || frame[i].rows != streams[i].mLens->mHeight)
+                return discard(Lib::KIVO_INPUT_MISMATCH);
+            exposures[streams[i].mLensIndex].push_back(frame[i]);
+        }
+        for (int lens = 0; lens < 2; ++lens)
+            if (exposures[lens].size() == 2)
+                accumulate_ratio(exposures[lens][0], exposures[lens][1], linear, normal_light, short_light);
+        const cv::Mat up = fuse(exposures[0]);
+        const cv::Mat down = fuse(exposures[1]);
+        // One gain for the whole video, from its first frame, so the lower
+        // half does not flicker.
+        if (frames == 0) {
+            double difference = 0;
+            gain = match_exposure(*panorama, up, down, difference);
+        }
+        cv::Mat out(mHeight, mWidth, CV_8UC3);
+        compose(*panorama, up, down, gain, out);
+        writer.write(out);
+        ++frames;
+    }
+    if (frames == 0)
+        return discard(Lib::KIVO_BAD_INPUT);
+    writer.release();
+    if (!rename_into_place(temporary, path))
+        return discard(Lib::KIVO_WRITE_FAILED);
+    if (hdr_value != nullptr)
+        *hdr_value = short_light > 0 ? normal_light / short_light : 1.0;
+    if (fov != nullptr)
+        *fov = mFov;
+    return Lib::KIVO_OK;
+}
+
+void Stitcher::accumulate_ratio(const cv::Mat &normal, const cv::Mat &dim, const double *linear, double &normal_light,
+                                double &short_light) {
+    cv::Mat n, s;
+    cv::cvtColor(normal, n, cv::COLOR_BGR2GRAY);
+    cv::cvtColor(dim, s, cv::COLOR_BGR2GRAY);
+    for (int y = 0; y < n.rows; ++y) {
+        const auto *pn = n.ptr<unsigned char>(y);
+        const auto *ps = s.ptr<unsigned char>(y);
+        for (int x = 0; x < n.cols; ++x)
+            if (pn[x] >= RATIO_DARKEST && pn[x] <= RATIO_BRIGHTEST && ps[x] >= RATIO_SHORT_DARKEST) {
+                normal_light += linear[pn[x]];
+                short_light += linear[ps[x]];
+            }
+    }
+}
+
+std::shared_ptr<const PanoramaMaps> Stitcher::maps_locked(int width, int height) const {
+    auto &slot = mMaps[{width, height}];
+    if (!slot)
+        slot = std::make_shared<const PanoramaMaps>(build_maps(mUpper, mLower, width, height));
+    return slot;
+}
+
+std::shared_ptr<const PanoramaMaps> Stitcher::maps(int width, int height) const {
+    const std::lock_guard lock(mMutex);
+    return maps_locked(width, height);
+}
+
+// ---------------------------------------------------------------------------
+// Trace text.
+
+std::string text(const char *s) { return s ? std::string(s) : std::string(); }
+
+std::string text(const void *p) {
+    if (p == nullptr)
+        return {};
+    char buffer[32];
+    std::snprintf(buffer, sizeof(buffer), "%p", p);
+    return buffer;
+}
+
+std::string text(const int *size) {
+    return size ? std::to_string(size[0]) + "x" + std::to_string(size[1]) : std::string();
+}
+
+} // namespace zarn_stitch

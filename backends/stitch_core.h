@@ -1,0 +1,143 @@
+#pragma once
+
+// What the two reference stitching libraries (libStitch.so, and the video
+// side and file handling of libStereoRotCam.so) share: output files written
+// under a temporary name and renamed into place, decoding of captures,
+// exposure fusion, the two-lens stitcher of images and videos, and the text
+// of entry arguments for the call trace.
+
+#include "stitch_maps.h"
+
+#include "ZARN_Common/StitchLibrary.h"
+#include "__ORN__/orn_array.h"
+#include "__ORN__/orn_images.h"
+
+#include <opencv2/core.hpp>
+
+#include <atomic>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace zarn_stitch {
+
+// Largest panorama the libraries make.
+inline constexpr int MAX_WIDTH = 16384;
+inline constexpr int MAX_HEIGHT = 8192;
+
+bool valid_size(int width, int height);
+
+// --- Output files.
+
+// The extension of a path in lower case, with its dot (".jpg").
+std::string lower_extension(const std::filesystem::path &path);
+// .jpg, .jpeg, .png, .tif, .tiff.
+bool image_extension(const std::string &ext);
+// Not null and not empty.
+bool given(const char *text);
+// A name for a temporary file beside `path`, unique in this process and
+// among processes; it keeps the target's extension.
+std::filesystem::path temporary_beside(const std::filesystem::path &path);
+// Makes the missing parent directories; false when they cannot be made.
+bool make_parent(const std::filesystem::path &path);
+// Renames the temporary file into place; on failure it is removed.
+bool rename_into_place(const std::filesystem::path &temporary, const std::filesystem::path &path);
+// Writes the bytes under a temporary name beside `path` and renames them
+// into place, in pieces of at most `piece` bytes (0: all at once), so that a
+// hard link to an earlier file keeps the earlier content. Missing parent
+// directories are made. False when anything fails (no temporary is left).
+bool write_whole(const std::filesystem::path &path, const unsigned char *bytes, std::size_t size, std::size_t piece = 0);
+bool write_whole(const std::filesystem::path &path, const ORN::Buffer<unsigned char> &bytes);
+
+// --- Captures.
+
+// One decoded capture: the image keeps the pixels the matrix shows.
+struct CAPTURE {
+    ORN::Image mImage;
+    cv::Mat mPixels;
+};
+
+// Decodes a capture as 8-bit colour; KIVO_BAD_INPUT when it is missing or
+// does not decode, KIVO_INPUT_MISMATCH when its size is not width x height.
+int read_capture(const char *path, int width, int height, CAPTURE &out);
+int read_capture(const char *path, const LENS_TABLE &lens, CAPTURE &out);
+
+// Mertens exposure fusion of 8-bit exposures of one scene, back to 8 bits;
+// a single exposure is returned as it is.
+cv::Mat fuse(const std::vector<cv::Mat> &exposures);
+
+// --- The two-lens stitcher (upper and lower lens), as an image and a video
+// object of libStitch.so are one, and the video object of the stereo
+// library with its lenses at the head's first position.
+//
+// It holds the two lens tables, the panorama size of its init and the remap
+// tables of every panorama size it has stitched (stitch_maps.h); tables are
+// made on first use of a size and kept, under a mutex, so that executes may
+// run on several threads at once. Everything else an execute touches is its
+// own, and the last result is an atomic.
+class Stitcher {
+public:
+    // Reads the two lens table files, then as init_tables.
+    int init(const char *upper_table, const char *lower_table, int width, int height, int estimate_width,
+             int estimate_height, int bits, bool video);
+    // Checks the sizes and bits (KIVO_BAD_ARGUMENT) and prepares the tables
+    // of the two sizes; `video` also measures the field of view. A failed
+    // init leaves the object uninitialised.
+    static bool valid_init(int width, int height, int estimate_width, int estimate_height, int bits);
+    int init_tables(const LENS_TABLE &upper, const LENS_TABLE &lower, int width, int height, int estimate_width,
+                    int estimate_height, int bits, bool video);
+    // Makes the object uninitialised (a failed init).
+    void reset() { mReady.store(false); }
+
+    // One panorama from the exposures of each lens (fused when there are
+    // several); `statistics`, when not null, receives the lower lens's gain
+    // and the mean difference over the overlap.
+    int execute_image(const std::vector<const char *> &upper, const std::vector<const char *> &lower,
+                      const char *output, const int *size, double *statistics) const;
+    // One Motion-JPEG video from two or four streams.
+    int execute_video(const char *upper, const char *lower, const char *upper_short, const char *lower_short,
+                      const char *output, double *hdr_value, double *fov) const;
+
+    int code() const { return mCode.load(); }
+    int keep(int code) {
+        mCode.store(code);
+        return code;
+    }
+
+private:
+    static void accumulate_ratio(const cv::Mat &normal, const cv::Mat &dim, const double *linear, double &normal_light,
+                                 double &short_light);
+    std::shared_ptr<const PanoramaMaps> maps_locked(int width, int height) const;
+    std::shared_ptr<const PanoramaMaps> maps(int width, int height) const;
+
+    std::atomic<int> mCode{ZARN::StitchLibrary::KIVO_OK};
+    std::atomic<bool> mReady{false};
+    LENS_TABLE mUpper{}, mLower{};
+    int mWidth = 0, mHeight = 0, mEstimateWidth = 0, mEstimateHeight = 0;
+    double mFov = 0;
+    mutable std::mutex mMutex;
+    mutable std::map<std::pair<int, int>, std::shared_ptr<const PanoramaMaps>> mMaps;
+};
+
+// --- Trace text of entry arguments; a null pointer is traced as "".
+
+std::string text(const char *s);
+std::string text(const void *p); // a hexadecimal address
+std::string text(const int *size); // "WxH"
+
+// Runs an entry's work; anything it throws (memory, OpenCV) becomes `failure`.
+template <class F>
+int guarded(int failure, F &&work) {
+    try {
+        return work();
+    } catch (...) {
+        return failure;
+    }
+}
+
+} // namespace zarn_stitch
