@@ -23,6 +23,23 @@
 //                                                room turns slowly
 //   caches/stitch_data.json                      the stitch plan of them all
 //
+// With --calibration, also the captures of the calibration and what they
+// should give:
+//
+//   caches/calibration/up_NN.png, down_NN.png    a chessboard (asset
+//                                                calib_target.txt) at 20
+//                                                moments, both lenses each
+//                                                time: overhead, underfoot,
+//                                                and around the horizon where
+//                                                both lenses see it
+//   captures/chart_NN.jpg                        the 24-patch colour chart
+//                                                under a colour cast
+//   captures/flat_NN.jpg                         a vignetted white field
+//                                                through the upper lens
+//   truth/calibration.json                       the lenses, the board's poses
+//                                                and who sees them, the cast,
+//                                                the vignetting
+//
 // The panorama width W (default 512) sets the lenses' resolution: the
 // captures are about 0.6 W square. Everything is computed from fixed
 // numbers, so a job made twice is the same byte for byte.
@@ -487,6 +504,7 @@ struct OPTIONS {
     int mPoints = 2;
     int mVideos = 1;
     int mFrames = 4;
+    bool mCalibration = false;
 };
 
 std::string numbered(const char *prefix, int n) {
@@ -584,6 +602,465 @@ void make_job(const OPTIONS &o) {
     FileSystemProc::save_file(at("caches/stitch_data.json"), std::string_view(plan.text()));
 }
 
+// ---------------------------------------------------------------------------
+// Calibration captures (--calibration): chessboard views through the two
+// lenses, a colour chart under a colour cast, a vignetted flat field, and
+// the truth of all three in truth/calibration.json.
+
+// The chessboard of backends/asset/calib_target.txt: 9 x 4 inner corners,
+// 40 mm squares, on white paper one square wider on every side. Square
+// (i, j) of the pattern (0 .. 9, 0 .. 4) is black when i + j is even, so
+// the outer square beside the first inner corner is black.
+constexpr int BOARD_COLUMNS = 9, BOARD_ROWS = 4;
+constexpr double BOARD_SQUARE = 0.040; // metres
+constexpr double BOARD_MARGIN = 1.0;   // squares of white paper around the pattern
+constexpr double BOARD_WHITE = 0.80, BOARD_BLACK = 0.035, BOARD_WALL = 0.22; // radiance
+
+// The wall behind the boards, by capture pixel.
+double board_wall(double x, double y) { return BOARD_WALL * (0.95 + 0.1 * noise(x / 40, y / 40, 71)); }
+
+struct BOARD_POSE {
+    double mCentre[3]; // panorama frame, metres
+    double mU[3];      // along the pattern's columns (first inner corner to the next)
+    double mV[3];      // along its rows; U x V points away from the viewer
+};
+
+using VEC3 = std::array<double, 3>;
+
+VEC3 cross(const VEC3 &a, const VEC3 &b) {
+    return {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
+}
+double dot(const VEC3 &a, const VEC3 &b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
+VEC3 normalised(const VEC3 &a) {
+    const double n = std::sqrt(dot(a, a));
+    return {a[0] / n, a[1] / n, a[2] / n};
+}
+VEC3 turned(const std::array<double, 9> &r, const VEC3 &a) {
+    return {r[0] * a[0] + r[1] * a[1] + r[2] * a[2], r[3] * a[0] + r[4] * a[1] + r[5] * a[2],
+            r[6] * a[0] + r[7] * a[1] + r[8] * a[2]};
+}
+
+// A board `distance` metres away at longitude / latitude (degrees, panorama
+// frame), facing the lenses, then tilted about its own axes: `pitch` about
+// U, `yaw` about V, `roll` about the line of sight.
+BOARD_POSE board_pose(double longitude, double latitude, double distance, double pitch, double yaw, double roll) {
+    const double lon = longitude * PI / 180, lat = latitude * PI / 180;
+    const VEC3 c = {std::cos(lat) * std::sin(lon), -std::sin(lat), std::cos(lat) * std::cos(lon)};
+    // "Down" as the viewer sees the board: the room's down, or south / north
+    // for boards overhead / underfoot.
+    VEC3 down = {0, 1, 0};
+    if (std::abs(c[1]) > 0.9)
+        down = c[1] < 0 ? VEC3{0, 0, -1} : VEC3{0, 0, 1};
+    const double along = dot(down, c);
+    const VEC3 v0 = normalised({down[0] - along * c[0], down[1] - along * c[1], down[2] - along * c[2]});
+    const VEC3 u0 = cross(v0, c);
+    const auto r = product(axis_rotation(c[0], c[1], c[2], roll),
+                           product(axis_rotation(v0[0], v0[1], v0[2], yaw), axis_rotation(u0[0], u0[1], u0[2], pitch)));
+    const VEC3 u = turned(r, u0), v = turned(r, v0);
+    return {{distance * c[0], distance * c[1], distance * c[2]}, {u[0], u[1], u[2]}, {v[0], v[1], v[2]}};
+}
+
+// The moments of the calibration: boards overhead for the upper lens,
+// underfoot for the lower one, and around the horizon, where both lenses
+// see them at once.
+std::vector<BOARD_POSE> board_poses() {
+    struct PLACE {
+        double mLon, mLat, mDistance, mPitch, mYaw, mRoll;
+    };
+    static constexpr PLACE places[] = {
+        {0, 90, 0.50, 10, -15, 0},     {30, 62, 0.50, 25, 0, 10},    {120, 55, 0.50, -20, 25, -10},
+        {210, 48, 0.55, 15, -30, 20},  {300, 40, 0.55, -25, 10, 0},  {75, 28, 0.60, 10, 35, -20},
+        {165, 22, 0.60, 0, -25, 15},   {255, 70, 0.50, 30, 20, 5},   {40, -90, 0.50, -10, 15, 30},
+        {70, -62, 0.50, -25, 0, -10},  {160, -55, 0.50, 20, -25, 10}, {250, -48, 0.55, -15, 30, -20},
+        {340, -40, 0.55, 25, -10, 0},  {115, -28, 0.60, -10, -35, 20}, {205, -22, 0.60, 0, 25, -15},
+        {295, -70, 0.50, -30, -20, -5}, {15, -0.8, 1.05, 0, 20, 0},   {105, -0.8, 1.05, 0, -20, 0},
+        {195, -0.8, 1.05, 0, 10, 0},   {285, -0.8, 1.05, 0, -10, 0},
+    };
+    std::vector<BOARD_POSE> out;
+    for (const PLACE &p : places)
+        out.push_back(board_pose(p.mLon, p.mLat, p.mDistance, p.mPitch, p.mYaw, p.mRoll));
+    return out;
+}
+
+// What the lens sees along the panorama direction d: -1 when the ray misses
+// the board, else 0 (paper) or 1 (black square).
+int board_hit(const BOARD_POSE &b, const double d[3]) {
+    const VEC3 u = {b.mU[0], b.mU[1], b.mU[2]}, v = {b.mV[0], b.mV[1], b.mV[2]};
+    const VEC3 n = cross(u, v);
+    const VEC3 c = {b.mCentre[0], b.mCentre[1], b.mCentre[2]};
+    const VEC3 dir = {d[0], d[1], d[2]};
+    const double facing = dot(n, dir);
+    if (facing <= 1e-9)
+        return -1;
+    const double t = dot(n, c) / facing;
+    const VEC3 p = {t * dir[0] - c[0], t * dir[1] - c[1], t * dir[2] - c[2]};
+    const double sx = dot(p, u) / BOARD_SQUARE + (BOARD_COLUMNS + 1) / 2.0;
+    const double sy = dot(p, v) / BOARD_SQUARE + (BOARD_ROWS + 1) / 2.0;
+    if (sx < -BOARD_MARGIN || sx > BOARD_COLUMNS + 1 + BOARD_MARGIN || sy < -BOARD_MARGIN ||
+        sy > BOARD_ROWS + 1 + BOARD_MARGIN)
+        return -1;
+    if (sx < 0 || sx >= BOARD_COLUMNS + 1 || sy < 0 || sy >= BOARD_ROWS + 1)
+        return 0;
+    const auto i = static_cast<int>(std::floor(sx)), j = static_cast<int>(std::floor(sy));
+    return (i + j) % 2 == 0 ? 1 : 0;
+}
+
+// The unit direction of point k of `count` around the board's paper edge.
+void board_outline(const BOARD_POSE &b, int k, int count, double d[3]) {
+    const double half_x = (BOARD_COLUMNS + 1) / 2.0 + BOARD_MARGIN, half_y = (BOARD_ROWS + 1) / 2.0 + BOARD_MARGIN;
+    const int per_side = count / 4;
+    const int side = k / per_side;
+    const double t = -1 + 2.0 * (k % per_side) / per_side;
+    const double sx = side == 0 ? t : side == 1 ? 1 : side == 2 ? -t : -1;
+    const double sy = side == 0 ? -1 : side == 1 ? t : side == 2 ? 1 : -t;
+    for (int i = 0; i < 3; ++i)
+        d[i] = b.mCentre[i] + BOARD_SQUARE * (sx * half_x * b.mU[i] + sy * half_y * b.mV[i]);
+    const double n = std::sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
+    for (int i = 0; i < 3; ++i)
+        d[i] /= n;
+}
+
+// Whether the lens sees the whole board, paper margin included, at least
+// half a degree inside its view.
+bool lens_sees_board(const LENS_TABLE &lens, const BOARD_POSE &b) {
+    for (int k = 0; k < 160; ++k) {
+        double d[3];
+        board_outline(b, k, 160, d);
+        if (ImageProc::lens_margin(lens, d) < 0.5 * PI / 180)
+            return false;
+    }
+    return true;
+}
+
+// The dim wall behind the boards as a lens sees it: radiance per pixel,
+// pixels on the image circle's edge covered in part, black beyond.
+std::vector<double> render_wall(const LENS_TABLE &lens) {
+    const int w = lens.mWidth, h = lens.mHeight;
+    std::vector<double> out(static_cast<std::size_t>(w) * static_cast<std::size_t>(h));
+    const double edge = distorted(lens, lens.mMaxAngle * PI / 180);
+    const double slack = 2.0 / std::min(lens.mFx, lens.mFy);
+    const auto inside = [&](double x, double y) {
+        const double a = (x - lens.mCx) / lens.mFx, b = (y - lens.mCy) / lens.mFy;
+        return std::sqrt(a * a + b * b) <= edge;
+    };
+#pragma omp parallel for schedule(dynamic, 8)
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const double a = (x - lens.mCx) / lens.mFx, b = (y - lens.mCy) / lens.mFy;
+            const double rho = std::sqrt(a * a + b * b);
+            double covered = rho <= edge - slack ? 1 : 0;
+            if (rho > edge - slack && rho <= edge + slack) {
+                constexpr int n = 8;
+                for (int j = 0; j < n; ++j)
+                    for (int i = 0; i < n; ++i)
+                        covered += inside(x - 0.5 + (i + 0.5) / n, y - 0.5 + (j + 0.5) / n);
+                covered /= n * n;
+            }
+            out[static_cast<std::size_t>(y) * static_cast<std::size_t>(w) + static_cast<std::size_t>(x)] =
+                covered * board_wall(x, y);
+        }
+    return out;
+}
+
+// The grey 8-bit view of the board through the lens, in front of the wall.
+// Where the board shows, a pixel whose corners all see one thing takes the
+// radiance at its centre, the others (edges of squares and of the board)
+// the mean of 8 x 8 samples.
+ORN::Image render_board(const LENS_TABLE &lens, const std::vector<double> &wall, const BOARD_POSE &board) {
+    const int w = lens.mWidth, h = lens.mHeight;
+    std::vector<double> light = wall;
+    // Where the board may show: the box around its projected outline (the
+    // whole capture when part of it is beyond the lens's view).
+    int x0 = w, y0 = h, x1 = -1, y1 = -1;
+    bool beyond = false;
+    for (int k = 0; k < 160; ++k) {
+        double d[3], x, y;
+        board_outline(board, k, 160, d);
+        if (!ImageProc::lens_project(lens, d, x, y)) {
+            beyond = true;
+            continue;
+        }
+        x0 = std::min(x0, static_cast<int>(std::floor(x)) - 2);
+        y0 = std::min(y0, static_cast<int>(std::floor(y)) - 2);
+        x1 = std::max(x1, static_cast<int>(std::ceil(x)) + 2);
+        y1 = std::max(y1, static_cast<int>(std::ceil(y)) + 2);
+    }
+    if (beyond && x1 >= 0)
+        x0 = 0, y0 = 0, x1 = w - 1, y1 = h - 1;
+    x0 = std::max(x0, 0), y0 = std::max(y0, 0), x1 = std::min(x1, w - 1), y1 = std::min(y1, h - 1);
+    const int bw = std::max(0, x1 - x0 + 2), bh = std::max(0, y1 - y0 + 2);
+    // What each pixel corner of the box sees: -2 outside the image circle,
+    // else board_hit.
+    std::vector<signed char> corner(static_cast<std::size_t>(bw) * static_cast<std::size_t>(bh));
+#pragma omp parallel for schedule(dynamic, 8)
+    for (int j = 0; j < bh; ++j)
+        for (int i = 0; i < bw; ++i) {
+            double d[3];
+            corner[static_cast<std::size_t>(j) * static_cast<std::size_t>(bw) + static_cast<std::size_t>(i)] =
+                static_cast<signed char>(ImageProc::lens_unproject(lens, x0 + i - 0.5, y0 + j - 0.5, d) ? board_hit(board, d)
+                                                                                                        : -2);
+        }
+    const auto radiance_at = [&](double x, double y, int hit) {
+        return hit < 0 ? board_wall(x, y) : hit == 1 ? BOARD_BLACK : BOARD_WHITE;
+    };
+#pragma omp parallel for schedule(dynamic, 8)
+    for (int y = y0; y <= y1; ++y)
+        for (int x = x0; x <= x1; ++x) {
+            const auto at = [&](int cx, int cy) {
+                return corner[static_cast<std::size_t>(cy - y0) * static_cast<std::size_t>(bw) + static_cast<std::size_t>(cx - x0)];
+            };
+            const int label = at(x, y);
+            if (label == -1 && at(x + 1, y) == -1 && at(x, y + 1) == -1 && at(x + 1, y + 1) == -1)
+                continue; // the wall alone
+            double value = 0;
+            if (label == at(x + 1, y) && label == at(x, y + 1) && label == at(x + 1, y + 1)) {
+                double d[3];
+                if (label != -2 && ImageProc::lens_unproject(lens, x, y, d))
+                    value = radiance_at(x, y, board_hit(board, d));
+            } else {
+                constexpr int n = 8;
+                for (int j = 0; j < n; ++j)
+                    for (int i = 0; i < n; ++i) {
+                        const double sx = x - 0.5 + (i + 0.5) / n, sy = y - 0.5 + (j + 0.5) / n;
+                        double d[3];
+                        if (ImageProc::lens_unproject(lens, sx, sy, d))
+                            value += radiance_at(sx, sy, board_hit(board, d));
+                    }
+                value /= n * n;
+            }
+            light[static_cast<std::size_t>(y) * static_cast<std::size_t>(w) + static_cast<std::size_t>(x)] = value;
+        }
+    unsigned char curve[4097];
+    for (int i = 0; i <= 4096; ++i)
+        curve[i] = static_cast<unsigned char>(std::lround(255 * std::pow(i / 4096.0, 1 / ImageProc::capture_gamma())));
+    ORN::Image image(w, h, 1, ORN::ImageDepth::U8);
+    for (int y = 0; y < h; ++y) {
+        unsigned char *row = image.row<unsigned char>(y);
+        const double *in = light.data() + static_cast<std::size_t>(y) * static_cast<std::size_t>(w);
+        for (int x = 0; x < w; ++x)
+            row[x] = curve[static_cast<int>(std::clamp(in[x], 0.0, 1.0) * 4096 + 0.5)];
+    }
+    return image;
+}
+
+// The 24 patches of the classic colour chart, 8-bit sRGB, in reading order
+// (dark skin .. black); the chart layout is the one the calibration
+// library's analysis expects (backends/Calib.cpp).
+constexpr unsigned char CHART_SRGB[24][3] = {
+    {115, 82, 68},   {194, 150, 130}, {98, 122, 157},  {87, 108, 67},   {133, 128, 177}, {103, 189, 170},
+    {214, 126, 44},  {80, 91, 166},   {193, 90, 99},   {94, 60, 108},   {157, 188, 64},  {224, 163, 46},
+    {56, 61, 150},   {70, 148, 73},   {175, 54, 60},   {231, 199, 31},  {187, 86, 149},  {8, 133, 161},
+    {243, 243, 242}, {200, 200, 200}, {160, 160, 160}, {122, 122, 121}, {85, 85, 85},    {52, 52, 52},
+};
+constexpr unsigned char CHART_FRAME_SRGB = 28, CHART_BACKGROUND_SRGB = 185;
+constexpr double CHART_PATCH = 1.0, CHART_GAP = 0.25, CHART_BORDER = 0.5; // in patch sides
+// The colour cast of the chart captures: camera RGB = exposure x CAST x
+// scene RGB, both linear.
+constexpr double CHART_CAST[9] = {1.10, 0.08, -0.02, 0.05, 0.95, 0.03, -0.03, 0.10, 0.72};
+constexpr double CHART_EXPOSURE = 0.80;
+constexpr int CHART_CAPTURES = 2, FLAT_CAPTURES = 2;
+constexpr int CHART_WIDTH = 800, CHART_HEIGHT = 600;
+
+double srgb_to_linear(double v) {
+    v /= 255;
+    return v <= 0.04045 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4);
+}
+
+// Linear scene RGB of a point of the chart (chart units: patch sides, the
+// chart's top left corner at 0, 0).
+RGB chart_colour(double x, double y) {
+    const double width = 2 * CHART_BORDER + 6 * CHART_PATCH + 5 * CHART_GAP;
+    const double height = 2 * CHART_BORDER + 4 * CHART_PATCH + 3 * CHART_GAP;
+    if (x < 0 || y < 0 || x >= width || y >= height) {
+        const double g = srgb_to_linear(CHART_BACKGROUND_SRGB);
+        return {g, g, g};
+    }
+    const double px = (x - CHART_BORDER) / (CHART_PATCH + CHART_GAP), py = (y - CHART_BORDER) / (CHART_PATCH + CHART_GAP);
+    const auto col = static_cast<int>(std::floor(px)), row = static_cast<int>(std::floor(py));
+    if (col >= 0 && col < 6 && row >= 0 && row < 4 && px - col < CHART_PATCH / (CHART_PATCH + CHART_GAP) &&
+        py - row < CHART_PATCH / (CHART_PATCH + CHART_GAP)) {
+        const unsigned char *s = CHART_SRGB[row * 6 + col];
+        return {srgb_to_linear(s[0]), srgb_to_linear(s[1]), srgb_to_linear(s[2])};
+    }
+    const double g = srgb_to_linear(CHART_FRAME_SRGB);
+    return {g, g, g};
+}
+
+// Capture `index` of the chart: turned a little, placed a little apart, with
+// a little noise, under the colour cast.
+ORN::Image render_chart(int index) {
+    const double angle = (index % 2 ? -2.5 : 3.0) * PI / 180, c = std::cos(angle), s = std::sin(angle);
+    const double scale = 66.0 + 3 * index; // pixels per patch side
+    const double ox = CHART_WIDTH / 2.0 + 9 * index - 4, oy = CHART_HEIGHT / 2.0 - 7 * index + 3;
+    const double mid_x = (2 * CHART_BORDER + 6 * CHART_PATCH + 5 * CHART_GAP) / 2;
+    const double mid_y = (2 * CHART_BORDER + 4 * CHART_PATCH + 3 * CHART_GAP) / 2;
+    RADIANCE light(static_cast<std::size_t>(CHART_WIDTH) * CHART_HEIGHT);
+    constexpr int n = 4;
+#pragma omp parallel for schedule(dynamic, 8)
+    for (int y = 0; y < CHART_HEIGHT; ++y)
+        for (int x = 0; x < CHART_WIDTH; ++x) {
+            RGB sum{};
+            for (int j = 0; j < n; ++j)
+                for (int i = 0; i < n; ++i) {
+                    const double dx = x - 0.5 + (i + 0.5) / n - ox, dy = y - 0.5 + (j + 0.5) / n - oy;
+                    const RGB scene = chart_colour((c * dx + s * dy) / scale + mid_x, (-s * dx + c * dy) / scale + mid_y);
+                    for (int k = 0; k < 3; ++k)
+                        sum[static_cast<std::size_t>(k)] += scene[static_cast<std::size_t>(k)];
+                }
+            RGB camera{};
+            const double grain = 1 + 0.012 * (random01(x, y, 80 + static_cast<std::uint32_t>(index)) - 0.5);
+            for (int r = 0; r < 3; ++r)
+                for (int k = 0; k < 3; ++k)
+                    camera[static_cast<std::size_t>(r)] +=
+                        CHART_EXPOSURE * grain * CHART_CAST[3 * r + k] * sum[static_cast<std::size_t>(k)] / (n * n);
+            light[static_cast<std::size_t>(y) * CHART_WIDTH + static_cast<std::size_t>(x)] = camera;
+        }
+    return expose(light, CHART_WIDTH, CHART_HEIGHT, 1.0);
+}
+
+// The vignetting of the flat field, on linear light: 1 + a1 q^2 + a2 q^4,
+// q the distance from the upper lens's principal point over half the
+// capture's width.
+constexpr double FLAT_LEVEL = 0.82;
+constexpr double FLAT_VIGNETTING[2] = {-0.30, -0.12};
+
+// Flat capture `index`: a white field through the upper lens, vignetted,
+// black outside the image circle, with a little noise.
+ORN::Image render_flat(const LENS_TABLE &lens, int index) {
+    const int w = lens.mWidth, h = lens.mHeight;
+    const double half = w / 2.0;
+    RADIANCE light(static_cast<std::size_t>(w) * static_cast<std::size_t>(h));
+    const double edge = distorted(lens, lens.mMaxAngle * PI / 180);
+    const double slack = 2.0 / std::min(lens.mFx, lens.mFy);
+#pragma omp parallel for schedule(dynamic, 8)
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const double rho = std::hypot((x - lens.mCx) / lens.mFx, (y - lens.mCy) / lens.mFy);
+            double covered = 1;
+            if (rho > edge + slack)
+                covered = 0;
+            else if (rho > edge - slack) {
+                constexpr int n = 8;
+                int inside = 0;
+                for (int j = 0; j < n; ++j)
+                    for (int i = 0; i < n; ++i) {
+                        const double sx = x - 0.5 + (i + 0.5) / n, sy = y - 0.5 + (j + 0.5) / n;
+                        inside += std::hypot((sx - lens.mCx) / lens.mFx, (sy - lens.mCy) / lens.mFy) <= edge;
+                    }
+                covered = inside / double(n * n);
+            }
+            const double q2 = ((x - lens.mCx) * (x - lens.mCx) + (y - lens.mCy) * (y - lens.mCy)) / (half * half);
+            const double vignetting = 1 + q2 * (FLAT_VIGNETTING[0] + q2 * FLAT_VIGNETTING[1]);
+            const double grain = 1 + 0.01 * (random01(x, y, 90 + static_cast<std::uint32_t>(index)) - 0.5);
+            const double v = FLAT_LEVEL * vignetting * grain * covered;
+            light[static_cast<std::size_t>(y) * static_cast<std::size_t>(w) + static_cast<std::size_t>(x)] = {v, v, v};
+        }
+    return expose(light, w, h, 1.0);
+}
+
+void numbers(ORN::JsonWriter &json, const double *values, int count) {
+    json.raw("[");
+    for (int i = 0; i < count; ++i) {
+        if (i)
+            json.comma();
+        json.number(values[i]);
+    }
+    json.raw("]");
+}
+
+void make_calibration(const OPTIONS &o) {
+    const ORN::String<char> job = o.mJob;
+    const auto at = [&](std::string_view relative) { return FileSystemProc::join_path(job, relative); };
+    FileSystemProc::build_directory(at("caches/calibration"));
+    const std::array<LENS_TABLE, 2> lenses = make_lenses(o.mWidth);
+    const std::vector<BOARD_POSE> poses = board_poses();
+    const char *tags[2] = {"up", "down"};
+
+    ORN::JsonWriter truth;
+    truth.raw("{").key("board").raw("{").key("type").string("chessboard");
+    truth.comma().key("columns").number(BOARD_COLUMNS).comma().key("rows").number(BOARD_ROWS);
+    truth.comma().key("square_mm").number(BOARD_SQUARE * 1000).comma().key("margin_squares").number(BOARD_MARGIN);
+    truth.raw("}").comma().key("lenses").raw("[");
+    for (int l = 0; l < 2; ++l) {
+        const LENS_TABLE &t = lenses[static_cast<std::size_t>(l)];
+        if (l)
+            truth.comma();
+        truth.raw("{").key("name").string(tags[l]);
+        truth.comma().key("width").number(t.mWidth).comma().key("height").number(t.mHeight);
+        truth.comma().key("fx").number(t.mFx).comma().key("fy").number(t.mFy);
+        truth.comma().key("cx").number(t.mCx).comma().key("cy").number(t.mCy);
+        truth.comma().key("k");
+        numbers(truth, t.mK, 4);
+        truth.comma().key("R");
+        numbers(truth, t.mRotation, 9);
+        truth.comma().key("max_angle").number(t.mMaxAngle).raw("}");
+    }
+    // X_down = R X_up + T between the lens frames; the lenses share a centre.
+    std::array<double, 9> relative{};
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j)
+            for (int k = 0; k < 3; ++k)
+                relative[static_cast<std::size_t>(3 * i + j)] += lenses[1].mRotation[3 * k + i] * lenses[0].mRotation[3 * k + j];
+    const double zero[3] = {0, 0, 0};
+    truth.raw("]").comma().key("relative").raw("{").key("R");
+    numbers(truth, relative.data(), 9);
+    truth.comma().key("T_mm");
+    numbers(truth, zero, 3);
+    truth.raw("}").comma().key("views").raw("[");
+
+    const std::vector<double> walls[2] = {render_wall(lenses[0]), render_wall(lenses[1])};
+    for (std::size_t v = 0; v < poses.size(); ++v) {
+        char name[16];
+        std::snprintf(name, sizeof(name), "%02d", static_cast<int>(v));
+        if (v)
+            truth.comma();
+        truth.raw("{").key("name").string(name);
+        for (int l = 0; l < 2; ++l) {
+            const LENS_TABLE &t = lenses[static_cast<std::size_t>(l)];
+            ORN::Image::write(at(std::string("caches/calibration/") + tags[l] + "_" + name + ".png"),
+                              render_board(t, walls[l], poses[v]));
+            truth.comma().key(tags[l]).boolean(lens_sees_board(t, poses[v]));
+        }
+        truth.comma().key("centre");
+        numbers(truth, poses[v].mCentre, 3);
+        truth.comma().key("u");
+        numbers(truth, poses[v].mU, 3);
+        truth.comma().key("v");
+        numbers(truth, poses[v].mV, 3);
+        truth.raw("}");
+    }
+
+    truth.raw("]").comma().key("chart").raw("{").key("captures").raw("[");
+    for (int i = 0; i < CHART_CAPTURES; ++i) {
+        char name[32];
+        std::snprintf(name, sizeof(name), "captures/chart_%02d.jpg", i);
+        write_jpeg(at(name), render_chart(i));
+        if (i)
+            truth.comma();
+        truth.string(name);
+    }
+    truth.raw("]").comma().key("cast");
+    numbers(truth, CHART_CAST, 9);
+    truth.comma().key("exposure").number(CHART_EXPOSURE).raw("}");
+
+    truth.comma().key("flat").raw("{").key("captures").raw("[");
+    for (int i = 0; i < FLAT_CAPTURES; ++i) {
+        char name[32];
+        std::snprintf(name, sizeof(name), "captures/flat_%02d.jpg", i);
+        write_jpeg(at(name), render_flat(lenses[0], i));
+        if (i)
+            truth.comma();
+        truth.string(name);
+    }
+    const double centre[2] = {lenses[0].mCx, lenses[0].mCy};
+    truth.raw("]").comma().key("level").number(FLAT_LEVEL).comma().key("centre");
+    numbers(truth, centre, 2);
+    truth.comma().key("radius").number(lenses[0].mWidth / 2.0).comma().key("coefficients");
+    numbers(truth, FLAT_VIGNETTING, 2);
+    truth.comma().key("gamma").number(ImageProc::capture_gamma()).raw("}}");
+    FileSystemProc::save_file(at("truth/calibration.json"), std::string_view(truth.text()));
+}
+
 bool number_option(const char *text, int low, int high, int &out) {
     char *end = nullptr;
     const long v = std::strtol(text, &end, 10);
@@ -594,11 +1071,12 @@ bool number_option(const char *text, int low, int high, int &out) {
 }
 
 constexpr const char *USAGE =
-    "usage: zarn_capture JOBDIR [--width W] [--points N] [--videos N] [--frames N]\n"
+    "usage: zarn_capture JOBDIR [--width W] [--points N] [--videos N] [--frames N] [--calibration]\n"
     "  --width W    panorama width of the ground truth, even, 64..8192 (512)\n"
     "  --points N   capture points, 0..999 (2)\n"
     "  --videos N   videos, 0..999 (1)\n"
-    "  --frames N   frames per video, 1..1000 (4)\n";
+    "  --frames N   frames per video, 1..1000 (4)\n"
+    "  --calibration  also the calibration captures and their truth\n";
 
 } // namespace
 
@@ -619,6 +1097,8 @@ int main(int argc, char **argv) {
             ok = has_value && number_option(argv[++i], 0, 999, o.mVideos);
         else if (a == "--frames")
             ok = has_value && number_option(argv[++i], 1, 1000, o.mFrames);
+        else if (a == "--calibration")
+            o.mCalibration = true;
         else if (!a.empty() && a[0] != '-' && o.mJob.empty())
             o.mJob = a;
         else
@@ -634,6 +1114,8 @@ int main(int argc, char **argv) {
     }
     try {
         make_job(o);
+        if (o.mCalibration)
+            make_calibration(o);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "zarn_capture: %s\n", e.what());
         return 1;
