@@ -6,44 +6,50 @@
 // (image and video stitchers) owned by sub-handles that destroy them exactly
 // once.
 
+#include "ZARN_Common/StereoRotCamLibrary.h"
 #include "ZARN_Common/StitchLibrary.h"
 #include "ZARN_Common/export.h"
 
+#include <type_traits>
 #include <utility>
+#include <variant>
 
 namespace ZARN {
 
-// The library's entries, looked up in this order when the binding is made;
-// the first name the library does not export stops the process ("function
-// : " and the name).
-struct StitchHandle {
-    using CREATE_IMAGE = StitchLibrary::CREATE_OPT_FLOW_STITCH;
-    using DESTROY_IMAGE = StitchLibrary::DESTROY_OPT_FLOW_STITCH;
-    using CREATE_VIDEO = StitchLibrary::CREATE_VIDEO_STITCH;
-    using DESTROY_VIDEO = StitchLibrary::DESTROY_VIDEO_STITCH;
-
+// The stitching entries of a library, looked up in this order when the
+// binding is made; the first name the library does not export stops the
+// process ("function : " and the name). LIB names the library's file and
+// the entries' function types; the stereo library has one entry more,
+// "KIVO_ExecuteISPHandle", linked between the HDR execute and the get-code
+// entry.
+template <class LIB>
+struct StitchBinding {
     DLL mDLL;
-    StitchLibrary::CREATE_OPT_FLOW_STITCH *mCreateOptFlowStitchHandle = nullptr;
-    StitchLibrary::DESTROY_OPT_FLOW_STITCH *mDestroyOptFlowStitchHandle = nullptr;
-    StitchLibrary::INIT_OPT_FLOW_STITCH *mInitOptFlowStitchHandle = nullptr;
-    StitchLibrary::EXECUTE_OPT_FLOW_STITCH *mExecuteOptFlowStitchHandle = nullptr;
-    StitchLibrary::EXECUTE_OPT_FLOW_STITCH_HDR *mExecuteOptFlowStitchHDRHandle = nullptr;
-    StitchLibrary::GET_OPT_FLOW_STITCH_CODE *mGetOptFlowStitchCode = nullptr;
-    StitchLibrary::CREATE_VIDEO_STITCH *mCreateVideoStitchHandle = nullptr;
-    StitchLibrary::DESTROY_VIDEO_STITCH *mDestroyVideoStitchHandle = nullptr;
-    StitchLibrary::INIT_VIDEO_STITCH *mInitVideoStitchHandle = nullptr;
-    StitchLibrary::EXECUTE_VIDEO_STITCH *mExecuteVideoStitchHandle = nullptr;
-    StitchLibrary::GET_VIDEO_STITCH_CODE *mGetVideoStitchCode = nullptr;
+    typename LIB::CREATE_OPT_FLOW_STITCH *mCreateOptFlowStitchHandle = nullptr;
+    typename LIB::DESTROY_OPT_FLOW_STITCH *mDestroyOptFlowStitchHandle = nullptr;
+    typename LIB::INIT_OPT_FLOW_STITCH *mInitOptFlowStitchHandle = nullptr;
+    typename LIB::EXECUTE_OPT_FLOW_STITCH *mExecuteOptFlowStitchHandle = nullptr;
+    typename LIB::EXECUTE_OPT_FLOW_STITCH_HDR *mExecuteOptFlowStitchHDRHandle = nullptr;
+    [[no_unique_address]] std::conditional_t<LIB::HAS_ISP, typename LIB::EXECUTE_ISP *, std::monostate>
+        mExecuteISPHandle{};
+    typename LIB::GET_OPT_FLOW_STITCH_CODE *mGetOptFlowStitchCode = nullptr;
+    typename LIB::CREATE_VIDEO_STITCH *mCreateVideoStitchHandle = nullptr;
+    typename LIB::DESTROY_VIDEO_STITCH *mDestroyVideoStitchHandle = nullptr;
+    typename LIB::INIT_VIDEO_STITCH *mInitVideoStitchHandle = nullptr;
+    typename LIB::EXECUTE_VIDEO_STITCH *mExecuteVideoStitchHandle = nullptr;
+    typename LIB::GET_VIDEO_STITCH_CODE *mGetVideoStitchCode = nullptr;
 
     // Opens "lib" + name + ".so" ("<name>.dll" on Windows) in the current
-    // directory and links the eleven entries.
-    explicit StitchHandle(const ORN::String<char> &name = "Stitch") {
-        mDLL.open(DLL::library_path(name));
+    // directory and links the entries.
+    StitchBinding() {
+        mDLL.open(DLL::library_path(LIB::LIBRARY));
         link(mCreateOptFlowStitchHandle, "KIVO_CreateOptFlowStitchHandle");
         link(mDestroyOptFlowStitchHandle, "KIVO_DestroyOptFlowStitchHandle");
         link(mInitOptFlowStitchHandle, "KIVO_InitOptFlowStitchHandle");
         link(mExecuteOptFlowStitchHandle, "KIVO_ExecuteOptFlowStitchHandle");
         link(mExecuteOptFlowStitchHDRHandle, "KIVO_ExecuteOptFlowStitchHDRHandle");
+        if constexpr (LIB::HAS_ISP)
+            link(mExecuteISPHandle, "KIVO_ExecuteISPHandle");
         link(mGetOptFlowStitchCode, "KIVO_GetOptFlowStitchCode");
         link(mCreateVideoStitchHandle, "KIVO_CreateVideoStitchHandle");
         link(mDestroyVideoStitchHandle, "KIVO_DestroyVideoStitchHandle");
@@ -58,6 +64,45 @@ private:
         entry = mDLL.link_as<F>(name);
     }
 };
+
+// The stitching library, "libStitch.so" ("Stitch.dll").
+struct STITCH_LIBRARY {
+    static constexpr const char *LIBRARY = "Stitch";
+    static constexpr bool HAS_ISP = false;
+    using CREATE_OPT_FLOW_STITCH = StitchLibrary::CREATE_OPT_FLOW_STITCH;
+    using DESTROY_OPT_FLOW_STITCH = StitchLibrary::DESTROY_OPT_FLOW_STITCH;
+    using INIT_OPT_FLOW_STITCH = StitchLibrary::INIT_OPT_FLOW_STITCH;
+    using EXECUTE_OPT_FLOW_STITCH = StitchLibrary::EXECUTE_OPT_FLOW_STITCH;
+    using EXECUTE_OPT_FLOW_STITCH_HDR = StitchLibrary::EXECUTE_OPT_FLOW_STITCH_HDR;
+    using EXECUTE_ISP = void();
+    using GET_OPT_FLOW_STITCH_CODE = StitchLibrary::GET_OPT_FLOW_STITCH_CODE;
+    using CREATE_VIDEO_STITCH = StitchLibrary::CREATE_VIDEO_STITCH;
+    using DESTROY_VIDEO_STITCH = StitchLibrary::DESTROY_VIDEO_STITCH;
+    using INIT_VIDEO_STITCH = StitchLibrary::INIT_VIDEO_STITCH;
+    using EXECUTE_VIDEO_STITCH = StitchLibrary::EXECUTE_VIDEO_STITCH;
+    using GET_VIDEO_STITCH_CODE = StitchLibrary::GET_VIDEO_STITCH_CODE;
+};
+
+// The stereo rotating-camera library, "libStereoRotCam.so" ("StereoRotCam.dll").
+struct STEREO_ROT_CAM_LIBRARY {
+    static constexpr const char *LIBRARY = "StereoRotCam";
+    static constexpr bool HAS_ISP = true;
+    using CREATE_OPT_FLOW_STITCH = StereoRotCamLibrary::CREATE_OPT_FLOW_STITCH;
+    using DESTROY_OPT_FLOW_STITCH = StereoRotCamLibrary::DESTROY_OPT_FLOW_STITCH;
+    using INIT_OPT_FLOW_STITCH = StereoRotCamLibrary::INIT_OPT_FLOW_STITCH;
+    using EXECUTE_OPT_FLOW_STITCH = StereoRotCamLibrary::EXECUTE_OPT_FLOW_STITCH;
+    using EXECUTE_OPT_FLOW_STITCH_HDR = StereoRotCamLibrary::EXECUTE_OPT_FLOW_STITCH_HDR;
+    using EXECUTE_ISP = StereoRotCamLibrary::EXECUTE_ISP;
+    using GET_OPT_FLOW_STITCH_CODE = StereoRotCamLibrary::GET_OPT_FLOW_STITCH_CODE;
+    using CREATE_VIDEO_STITCH = StereoRotCamLibrary::CREATE_VIDEO_STITCH;
+    using DESTROY_VIDEO_STITCH = StereoRotCamLibrary::DESTROY_VIDEO_STITCH;
+    using INIT_VIDEO_STITCH = StereoRotCamLibrary::INIT_VIDEO_STITCH;
+    using EXECUTE_VIDEO_STITCH = StereoRotCamLibrary::EXECUTE_VIDEO_STITCH;
+    using GET_VIDEO_STITCH_CODE = StereoRotCamLibrary::GET_VIDEO_STITCH_CODE;
+};
+
+using StitchHandle = StitchBinding<STITCH_LIBRARY>;
+using StereoRotStitchHandle = StitchBinding<STEREO_ROT_CAM_LIBRARY>;
 
 // One library object and the call that destroys it; the reference runs
 // that call exactly once, when it is dropped.
