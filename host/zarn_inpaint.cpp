@@ -25,15 +25,21 @@ int main(int argc, char **argv) {
         ORN::Image image = ORN::Image::read(argv[1]);
         cv::Mat pixels = ZARN::ImageProc::mat(image);
         // The nadir band (the last 12/180 of the rows), and a band above it
-        // three times as high that the filling draws from.
+        // three times as high that the filling draws from. The filling is
+        // smooth by nature, so it is worked out at a quarter of the size and
+        // only the hole is replaced by it.
         const int hole = std::max(1, pixels.rows * 12 / 180);
         const int band = std::min(pixels.rows, hole * 4);
         cv::Mat region = pixels.rowRange(pixels.rows - band, pixels.rows);
-        cv::Mat mask = cv::Mat::zeros(region.size(), CV_8UC1);
-        mask.rowRange(band - hole, band).setTo(255);
-        cv::Mat filled;
-        cv::inpaint(region, mask, filled, std::max(3, hole / 4), cv::INPAINT_TELEA);
-        filled.copyTo(region);
+        const double scale = pixels.cols >= 1024 ? 0.25 : 1.0;
+        cv::Mat small, mask, filled, full;
+        cv::resize(region, small, cv::Size(), scale, scale, cv::INTER_AREA);
+        mask = cv::Mat::zeros(small.size(), CV_8UC1);
+        const int small_hole = std::max(1, static_cast<int>(hole * scale + 0.5));
+        mask.rowRange(small.rows - small_hole, small.rows).setTo(255);
+        cv::inpaint(small, mask, filled, 3, cv::INPAINT_TELEA);
+        cv::resize(filled, full, region.size(), 0, 0, cv::INTER_CUBIC);
+        full.rowRange(band - hole, band).copyTo(region.rowRange(band - hole, band));
         ORN::Image::write(argv[2], image, 95);
         return 0;
     } catch (const std::exception &e) {
