@@ -69,7 +69,7 @@ using EXECUTE_OPT_FLOW_STITCH_HDR = int(IMAGE_HANDLE handle, const char *const *
                                         const char *output, const int *size, unsigned char mode);
 // Develops one raw frame into an 8-bit colour image `output` (PNG or JPEG by
 // its extension): demosaicing, white balance with `gain` (three multipliers,
-// red, green, blue) and the display curve.
+// red, green, blue) and the display curve. Needs no init.
 using EXECUTE_ISP = int(IMAGE_HANDLE handle, const char *raw, const char *output, const double *gain);
 using GET_OPT_FLOW_STITCH_CODE = int(IMAGE_HANDLE handle);
 
@@ -94,9 +94,10 @@ enum FILTER_TYPE : int {
 
 using CREATE_FILTER = FILTER_HANDLE();
 using DESTROY_FILTER = void(FILTER_HANDLE handle);
-// Prepares the filter: outputs are JPEG of `quality` (1..100), written in
-// pieces of `write_buffer_size` bytes (at least 4096); previews are
-// `preview_width` pixels wide (16..4096).
+// Prepares the filter: outputs are JPEG of `quality` (1..100) (a name that
+// ends in ".png" is written as PNG, losslessly), written in pieces of
+// `write_buffer_size` bytes (at least 4096); previews are `preview_width`
+// pixels wide (16..4096).
 using INIT_FILTER = int(FILTER_HANDLE handle, long long write_buffer_size, int quality, int preview_width);
 // Filters the regions of one image: `input` is read, the filtered image is
 // written to `output` (and, when `preview` is not null, a small copy to
