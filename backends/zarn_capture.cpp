@@ -1,6 +1,6 @@
 // zarn_capture: makes a capture job whose right answer is known.
 //
-//   zarn_capture JOBDIR [--width W] [--points N] [--videos N] [--frames N]
+//   zarn_capture JOBDIR [--width W] [--points N] [--videos N] [--frames N] [--calibration]
 //
 // A procedural room (painted walls with a door, a window onto a garden, a
 // picture and a bookcase; a plank floor with a rug; a ceiling with three
@@ -40,8 +40,9 @@
 //                                                and who sees them, the cast,
 //                                                the vignetting
 //
-// The panorama width W (default 512) sets the lenses' resolution: the
-// captures are about 0.6 W square. Everything is computed from fixed
+// The panorama width W (default 512, or 1024 with --calibration: the boards
+// at the horizon span less than 20 degrees and need that many pixels to be
+// found) sets the lenses' resolution: the captures are about 0.6 W square. Everything is computed from fixed
 // numbers, so a job made twice is the same byte for byte.
 
 #include "ZARN_Common/ImageProc.h"
@@ -1072,7 +1073,8 @@ bool number_option(const char *text, int low, int high, int &out) {
 
 constexpr const char *USAGE =
     "usage: zarn_capture JOBDIR [--width W] [--points N] [--videos N] [--frames N] [--calibration]\n"
-    "  --width W    panorama width of the ground truth, even, 64..8192 (512)\n"
+    "  --width W    panorama width of the ground truth, even, 64..8192 (512; 1024 with\n"
+    "               --calibration, whose boards at the horizon need that much)\n"
     "  --points N   capture points, 0..999 (2)\n"
     "  --videos N   videos, 0..999 (1)\n"
     "  --frames N   frames per video, 1..1000 (4)\n"
@@ -1082,6 +1084,7 @@ constexpr const char *USAGE =
 
 int main(int argc, char **argv) {
     OPTIONS o;
+    bool width_given = false;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         const bool has_value = i + 1 < argc;
@@ -1090,7 +1093,7 @@ int main(int argc, char **argv) {
             std::fputs(USAGE, stdout);
             return 0;
         } else if (a == "--width")
-            ok = has_value && number_option(argv[++i], 64, 8192, o.mWidth) && o.mWidth % 2 == 0;
+            ok = width_given = has_value && number_option(argv[++i], 64, 8192, o.mWidth) && o.mWidth % 2 == 0;
         else if (a == "--points")
             ok = has_value && number_option(argv[++i], 0, 999, o.mPoints);
         else if (a == "--videos")
@@ -1108,6 +1111,8 @@ int main(int argc, char **argv) {
             return 2;
         }
     }
+    if (o.mCalibration && !width_given)
+        o.mWidth = 1024;
     if (o.mJob.empty()) {
         std::fputs(USAGE, stderr);
         return 2;
