@@ -1,6 +1,7 @@
 // zarn_capture: makes a capture job whose right answer is known.
 //
 //   zarn_capture JOBDIR [--width W] [--points N] [--videos N] [--frames N] [--calibration]
+//                       [--stereo] [--regions]
 //
 // A procedural room (painted walls with a door, a window onto a garden, a
 // picture and a bookcase; a plank floor with a rug; a ceiling with three
@@ -40,10 +41,20 @@
 //                                                and who sees them, the cast,
 //                                                the vignetting
 //
+// With --stereo, the job is the stereo rotating camera's instead of the
+// two-lens one: the same room through the camera of
+// backends/asset/distortion.txt, as raw frames of three exposures, with its
+// truth and its stereo stitch plan (capture_stereo.h lists the files). With
+// --regions, also the region file "extras/image-ROI.json" of the job's
+// panoramas: rectangles around the picture, the light switch and the door's
+// upper panel, which stand for faces and number plates.
+//
 // The panorama width W (default 512, or 1024 with --calibration: the boards
 // at the horizon span less than 20 degrees and need that many pixels to be
 // found) sets the lenses' resolution: the captures are about 0.6 W square. Everything is computed from fixed
 // numbers, so a job made twice is the same byte for byte.
+
+#include "capture_stereo.h"
 
 #include "ZARN_Common/ImageProc.h"
 #include "__ORN__/orn_filesystem.h"
@@ -506,6 +517,8 @@ struct OPTIONS {
     int mVideos = 1;
     int mFrames = 4;
     bool mCalibration = false;
+    bool mStereo = false;
+    bool mRegions = false;
 };
 
 std::string numbered(const char *prefix, int n) {
@@ -1062,6 +1075,49 @@ void make_calibration(const OPTIONS &o) {
     FileSystemProc::save_file(at("truth/calibration.json"), std::string_view(truth.text()));
 }
 
+// ---------------------------------------------------------------------------
+// The stereo camera's job (--stereo) and the region file (--regions).
+
+// The room as capture_stereo.h renders it, with the features the region
+// file hides: the picture and the light switch on the south wall, the
+// door's upper panel on the north wall (wall_colour ()).
+zarn_capture::SCENE room_scene() {
+    zarn_capture::SCENE scene;
+    scene.mRadiance = [](int point, int frame, const double d[3]) { return look(view_of(point, frame), d); };
+    scene.mEye = [](int point) {
+        const VIEW v = view_of(point);
+        return zarn_capture::POINT3{v.mEye[0], v.mEye[1], v.mEye[2]};
+    };
+    // A rectangle on the wall at z, from s0 to s1 along x and h0 to h1 above
+    // the floor.
+    const auto on_wall = [](double z, double s0, double s1, double h0, double h1) {
+        return std::array<zarn_capture::POINT3, 4>{
+            zarn_capture::POINT3{s0, -h0, z}, zarn_capture::POINT3{s1, -h0, z}, zarn_capture::POINT3{s1, -h1, z},
+            zarn_capture::POINT3{s0, -h1, z}};
+    };
+    scene.mFeatures = {on_wall(ROOM_SOUTH, -0.55, 0.95, 1.15, 1.95), on_wall(ROOM_SOUTH, 1.6, 1.68, 1.05, 1.17),
+                       on_wall(ROOM_NORTH, -1.8, -1.1, 1.1, 1.9)};
+    return scene;
+}
+
+void make_stereo(const OPTIONS &o) {
+    zarn_capture::STEREO_JOB job;
+    job.mJob = o.mJob;
+    job.mWidth = o.mWidth;
+    job.mPoints = o.mPoints;
+    job.mVideos = o.mVideos;
+    job.mFrames = o.mFrames;
+    zarn_capture::make_stereo_job(job, room_scene());
+}
+
+// One record per panorama of the job: the two-lens job's or the stereo one's.
+void make_regions(const OPTIONS &o) {
+    std::vector<std::string> names;
+    for (int p = 0; p < o.mPoints; ++p)
+        names.push_back(numbered(o.mStereo ? "stereo" : "point", p));
+    zarn_capture::write_regions(o.mJob, names, o.mWidth, room_scene());
+}
+
 bool number_option(const char *text, int low, int high, int &out) {
     char *end = nullptr;
     const long v = std::strtol(text, &end, 10);
@@ -1073,12 +1129,15 @@ bool number_option(const char *text, int low, int high, int &out) {
 
 constexpr const char *USAGE =
     "usage: zarn_capture JOBDIR [--width W] [--points N] [--videos N] [--frames N] [--calibration]\n"
+    "                    [--stereo] [--regions]\n"
     "  --width W    panorama width of the ground truth, even, 64..8192 (512; 1024 with\n"
     "               --calibration, whose boards at the horizon need that much)\n"
     "  --points N   capture points, 0..999 (2)\n"
     "  --videos N   videos, 0..999 (1)\n"
     "  --frames N   frames per video, 1..1000 (4)\n"
-    "  --calibration  also the calibration captures and their truth\n";
+    "  --calibration  also the calibration captures and their truth\n"
+    "  --stereo     the stereo rotating camera's job instead of the two-lens one\n"
+    "  --regions    also the region file extras/image-ROI.json of the panoramas\n";
 
 } // namespace
 
@@ -1102,6 +1161,10 @@ int main(int argc, char **argv) {
             ok = has_value && number_option(argv[++i], 1, 1000, o.mFrames);
         else if (a == "--calibration")
             o.mCalibration = true;
+        else if (a == "--stereo")
+            o.mStereo = true;
+        else if (a == "--regions")
+            o.mRegions = true;
         else if (!a.empty() && a[0] != '-' && o.mJob.empty())
             o.mJob = a;
         else
@@ -1118,9 +1181,14 @@ int main(int argc, char **argv) {
         return 2;
     }
     try {
-        make_job(o);
+        if (o.mStereo)
+            make_stereo(o);
+        else
+            make_job(o);
         if (o.mCalibration)
             make_calibration(o);
+        if (o.mRegions)
+            make_regions(o);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "zarn_capture: %s\n", e.what());
         return 1;
