@@ -51,8 +51,9 @@
 //
 // The panorama width W (default 512, or 1024 with --calibration: the boards
 // at the horizon span less than 20 degrees and need that many pixels to be
-// found) sets the lenses' resolution: the captures are about 0.6 W square. Everything is computed from fixed
-// numbers, so a job made twice is the same byte for byte.
+// found) sets the lenses' resolution: the captures are about 0.6 W square.
+// Everything is computed from fixed numbers, so a job made twice is the same
+// byte for byte.
 
 #include "capture_stereo.h"
 
