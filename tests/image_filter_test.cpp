@@ -1,0 +1,151 @@
+// ImageFilterProcess end to end: the launcher, the module and the filter of
+// the reference stereo rotating-camera library over panoramas and region
+// files made here.
+#include "support.h"
+
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
+
+#include <algorithm>
+
+namespace {
+
+using namespace zarn_test;
+
+const std::string ZARN = std::string(ZARN_BINARY_DIR) + "/bin/zarn";
+const std::string BACKENDS = std::string(ZARN_BINARY_DIR) + "/backends";
+
+// A textured 512 x 256 panorama: fine detail everywhere, so that a blurred
+// region is told from an untouched one.
+void write_panorama(const fs::path &file, int seed) {
+    cv::Mat image(256, 512, CV_8UC3);
+    cv::RNG rng(seed);
+    rng.fill(image, cv::RNG::UNIFORM, 0, 256);
+    fs::create_directories(file.parent_path());
+    cv::imwrite(file.string(), image, {cv::IMWRITE_JPEG_QUALITY, 95});
+}
+
+// Mean absolute difference of horizontal neighbours inside a rectangle: the
+// fine detail left there.
+double detail(const cv::Mat &image, const cv::Rect &r) {
+    cv::Mat grey;
+    image(r).convertTo(grey, CV_32F);
+    double sum = 0;
+    for (int y = 0; y < grey.rows; ++y)
+        for (int x = 1; x < grey.cols; ++x)
+            for (int c = 0; c < 3; ++c)
+                sum += std::abs(grey.at<cv::Vec3f>(y, x)[c] - grey.at<cv::Vec3f>(y, x - 1)[c]);
+    return sum / (grey.rows * (grey.cols - 1) * 3.0);
+}
+
+std::string record(const std::string &pano, const std::string &rects, bool preview = false, int type = 0) {
+    return R"({"panoId":")" + pano + R"(","resolution":1,"rect":[)" + rects + R"(],"width":512,"height":256,"type":)" +
+           std::to_string(type) + R"(,"preview":)" + (preview ? "true" : "false") + "}";
+}
+
+class ImageFilter : public ::testing::Test {
+protected:
+    fs::path make_job(const std::string &name, int panoramas) {
+        const fs::path job = mRoot.path() / name;
+        for (int i = 0; i < panoramas; ++i)
+            write_panorama(job / ("caches/images/p" + std::to_string(i) + ".jpg"), i);
+        write_file(job / "caches/split_data.json", R"({"ImageFilterProcess":{}})");
+        write_file(job / "setting.xml",
+                   "<_Lumora><ImageFilterProcess><mThreadConcurrency value=\"2\"/></ImageFilterProcess></_Lumora>");
+        return job;
+    }
+    RunResult filter(const fs::path &job, const std::string &env = "") {
+        std::string command = "env -u ZARN_BACKEND_FAIL -u ZARN_BACKEND_NULL NO_COLOR=1 ZARN_BACKEND_TRACE=";
+        command.append(quote(trace())).append(" ").append(env).append(" ").append(quote(ZARN));
+        command.append(" run --process ImageFilterProcess --libs ").append(quote(BACKENDS)).append(" ");
+        command.append(quote(job.string()));
+        return run(command);
+    }
+    std::string trace() const { return mRoot / "trace.txt"; }
+    std::string traced() const { return fs::exists(trace()) ? read_file(trace()) : std::string(); }
+    std::size_t executes() const {
+        const auto lines = lines_of(traced());
+        return std::size_t(std::count_if(lines.begin(), lines.end(),
+                                         [](const std::string &l) { return starts_with(l, "KIVO_ExecuteFilterHandle "); }));
+    }
+    TempDir mRoot;
+};
+
+TEST_F(ImageFilter, BlursTheListedRegionsWritesPreviewsAndPublishes) {
+    const fs::path job = make_job("job", 2);
+    write_file(job / "extras/image-ROI.json",
+               "{\"images\":[" + record("p0", R"({"x":100,"y":60,"w":80,"h":50},{"x":300,"y":120,"w":60,"h":60})", true) +
+                   "," + record("p1", R"({"x":0,"y":0,"w":64,"h":32})", false, 1) + "]}");
+    const auto r = filter(job);
+    ASSERT_EQ(r.status, 0) << r.output;
+    for (const char *line : {"\ninitializing filter\n", "\nprocessing image [0] p0\n", "\nprocessing image [1] p1\n",
+                             "\ntime costs : "})
+        EXPECT_TRUE(contains(r.output, line)) << line << "\n" << r.output;
+    EXPECT_EQ(executes(), 2u);
+
+    const cv::Mat before = cv::imread((job / "caches/images/p0.jpg").string());
+    const cv::Mat after = cv::imread((job / "extras/images/p0.jpg").string());
+    ASSERT_EQ(after.size(), before.size());
+    // Inside: the detail is gone; well outside: the picture is the same.
+    EXPECT_LT(detail(after, cv::Rect(110, 70, 60, 30)), 0.2 * detail(before, cv::Rect(110, 70, 60, 30)));
+    EXPECT_GT(detail(after, cv::Rect(400, 10, 60, 40)), 0.8 * detail(before, cv::Rect(400, 10, 60, 40)));
+    EXPECT_TRUE(fs::exists(job / "extras/images/p0_preview.jpg"));
+    EXPECT_FALSE(fs::exists(job / "extras/images/p1_preview.jpg"));
+    for (const char *file : {"p0.jpg", "p1.jpg"})
+        EXPECT_EQ(inode_of(job / "results/images" / file), inode_of(job / "extras/images" / file)) << file;
+}
+
+TEST_F(ImageFilter, ABrokenRegionFileStopsBeforeAnythingIsWritten) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {R"({"image":[]})", "region file without an \"images\" array : "},
+        {R"({"images":{}})", "region file without an \"images\" array : "},
+        {"{\"images\":[" + record("p0", R"({"x":500,"y":0,"w":20,"h":10})") + "]}",
+         "region file, image [0] : rectangle outside the image : p0 500,0 20x10 in 512x256"},
+        {"{\"images\":[" + record("p0", R"({"x":0,"y":0,"w":0,"h":10})") + "]}",
+         "region file, image [0] : rectangle outside the image : p0 0,0 0x10 in 512x256"},
+        {"{\"images\":[" + record("p0", "") + "," + record("nowhere", "") + "]}", "missing file : "},
+        {"{\"images\":[" + record("../p0", "") + "]}", "region file, image [0] : not a panorama name : ../p0"},
+    };
+    int n = 0;
+    for (const auto &[text, line] : cases) {
+        const fs::path job = make_job("job" + std::to_string(n++), 1);
+        write_file(job / "extras/image-ROI.json", text);
+        fs::remove(trace());
+        const auto r = filter(job);
+        EXPECT_EQ(r.status, 1) << text << "\n" << r.output;
+        EXPECT_TRUE(contains(r.output, line)) << text << "\n" << r.output;
+        EXPECT_TRUE(contains(r.output, "\nImageFilterProcess error\ndynamic_assert failed : ")) << r.output;
+        EXPECT_EQ(traced(), "") << "no library call for " << text;
+        EXPECT_TRUE(fs::is_empty(job / "extras/images")) << text;
+    }
+}
+
+TEST_F(ImageFilter, AFailingImageStopsTheRunAfterTheRecordsInFlight) {
+    const fs::path job = make_job("job", 8);
+    write_file(job / "caches/images/p2.jpg", "not a picture");
+    std::string records;
+    for (int i = 0; i < 8; ++i)
+        records.append(i ? "," : "").append(record("p" + std::to_string(i), R"({"x":10,"y":10,"w":20,"h":20})"));
+    write_file(job / "extras/image-ROI.json", "{\"images\":[" + records + "]}");
+    const auto r = filter(job);
+    EXPECT_EQ(r.status, 1) << r.output;
+    EXPECT_TRUE(contains(r.output, "\nreturn value = 4\n")) << r.output;
+    EXPECT_TRUE(contains(r.output, "ImageFilterProcess error\ndynamic_assert failed : mFilterReturnValue == 0 : at "))
+        << r.output;
+    EXPECT_LE(executes(), 4u) << traced();
+    EXPECT_TRUE(fs::exists(job / "extras/images/p0.jpg") && fs::exists(job / "extras/images/p1.jpg"));
+    EXPECT_FALSE(fs::exists(job / "extras/images/p2.jpg"));
+    EXPECT_TRUE(fs::is_empty(job / "results/images"));
+}
+
+TEST_F(ImageFilter, ANullFilterObjectIsFatal) {
+    const fs::path job = make_job("job", 1);
+    write_file(job / "extras/image-ROI.json", "{\"images\":[" + record("p0", "") + "]}");
+    const auto r = filter(job, "ZARN_BACKEND_NULL=KIVO_CreateFilterHandle");
+    EXPECT_EQ(r.status, 1) << r.output;
+    EXPECT_TRUE(contains(r.output, "\ninitializing filter\nImageFilterProcess error\n"
+                                   "dynamic_assert failed : me.mP1 != nullptr : at "))
+        << r.output;
+}
+
+} // namespace
