@@ -1,5 +1,12 @@
 #!/bin/sh
-# Runs the launcher over a fresh copy of the sample job and shows what it
+# Runs the launcher over a fresh copy of the sample job, and over a stereo
+# rotating-camera job, and shows what they produced.
+#
+# The sample job gets synthetic captures of a known room, made afresh for
+# each demo by zarn_capture: chessboard views, a colour chart and a flat
+# field for the calibration, two-lens captures (plain and bracketed) and a
+# video for the stitching, and a region file for the image filter. The
+# calibration runs first; the stitcher then uses the lens tables it
 # published.
 set -eu
 BUILD=${1:-build}
@@ -7,45 +14,53 @@ if [ ! -x "$BUILD/bin/zarn" ]; then
     echo "The demo runs the launcher build/bin/zarn, which is not built yet."
     exit 0
 fi
-mkdir -p "$BUILD/backends"
 for library in libopenMVG_velda.so libCalib.so libStitch.so libStereoRotCam.so; do
     [ -f "$BUILD/backends/$library" ] ||
         echo "note: $BUILD/backends/$library is not built; a process that needs it will report it missing."
 done
-JOB="$BUILD/demo/sample-job"
-rm -rf "$BUILD/demo"
-mkdir -p "$BUILD/demo"
+DEMO="$BUILD/demo"
+JOB="$DEMO/sample-job"
+STEREO="$DEMO/stereo-job"
+rm -rf "$DEMO"
+mkdir -p "$DEMO"
 cp -r examples/sample-job "$JOB"
-# The stitching part of the job: synthetic two-lens captures of a known
-# room, their lens tables and the stitch plan, made afresh for each demo.
-if [ -x "$BUILD/bin/zarn_capture" ]; then
-    "$BUILD/bin/zarn_capture" "$JOB" --width 4096 --points 3 --videos 1 > /dev/null
-else
-    echo "note: $BUILD/bin/zarn_capture is not built; the stitching part of the job is left out."
-fi
+"$BUILD/bin/zarn_capture" "$JOB" --width 4096 --points 3 --videos 1 --calibration --regions > /dev/null
 status=0
-"$BUILD/bin/zarn" run --libs "$BUILD/backends" --log "$BUILD/demo" "$(pwd)/$JOB" || status=$?
+"$BUILD/bin/zarn" run --libs "$BUILD/backends" --log "$DEMO" "$(pwd)/$JOB" || status=$?
 
+# The stereo rotating camera: raw frames of three exposures per view.
+"$BUILD/bin/zarn_capture" "$STEREO" --stereo --points 2 --videos 0 > /dev/null
+cp examples/sample-job/project.json "$STEREO/project.json"
+printf '{"StereoRotStitchMainProcess":{}}\n' > "$STEREO/caches/split_data.json"
+printf '<_Lumora><StereoRotStitchMainProcess><mThreadConcurrency value="2"/></StereoRotStitchMainProcess></_Lumora>\n' \
+    > "$STEREO/setting.xml"
 echo
-echo "== published results (hard links: inode, link count, size, name)"
+"$BUILD/bin/zarn" run --process StereoRotStitchMainProcess --libs "$BUILD/backends" "$(pwd)/$STEREO" || status=$?
+
+list() {
+    if [ -d "$1" ]; then find "$1" -type f | sort; else echo "(none)"; fi
+}
+echo
+echo "== published results of the sample job (hard links: inode, link count, size, name)"
 if [ -d "$JOB/results" ]; then
     (cd "$JOB/results" && find . -type f | sort | xargs -r ls -i -l | awk '{ print $1, $3, $6, $NF }')
 else
     echo "(none)"
 fi
 echo
-echo "== stitched panoramas (4096 x 2048 equirectangular) and videos"
-if [ -d "$JOB/caches/images" ]; then
-    (cd "$JOB" && find caches/images caches/videos -type f | sort | sed "s|^|$JOB/|")
-    echo "(the scene they were rendered from is in $JOB/truth/; the first point is a plain"
-    echo " capture, the others are fused from four exposures per lens)"
-else
-    echo "(none)"
-fi
+echo "== panoramas (4096 x 2048 equirectangular), stitched with the calibrated lenses"
+list "$JOB/caches/images"
+echo "   the scene they were rendered from: $JOB/truth/"
+echo "== the same with the regions of extras/image-ROI.json blurred or pixelated"
+list "$JOB/extras/images"
+echo "== the stitched video"
+list "$JOB/caches/videos"
+echo "== stereo rotating camera: developed, merged from three exposures, stitched, tripod inpainted"
+list "$STEREO/caches/images"
 echo
 echo "== project.json"
 cat "$JOB/project.json"
 echo
 echo
-echo "results are in $JOB/results (log: $BUILD/demo/console.log)"
+echo "results are in $JOB/results and $STEREO (log: $DEMO/console.log)"
 exit "$status"
