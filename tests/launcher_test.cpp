@@ -200,7 +200,7 @@ TEST(LauncherGraph, PrintsTheDeclaredGraphWithoutRunningIt) {
         // The record of settings keys only where the process has keys.
         const bool keys = process == "VeldaMainProcess" || process == "VeldaMeshProcess" ||
                           process == "ImageFilterProcess" || process == "VideoTransferProcess" ||
-                          process == "StitchMainProcess";
+                          process == "StitchMainProcess" || process == "StereoRotStitchMainProcess";
         EXPECT_EQ(contains(r.output, "label=\"CON_mSetting\""), keys) << process;
     }
     EXPECT_TRUE(fs::is_empty(job.path()));
