@@ -5,6 +5,7 @@
 // in their fixed order, read as they were written and written back in the
 // same JSON forms, with a new state and progress.
 
+#include "ZARN_Velda/ProcessFrame.h"
 #include "__ORN__/orn_filesystem.h"
 #include "__ORN__/orn_serialization.h"
 
@@ -55,5 +56,19 @@ PROJECT_RECORD read_project(const ORN::JobDirectory &job);
 // writer (the file's permission bits are kept).
 void write_project(const ORN::JobDirectory &job, const PROJECT_RECORD &record, bool done, bool crashed,
                    ORN::int64 progress);
+
+// The record as it was before the run, for the processes that replace it at
+// their end.
+struct CON_mProject {
+    ORN_NODE(CON_mProject);
+    PROJECT_RECORD mSelf;
+    explicit CON_mProject(ORN::SyntaxTree &tree) {
+        const auto &path = tree.stack<Frame::VAR_mWorkingPath>();
+        tree.once([this, &path] {
+            mSelf = read_project(ORN::JobDirectory(path.mSelf));
+            ORN::console().info("project done = ", mSelf.mDone);
+        });
+    }
+};
 
 } // namespace ZARN::Project

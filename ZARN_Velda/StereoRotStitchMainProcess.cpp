@@ -169,38 +169,21 @@ public:
     using CON_mLibraryHandle = CON_mStereoRotStitchHandle;
     using CON_mLensTableFile = CON_mDistortTableTxt;
 
+    using IMAGE_HANDLE = Lib::IMAGE_HANDLE;
+
+    // The image stitchers read the camera's distortion table; the ISP pass
+    // develops through the first of them.
+    static int init_image(const StereoRotStitchHandle &library, IMAGE_HANDLE me, const CON_mDistortTableTxt &table,
+                          const NDS_mImageStitchConfigProprety &config) {
+        return library.mInitOptFlowStitchHandle(me, table.mSelf.c_str(), config.mPanoramaWidth, config.mPanoramaHeight,
+                                                config.mEstimateWidth, config.mEstimateHeight,
+                                                StitchLibrary::OUTPUT_BITS);
+    }
+
     static int init_video(const StereoRotStitchHandle &library, VIDEO_HANDLE me, const CON_mDistortTableTxt &table,
                           int width, int height) {
         return library.mInitVideoStitchHandle(me, table.mSelf.c_str(), width, height, StitchLibrary::OUTPUT_BITS);
     }
-
-    // One initialised image stitcher per configuration (the ISP pass uses
-    // the first); destroyed when the passes are over.
-    struct SUB_mOptFlowStitchHandle {
-        ORN_NODE(SUB_mOptFlowStitchHandle);
-        ORN::ArrayList<LibraryObject<Lib::IMAGE_HANDLE>> mSelf;
-        explicit SUB_mOptFlowStitchHandle(ORN::SyntaxTree &tree) {
-            const auto &handle = tree.stack<CON_mStereoRotStitchHandle>();
-            const auto &configs = tree.stack<CON_mImageStitchConfigProprety>();
-            const auto &table = tree.stack<CON_mDistortTableTxt>();
-            tree.once([this, &handle, &configs, &table] {
-                const StereoRotStitchHandle &library = *handle.mSelf;
-                ORN::console().info("initializing stitch");
-                for (const auto &config : configs.mSelf) {
-                    auto &object = mSelf.append(make_library_object<Lib::IMAGE_HANDLE>(
-                        library.mCreateOptFlowStitchHandle, library.mDestroyOptFlowStitchHandle));
-                    const auto me = object.self().mP1;
-                    const int result = _CALL_TRY_([&] {
-                        return library.mInitOptFlowStitchHandle(me, table.mSelf.c_str(), config.mPanoramaWidth,
-                                                                config.mPanoramaHeight, config.mEstimateWidth,
-                                                                config.mEstimateHeight, StitchLibrary::OUTPUT_BITS);
-                    });
-                    check_result(result, [&] { return library.mGetOptFlowStitchCode(me); });
-                }
-                ORN::console().info(configs.mSelf.size(), " config to go");
-            });
-        }
-    };
 
     // The ISP pass: every raw frame the stitch reads, developed with the
     // record's gain into "caches/<frame name>.png".
@@ -354,18 +337,7 @@ public:
         return "bash " + shell_word(module_directory + "DataConverter.sh") + " IMAGE " + shell_word(working_path);
     }
 
-    // The capture record, read before the work and replaced at its end.
-    struct CON_mProject {
-        ORN_NODE(CON_mProject);
-        Project::PROJECT_RECORD mSelf;
-        explicit CON_mProject(ORN::SyntaxTree &tree) {
-            const auto &path = tree.stack<VAR_mWorkingPath>();
-            tree.once([this, &path] {
-                mSelf = Project::read_project(ORN::JobDirectory(path.mSelf));
-                ORN::console().info("project done = ", mSelf.mDone);
-            });
-        }
-    };
+    using CON_mProject = Project::CON_mProject;
 
     // Stitching does not finish a capture: "done" stays as read, "crashed"
     // is cleared, "progress" is 100 for a done capture and 50 otherwise

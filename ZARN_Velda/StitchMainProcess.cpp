@@ -146,38 +146,18 @@ public:
         }
     };
 
-    // One initialised image stitcher per configuration, in the order of
-    // CON_mImageStitchConfigProprety; destroyed when the image stitching
-    // is over.
-    struct SUB_mOptFlowStitchHandle {
-        ORN_NODE(SUB_mOptFlowStitchHandle);
-        ORN::ArrayList<LibraryObject<StitchLibrary::IMAGE_HANDLE>> mSelf;
-        explicit SUB_mOptFlowStitchHandle(ORN::SyntaxTree &tree) {
-            const auto &handle = tree.stack<CON_mStitchHandle>();
-            const auto &configs = tree.stack<CON_mImageStitchConfigProprety>();
-            const auto &tables = tree.stack<CON_mImageStitchDistortTableFile>();
-            tree.once([this, &handle, &configs, &tables] {
-                const StitchHandle &library = *handle.mSelf;
-                ORN::console().info("initializing stitch");
-                for (const auto &config : configs.mSelf) {
-                    auto &object = mSelf.append(make_library_object<StitchLibrary::IMAGE_HANDLE>(
-                        library.mCreateOptFlowStitchHandle, library.mDestroyOptFlowStitchHandle));
-                    const auto me = object.self().mP1;
-                    const int result = _CALL_TRY_([&] {
-                        return library.mInitOptFlowStitchHandle(me, tables.mSelf.mP1.c_str(), tables.mSelf.mP2.c_str(),
-                                                                config.mPanoramaWidth, config.mPanoramaHeight,
-                                                                config.mEstimateWidth, config.mEstimateHeight,
-                                                                StitchLibrary::OUTPUT_BITS);
-                    });
-                    check_result(result, [&] { return library.mGetOptFlowStitchCode(me); });
-                }
-                ORN::console().info(configs.mSelf.size(), " config to go");
-            });
-        }
-    };
-
     using CON_mLibraryHandle = CON_mStitchHandle;
     using CON_mLensTableFile = CON_mImageStitchDistortTableFile;
+
+    using IMAGE_HANDLE = StitchLibrary::IMAGE_HANDLE;
+
+    // The image stitchers read the two lens tables.
+    static int init_image(const StitchHandle &library, IMAGE_HANDLE me, const CON_mImageStitchDistortTableFile &tables,
+                          const NDS_mImageStitchConfigProprety &config) {
+        return library.mInitOptFlowStitchHandle(me, tables.mSelf.mP1.c_str(), tables.mSelf.mP2.c_str(),
+                                                config.mPanoramaWidth, config.mPanoramaHeight, config.mEstimateWidth,
+                                                config.mEstimateHeight, StitchLibrary::OUTPUT_BITS);
+    }
 
     // The video stitchers read the same lens tables.
     static int init_video(const StitchHandle &library, VIDEO_HANDLE me, const CON_mImageStitchDistortTableFile &tables,

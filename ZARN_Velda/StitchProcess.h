@@ -10,6 +10,7 @@
 // differs: its image record NDS_mStitchDataImage (with names(), the plan
 // paths to check), its library node CON_mLibraryHandle, its lens-table node
 // CON_mLensTableFile (with mJobFiles, the job files the video step needs),
+// IMAGE_HANDLE and init_image(library, object, tables, configuration),
 // VIDEO_HANDLE and init_video(library, object, tables, width, height), its
 // image passes ending in ACT_mImageStitch, and ACT_mImageInpainting_mEnable.
 
@@ -346,6 +347,31 @@ public:
 
     // -----------------------------------------------------------------------
     // The library's objects and calls.
+
+    // One initialised image stitcher per configuration, in the order of
+    // CON_mImageStitchConfigProprety; destroyed when the image passes are
+    // over.
+    struct SUB_mOptFlowStitchHandle {
+        ORN_NODE(SUB_mOptFlowStitchHandle);
+        ORN::ArrayList<LibraryObject<typename P::IMAGE_HANDLE>> mSelf;
+        explicit SUB_mOptFlowStitchHandle(ORN::SyntaxTree &tree) {
+            const auto &handle = tree.stack<typename P::CON_mLibraryHandle>();
+            const auto &configs = tree.stack<CON_mImageStitchConfigProprety>();
+            const auto &tables = tree.stack<typename P::CON_mLensTableFile>();
+            tree.once([this, &handle, &configs, &tables] {
+                const auto &library = *handle.mSelf;
+                ORN::console().info("initializing stitch");
+                for (const auto &config : configs.mSelf) {
+                    auto &object = mSelf.append(make_library_object<typename P::IMAGE_HANDLE>(
+                        library.mCreateOptFlowStitchHandle, library.mDestroyOptFlowStitchHandle));
+                    const auto me = object.self().mP1;
+                    const int result = _CALL_TRY_([&] { return P::init_image(library, me, tables, config); });
+                    check_result(result, [&] { return library.mGetOptFlowStitchCode(me); });
+                }
+                ORN::console().info(configs.mSelf.size(), " config to go");
+            });
+        }
+    };
 
     // One initialised video stitcher per distinct "con" of the videos to
     // stitch, in first-seen order, and the set that maps "con" to it.

@@ -136,22 +136,7 @@ class VeldaMainProcess::Private::Implement final : public Frame::ProcessImplemen
         }
     };
 
-    // The capture record as it was before this run; a missing "project.json"
-    // is a fresh capture. The record is replaced atomically, so the file is
-    // always whole; temporary files an interrupted replacement left are
-    // removed. A record that is no JSON object stops the process and stays
-    // as it is.
-    struct CON_mProject {
-        ORN_NODE(CON_mProject);
-        Project::PROJECT_RECORD mSelf;
-        explicit CON_mProject(ORN::SyntaxTree &tree) {
-            const auto &path = tree.stack<VAR_mWorkingPath>();
-            tree.once([this, &path] {
-                mSelf = Project::read_project(ORN::JobDirectory(path.mSelf));
-                ORN::console().info("project done = ", mSelf.mDone);
-            });
-        }
-    };
+    using CON_mProject = Project::CON_mProject;
 
     // Clears what the library writes anew and makes its floor plan folder.
     struct ACT_mVeldaMain_mClean {
