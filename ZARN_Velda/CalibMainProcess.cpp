@@ -140,18 +140,19 @@ public:
         return mMainReturnValue;
     }
 
-    // The raw inputs of a stage as full paths (empty ones stay empty), each
-    // given one checked to be a file of the job, and how many are given.
+    // The raw inputs of a stage as full paths, the given ones first (an
+    // empty one in between is left out, so the library gets `count` given
+    // sources), each checked to be a file of the job.
     static std::array<String<char>, 4> stage_inputs(const ORN::JobDirectory &job,
                                                     const std::array<String<char>, 4> &names, int &count) {
         std::array<String<char>, 4> paths;
         count = 0;
-        for (int i = 0; i < 4; ++i) {
-            if (names[i].empty())
+        for (const String<char> &name : names) {
+            if (name.empty())
                 continue;
-            paths[i] = job.path(names[i]);
-            ConsistencyProc::check_file_existance(paths[i]);
-            count = i + 1;
+            paths[count] = job.path(name);
+            ConsistencyProc::check_file_existance(paths[count]);
+            ++count;
         }
         return paths;
     }

@@ -178,6 +178,18 @@ TEST_F(CalibMain, ALibraryWithoutOneOfItsEntriesFailsToBind) {
     }
 }
 
+TEST_F(CalibMain, GivenInputsReachTheLibraryFirstWhateverTheirKeys) {
+    const fs::path job = make_job("job", false, true, false);
+    const std::string chart = first_capture(job, "chart_");
+    write_file(job / "caches/split_data.json", R"({"CalibMainProcess":{"enable_calib_main_analysis":true,)"
+                                               R"("analysis_raw":{"src1":"","src3":")" + chart + R"("}}})");
+    const auto r = calibrate(job);
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_TRUE(starts_with(traced(), "run_analysis_main \"" + (job / chart).string() + "\" \"\" \"\" \"\" \"" +
+                                          job.string() + "\" \"1\"\n"))
+        << traced();
+}
+
 TEST_F(CalibMain, AMissingRawInputStopsBeforeItsStage) {
     const fs::path job = make_job("job", false, true, false);
     const std::string chart = first_capture(job, "chart_");
