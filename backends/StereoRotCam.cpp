@@ -295,15 +295,11 @@ struct KIVO_FilterParams {
 // Stitching.
 
 ZARN_BACKEND_ENTRY Lib::IMAGE_HANDLE KIVO_CreateOptFlowStitchHandle() {
-    const auto code = zarn_backend::enter("KIVO_CreateOptFlowStitchHandle", {});
-    if (code || zarn_backend::injected_null("KIVO_CreateOptFlowStitchHandle"))
-        return nullptr;
-    return new (std::nothrow) KIVO_StereoRotStitch::KIVO_OptFlowStitchParams();
+    return zarn_stitch::create_entry<KIVO_StereoRotStitch::KIVO_OptFlowStitchParams>("KIVO_CreateOptFlowStitchHandle");
 }
 
 ZARN_BACKEND_ENTRY void KIVO_DestroyOptFlowStitchHandle(Lib::IMAGE_HANDLE handle) {
-    zarn_backend::enter("KIVO_DestroyOptFlowStitchHandle", {text(handle)});
-    delete handle;
+    zarn_stitch::destroy_entry("KIVO_DestroyOptFlowStitchHandle", handle);
 }
 
 ZARN_BACKEND_ENTRY int KIVO_InitOptFlowStitchHandle(Lib::IMAGE_HANDLE handle, const char *distortion_table, int width,
@@ -374,25 +370,18 @@ ZARN_BACKEND_ENTRY int KIVO_ExecuteISPHandle(Lib::IMAGE_HANDLE handle, const cha
 }
 
 ZARN_BACKEND_ENTRY int KIVO_GetOptFlowStitchCode(Lib::IMAGE_HANDLE handle) {
-    const auto code = zarn_backend::enter("KIVO_GetOptFlowStitchCode", {text(handle)});
-    if (code)
-        return *code;
-    return handle ? handle->mStitcher.code() : Code::KIVO_BAD_ARGUMENT;
+    return zarn_stitch::code_entry("KIVO_GetOptFlowStitchCode", handle, [](const auto &h) { return h.mStitcher.code(); });
 }
 
 // ---------------------------------------------------------------------------
 // Video: the two lenses at position 0.
 
 ZARN_BACKEND_ENTRY Lib::VIDEO_HANDLE KIVO_CreateVideoStitchHandle() {
-    const auto code = zarn_backend::enter("KIVO_CreateVideoStitchHandle", {});
-    if (code || zarn_backend::injected_null("KIVO_CreateVideoStitchHandle"))
-        return nullptr;
-    return new (std::nothrow) KIVO_StereoRotVideoStitch::KIVO_VideoStitchParams();
+    return zarn_stitch::create_entry<KIVO_StereoRotVideoStitch::KIVO_VideoStitchParams>("KIVO_CreateVideoStitchHandle");
 }
 
 ZARN_BACKEND_ENTRY void KIVO_DestroyVideoStitchHandle(Lib::VIDEO_HANDLE handle) {
-    zarn_backend::enter("KIVO_DestroyVideoStitchHandle", {text(handle)});
-    delete handle;
+    zarn_stitch::destroy_entry("KIVO_DestroyVideoStitchHandle", handle);
 }
 
 ZARN_BACKEND_ENTRY int KIVO_InitVideoStitchHandle(Lib::VIDEO_HANDLE handle, const char *distortion_table, int width,
@@ -437,25 +426,18 @@ ZARN_BACKEND_ENTRY int KIVO_ExecuteVideoStitchHandle(Lib::VIDEO_HANDLE handle, c
 }
 
 ZARN_BACKEND_ENTRY int KIVO_GetVideoStitchCode(Lib::VIDEO_HANDLE handle) {
-    const auto code = zarn_backend::enter("KIVO_GetVideoStitchCode", {text(handle)});
-    if (code)
-        return *code;
-    return handle ? handle->mStitcher.code() : Code::KIVO_BAD_ARGUMENT;
+    return zarn_stitch::code_entry("KIVO_GetVideoStitchCode", handle, [](const auto &h) { return h.mStitcher.code(); });
 }
 
 // ---------------------------------------------------------------------------
 // The image filter.
 
 ZARN_BACKEND_ENTRY Lib::FILTER_HANDLE KIVO_CreateFilterHandle() {
-    const auto code = zarn_backend::enter("KIVO_CreateFilterHandle", {});
-    if (code || zarn_backend::injected_null("KIVO_CreateFilterHandle"))
-        return nullptr;
-    return new (std::nothrow) KIVO_Filter::KIVO_FilterParams();
+    return zarn_stitch::create_entry<KIVO_Filter::KIVO_FilterParams>("KIVO_CreateFilterHandle");
 }
 
 ZARN_BACKEND_ENTRY void KIVO_DestroyFilterHandle(Lib::FILTER_HANDLE handle) {
-    zarn_backend::enter("KIVO_DestroyFilterHandle", {text(handle)});
-    delete handle;
+    zarn_stitch::destroy_entry("KIVO_DestroyFilterHandle", handle);
 }
 
 ZARN_BACKEND_ENTRY int KIVO_InitFilterHandle(Lib::FILTER_HANDLE handle, long long write_buffer_size, int quality,
@@ -489,10 +471,7 @@ ZARN_BACKEND_ENTRY int KIVO_ExecuteFilterHandle(Lib::FILTER_HANDLE handle, const
 }
 
 ZARN_BACKEND_ENTRY int KIVO_GetFilterCode(Lib::FILTER_HANDLE handle) {
-    const auto code = zarn_backend::enter("KIVO_GetFilterCode", {text(handle)});
-    if (code)
-        return *code;
-    return handle ? handle->mFilter.code() : Code::KIVO_BAD_ARGUMENT;
+    return zarn_stitch::code_entry("KIVO_GetFilterCode", handle, [](const auto &h) { return h.mFilter.code(); });
 }
 
 // Each entry has exactly the type the callers bind it as.

@@ -58,15 +58,11 @@ struct KIVO_VideoStitchParams {
 // Image stitching.
 
 ZARN_BACKEND_ENTRY Lib::IMAGE_HANDLE KIVO_CreateOptFlowStitchHandle() {
-    const auto code = zarn_backend::enter("KIVO_CreateOptFlowStitchHandle", {});
-    if (code || zarn_backend::injected_null("KIVO_CreateOptFlowStitchHandle"))
-        return nullptr;
-    return new (std::nothrow) KIVO_Stitch::KIVO_OptFlowStitchParams();
+    return zarn_stitch::create_entry<KIVO_Stitch::KIVO_OptFlowStitchParams>("KIVO_CreateOptFlowStitchHandle");
 }
 
 ZARN_BACKEND_ENTRY void KIVO_DestroyOptFlowStitchHandle(Lib::IMAGE_HANDLE handle) {
-    zarn_backend::enter("KIVO_DestroyOptFlowStitchHandle", {text(handle)});
-    delete handle;
+    zarn_stitch::destroy_entry("KIVO_DestroyOptFlowStitchHandle", handle);
 }
 
 ZARN_BACKEND_ENTRY int KIVO_InitOptFlowStitchHandle(Lib::IMAGE_HANDLE handle, const char *upper_table,
@@ -125,25 +121,18 @@ ZARN_BACKEND_ENTRY int KIVO_ExecuteOptFlowStitchHDRHandle(Lib::IMAGE_HANDLE hand
 }
 
 ZARN_BACKEND_ENTRY int KIVO_GetOptFlowStitchCode(Lib::IMAGE_HANDLE handle) {
-    const auto code = zarn_backend::enter("KIVO_GetOptFlowStitchCode", {text(handle)});
-    if (code)
-        return *code;
-    return handle ? handle->mStitcher.code() : Lib::KIVO_BAD_ARGUMENT;
+    return zarn_stitch::code_entry("KIVO_GetOptFlowStitchCode", handle, [](const auto &h) { return h.mStitcher.code(); });
 }
 
 // ---------------------------------------------------------------------------
 // Video stitching.
 
 ZARN_BACKEND_ENTRY Lib::VIDEO_HANDLE KIVO_CreateVideoStitchHandle() {
-    const auto code = zarn_backend::enter("KIVO_CreateVideoStitchHandle", {});
-    if (code || zarn_backend::injected_null("KIVO_CreateVideoStitchHandle"))
-        return nullptr;
-    return new (std::nothrow) KIVO_VideoStitch::KIVO_VideoStitchParams();
+    return zarn_stitch::create_entry<KIVO_VideoStitch::KIVO_VideoStitchParams>("KIVO_CreateVideoStitchHandle");
 }
 
 ZARN_BACKEND_ENTRY void KIVO_DestroyVideoStitchHandle(Lib::VIDEO_HANDLE handle) {
-    zarn_backend::enter("KIVO_DestroyVideoStitchHandle", {text(handle)});
-    delete handle;
+    zarn_stitch::destroy_entry("KIVO_DestroyVideoStitchHandle", handle);
 }
 
 ZARN_BACKEND_ENTRY int KIVO_InitVideoStitchHandle(Lib::VIDEO_HANDLE handle, const char *upper_table,
@@ -179,10 +168,7 @@ ZARN_BACKEND_ENTRY int KIVO_ExecuteVideoStitchHandle(Lib::VIDEO_HANDLE handle, c
 }
 
 ZARN_BACKEND_ENTRY int KIVO_GetVideoStitchCode(Lib::VIDEO_HANDLE handle) {
-    const auto code = zarn_backend::enter("KIVO_GetVideoStitchCode", {text(handle)});
-    if (code)
-        return *code;
-    return handle ? handle->mStitcher.code() : Lib::KIVO_BAD_ARGUMENT;
+    return zarn_stitch::code_entry("KIVO_GetVideoStitchCode", handle, [](const auto &h) { return h.mStitcher.code(); });
 }
 
 // Each entry has exactly the type the callers bind it as.

@@ -9,6 +9,7 @@
 #include "stitch_maps.h"
 
 #include "ZARN_Common/StitchLibrary.h"
+#include "backend_support.h"
 #include "__ORN__/orn_array.h"
 #include "__ORN__/orn_images.h"
 
@@ -17,6 +18,7 @@
 #include <atomic>
 #include <filesystem>
 #include <map>
+#include <new>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -138,6 +140,34 @@ int guarded(int failure, F &&work) {
     } catch (...) {
         return failure;
     }
+}
+
+// --- The entries every handle API of the libraries repeats.
+
+// A create entry: a new object, or null when the entry is made to fail.
+template <class HANDLE>
+HANDLE *create_entry(const char *entry) {
+    const auto code = zarn_backend::enter(entry, {});
+    if (code || zarn_backend::injected_null(entry))
+        return nullptr;
+    return new (std::nothrow) HANDLE();
+}
+
+// A destroy entry (an injected failure does not keep an object alive).
+template <class HANDLE>
+void destroy_entry(const char *entry, HANDLE *handle) {
+    zarn_backend::enter(entry, {text(static_cast<const void *>(handle))});
+    delete handle;
+}
+
+// A get-code entry: the object's last result (`last` reads it), or the
+// injected code.
+template <class HANDLE, class LAST>
+int code_entry(const char *entry, HANDLE *handle, LAST &&last) {
+    const auto code = zarn_backend::enter(entry, {text(static_cast<const void *>(handle))});
+    if (code)
+        return *code;
+    return handle ? last(*handle) : int(ZARN::StitchLibrary::KIVO_BAD_ARGUMENT);
 }
 
 } // namespace zarn_stitch
