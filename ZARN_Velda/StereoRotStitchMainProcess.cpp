@@ -155,16 +155,9 @@ public:
         }
     };
 
-    struct CON_mStereoRotStitchHandle {
+    struct CON_mStereoRotStitchHandle : LIBRARY_NODE<StereoRotStitchHandle> {
         ORN_NODE(CON_mStereoRotStitchHandle);
-        ORN::AutoRef<StereoRotStitchHandle> mSelf;
-        explicit CON_mStereoRotStitchHandle(ORN::SyntaxTree &tree) {
-            // Every file is checked before the library is touched.
-            tree.stack<CON_mImageStitchRequiredFile>();
-            tree.stack<CON_mVideoStitchRequiredFile>();
-            tree.stack<CON_mDistortTableTxt>();
-            tree.once([this] { mSelf = ORN::AutoRef<StereoRotStitchHandle>::make(); });
-        }
+        using LIBRARY_NODE::LIBRARY_NODE;
     };
     using CON_mLibraryHandle = CON_mStereoRotStitchHandle;
     using CON_mLensTableFile = CON_mDistortTableTxt;

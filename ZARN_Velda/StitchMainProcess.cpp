@@ -135,15 +135,9 @@ public:
         }
     };
 
-    struct CON_mStitchHandle {
+    struct CON_mStitchHandle : LIBRARY_NODE<StitchHandle> {
         ORN_NODE(CON_mStitchHandle);
-        ORN::AutoRef<StitchHandle> mSelf;
-        explicit CON_mStitchHandle(ORN::SyntaxTree &tree) {
-            // Every file is checked before the library is touched.
-            tree.stack<CON_mImageStitchRequiredFile>();
-            tree.stack<CON_mVideoStitchRequiredFile>();
-            tree.once([this] { mSelf = ORN::AutoRef<StitchHandle>::make(); });
-        }
+        using LIBRARY_NODE::LIBRARY_NODE;
     };
 
     using CON_mLibraryHandle = CON_mStitchHandle;

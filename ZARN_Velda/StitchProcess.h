@@ -348,6 +348,19 @@ public:
     // -----------------------------------------------------------------------
     // The library's objects and calls.
 
+    // The process's library, opened and linked when the node plays, after
+    // every file the enabled passes read was checked.
+    template <class BINDING>
+    struct LIBRARY_NODE {
+        ORN::AutoRef<BINDING> mSelf;
+        explicit LIBRARY_NODE(ORN::SyntaxTree &tree) {
+            tree.stack<typename P::CON_mImageStitchRequiredFile>();
+            tree.stack<CON_mVideoStitchRequiredFile>();
+            tree.stack<typename P::CON_mLensTableFile>();
+            tree.once([this] { mSelf = ORN::AutoRef<BINDING>::make(); });
+        }
+    };
+
     // One initialised image stitcher per configuration, in the order of
     // CON_mImageStitchConfigProprety; destroyed when the image passes are
     // over.
