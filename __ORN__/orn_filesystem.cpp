@@ -651,10 +651,25 @@ void JobDirectory::erase_leftovers(std::string_view relative) const {
     ::closedir(stream);
 }
 
-void JobDirectory::save_file(std::string_view relative, std::string_view data) const {
-    _DYNAMIC_ASSERT_(data.size () < FileSystemProc::load_file_size ());
-    const String<char> target = path(relative);
-    const ENTRY r1x = job_entry(mRoot, relative, true);
+namespace {
+
+// Runs a callable when the scope ends, however it ends.
+template <class F>
+struct ON_EXIT {
+    F mCall;
+    ~ON_EXIT() { mCall(); }
+};
+template <class F>
+ON_EXIT(F) -> ON_EXIT<F>;
+
+// The body of the durable writer: `body` writes the new content into the
+// temporary file's descriptor and returns false (with errno set) when it
+// could not; it may also end the save by throwing. Either way the
+// temporary file is removed and the target stays as it was.
+template <class BODY>
+void durable_save(const JobDirectory &job, std::string_view relative, BODY &&body) {
+    const String<char> target = job.path(relative);
+    const ENTRY r1x = job_entry(job.root(), relative, true);
     if (!r1x.ok())
         report_error("save_file", r1x.mDirectory.mFailed, r1x.mDirectory.mError);
     const int dir = r1x.mDirectory.mFd.get();
@@ -682,38 +697,57 @@ void JobDirectory::save_file(std::string_view relative, std::string_view data) c
     if (!r3x)
         report_error("save_file", FileSystemProc::join_path(r1x.mDirectory.mFailed, temporary), errno);
     _DYNAMIC_ASSERT_(r3x);
-    auto discard = [&] {
+    bool kept = false;
+    const ON_EXIT discard{[&] {
         file.reset();
-        (void)::unlinkat(dir, temporary.c_str(), 0);
-    };
+        if (!kept)
+            (void)::unlinkat(dir, temporary.c_str(), 0);
+    }};
 
-    const auto &rax = data;
-    INDEX r8x = 0;
-    bool r4x = (!replacing || ::fchmod(file.get(), mode) == 0) &&
-               write_fully(file.get(), reinterpret_cast<const unsigned char *>(rax.data()), LENGTH(rax), r8x) &&
-               (LENGTH(rax) != r8x || ::fsync(file.get()) == 0);
-    if (!r4x || LENGTH(rax) != r8x) {
-        report_error("save_file", target, r4x ? ENOSPC : errno);
-        discard();
-    }
+    const bool r4x = (!replacing || ::fchmod(file.get(), mode) == 0) && body(file.get(), target);
+    if (!r4x)
+        report_error("save_file", target, errno);
     _DYNAMIC_ASSERT_(r4x);
-    _DYNAMIC_ASSERT_(LENGTH (rax) == r8x);
     file.reset();
 
     fault_point("save_file:before_rename");
     const bool r5x = ::renameat(dir, temporary.c_str(), dir, r1x.mName.c_str()) == 0;
-    if (!r5x) {
+    if (!r5x)
         report_error("save_file", target, errno);
-        discard();
-    }
     _DYNAMIC_ASSERT_(r5x);
+    kept = true;
     fault_point("save_file:after_rename");
     // The rename itself reaches the disk with the directory.
     const bool r6x = ::fsync(dir) == 0 || errno == EINVAL;
     if (!r6x)
         report_error("save_file", r1x.mDirectory.mFailed, errno);
     _DYNAMIC_ASSERT_(r6x);
-    erase_leftovers(relative);
+    job.erase_leftovers(relative);
+}
+
+} // namespace
+
+void JobDirectory::save_file(std::string_view relative, std::string_view data) const {
+    _DYNAMIC_ASSERT_(data.size () < FileSystemProc::load_file_size ());
+    durable_save(*this, relative, [&](int fd, const String<char> &) {
+        INDEX written = 0;
+        const bool whole = write_fully(fd, reinterpret_cast<const unsigned char *>(data.data()), LENGTH(data), written);
+        if (whole && written != LENGTH(data))
+            errno = ENOSPC;
+        return whole && written == LENGTH(data) && ::fsync(fd) == 0;
+    });
+}
+
+void JobDirectory::save_file(std::string_view relative, INDEX buffer_size, const Function<void(FileWriter &)> &fill) const {
+    durable_save(*this, relative, [&](int fd, const String<char> &target) {
+        const int copy = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+        if (copy < 0)
+            return false;
+        FileWriter writer(StreamLoader::adopt(copy, target), buffer_size);
+        fill(writer);
+        writer.flush();
+        return ::fsync(fd) == 0;
+    });
 }
 
 void JobDirectory::publish_file(std::string_view source, std::string_view target) const {
@@ -866,6 +900,12 @@ StrongRef<StreamLoader::Abstract> open_stream(const String<char> &path, int flag
 StreamLoader StreamLoader::open_read(const String<char> &path) {
     StreamLoader r1x;
     r1x.mThis = open_stream(path, O_RDONLY);
+    return r1x;
+}
+
+StreamLoader StreamLoader::adopt(std::intptr_t descriptor, const String<char> &path) {
+    StreamLoader r1x;
+    r1x.mThis = StrongRef<StreamLoader::Abstract>(std::make_shared<StreamImplement>(static_cast<int>(descriptor), path));
     return r1x;
 }
 

@@ -89,6 +89,8 @@ private:
 // link: the caller chose it.) A refused or failing entry is logged as
 // "<operation> : <path> : <reason>" on the line before the assertion that
 // ends the caller's work.
+class FileWriter;
+
 class JobDirectory {
 public:
     explicit JobDirectory(String<char> root) : mRoot(std::move(root)) {}
@@ -134,6 +136,10 @@ public:
     // whatever happens. An existing target's permission bits are kept.
     // Leftover temporary files of the target ("<name>.tmp...") are removed.
     void save_file(std::string_view relative, std::string_view data) const;
+    // The same durable writer for content made piece by piece: `fill`
+    // writes it through a buffered writer of `buffer_size` bytes. A `fill`
+    // that throws leaves the target as it was.
+    void save_file(std::string_view relative, INDEX buffer_size, const Function<void(FileWriter &)> &fill) const;
     // Removes the leftover temporary files of a target, which an
     // interrupted save may leave behind.
     void erase_leftovers(std::string_view relative) const;
@@ -178,6 +184,9 @@ public:
     static StreamLoader open_read(const String<char> &path);
     // Opens (creating if missing) for appending writes.
     static StreamLoader open_write(const String<char> &path);
+    // Takes over an open descriptor (a handle on Windows) for writing;
+    // `path` names it in messages.
+    static StreamLoader adopt(std::intptr_t descriptor, const String<char> &path);
 
     bool exist() const noexcept { return mThis.exist(); }
     // Fills the buffer from the current position; returns the bytes read.

@@ -2,6 +2,8 @@
 # Installs the Debian packages the build, the tests and the benchmarks need.
 # Idempotent: only packages that are not installed yet are fetched.
 # ffmpeg is only the stitching benchmark's peer (its v360 filter).
+# Open3D (surface reconstruction; also the normal-estimation benchmark's
+# peer) and meshoptimizer (mesh simplification) serve the mesh process.
 # calib3d serves the reference calibration library (chessboard detection,
 # fisheye calibration, pose).
 set -eu
@@ -10,6 +12,7 @@ PACKAGES="cmake g++ make pkg-config \
 libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev \
 libopencv-photo-dev libopencv-videoio-dev libopencv-calib3d-dev \
 libflann-dev liblz4-dev libpugixml-dev \
+libopen3d-dev libmeshoptimizer-dev \
 libgtest-dev libgmock-dev libbenchmark-dev \
 rapidjson-dev nlohmann-json3-dev libnanoflann-dev \
 ffmpeg"

@@ -1,0 +1,512 @@
+#include "PointCloudProc.h"
+
+#include "ZARN_Common/PlyReader.h"
+#include "__ORN__/orn_debugger.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <limits>
+
+namespace ZARN::PointCloudProc {
+
+namespace {
+
+// Points handed to one worker task at a time.
+constexpr INDEX BLOCK = 8192;
+
+INDEX block_count(INDEX n) { return (n + BLOCK - 1) / BLOCK; }
+
+struct BOX {
+    double mMin[3] = {std::numeric_limits<double>::max(), std::numeric_limits<double>::max(),
+                      std::numeric_limits<double>::max()};
+    double mMax[3] = {std::numeric_limits<double>::lowest(), std::numeric_limits<double>::lowest(),
+                      std::numeric_limits<double>::lowest()};
+
+    void add(const float *p) {
+        for (int a = 0; a < 3; ++a) {
+            mMin[a] = std::min<double>(mMin[a], p[a]);
+            mMax[a] = std::max<double>(mMax[a], p[a]);
+        }
+    }
+    bool contains(const float *p, double margin) const {
+        for (int a = 0; a < 3; ++a)
+            if (p[a] < mMin[a] - margin || p[a] > mMax[a] + margin)
+                return false;
+        return true;
+    }
+    bool meets(const BOX &other, double margin) const {
+        for (int a = 0; a < 3; ++a)
+            if (other.mMax[a] < mMin[a] - margin || other.mMin[a] > mMax[a] + margin)
+                return false;
+        return true;
+    }
+};
+
+BOX box_of(const CLOUD &cloud) {
+    BOX box;
+    for (INDEX i = 0; i < cloud.size(); ++i)
+        box.add(&cloud.mPosition[3 * i]);
+    return box;
+}
+
+// The points of one chunk that lie in a region, hashed into cubic cells at
+// least `radius` wide, so that every point within `radius` of a query lies
+// in the query's cell or one of its 26 neighbours.
+class CELL_GRID {
+public:
+    CELL_GRID(const CLOUD &cloud, const BOX &region, double radius) : mCloud(cloud) {
+        for (int a = 0; a < 3; ++a)
+            mOrigin[a] = region.mMin[a];
+        double extent = 0;
+        for (int a = 0; a < 3; ++a)
+            extent = std::max(extent, region.mMax[a] - region.mMin[a]);
+        // Cell coordinates keep to 20 bits, with room for the neighbours.
+        mCell = std::max(radius, extent / double(1 << 20));
+        for (INDEX i = 0; i < cloud.size(); ++i) {
+            const float *p = &cloud.mPosition[3 * i];
+            if (region.contains(p, 0))
+                mEntry.append(ENTRY{key(p, 0, 0, 0), static_cast<std::uint32_t>(i)});
+        }
+        std::sort(mEntry.begin(), mEntry.end(), [](const ENTRY &a, const ENTRY &b) { return a.mKey < b.mKey; });
+    }
+
+    // True when a point of the grid lies within `radius` of p.
+    bool near(const float *p, double radius) const {
+        const double r2 = radius * radius;
+        // The query's own cell first: exact copies end the search at once.
+        static constexpr int ORDER[3] = {0, -1, 1};
+        for (int dz : ORDER)
+            for (int dy : ORDER)
+                for (int dx : ORDER) {
+                    const std::uint64_t k = key(p, dx, dy, dz);
+                    auto it = std::lower_bound(mEntry.begin(), mEntry.end(), k,
+                                               [](const ENTRY &e, std::uint64_t v) { return e.mKey < v; });
+                    for (; it != mEntry.end() && it->mKey == k; ++it) {
+                        const float *q = &mCloud.mPosition[3 * INDEX(it->mIndex)];
+                        const double d0 = double(p[0]) - q[0], d1 = double(p[1]) - q[1], d2 = double(p[2]) - q[2];
+                        if (d0 * d0 + d1 * d1 + d2 * d2 <= r2)
+                            return true;
+                    }
+                }
+        return false;
+    }
+
+private:
+    struct ENTRY {
+        std::uint64_t mKey;
+        std::uint32_t mIndex;
+    };
+
+    std::uint64_t key(const float *p, int dx, int dy, int dz) const {
+        std::uint64_t k = 0;
+        const int d[3] = {dx, dy, dz};
+        for (int a = 0; a < 3; ++a) {
+            const double c = std::floor((p[a] - mOrigin[a]) / mCell) + 2 + d[a];
+            k = (k << 21) | static_cast<std::uint64_t>(std::clamp(c, 0.0, double((1 << 21) - 1)));
+        }
+        return k;
+    }
+
+    const CLOUD &mCloud;
+    double mOrigin[3];
+    double mCell;
+    ORN::Array<ENTRY> mEntry;
+};
+
+// Eigenvector of the smallest eigenvalue of a symmetric 3 x 3 matrix
+// (a00 a01 a02 a11 a12 a22), unit length; 0 when the matrix is 0.
+std::array<double, 3> least_direction(const double m[6]) {
+    const double scale = std::max({std::abs(m[0]), std::abs(m[1]), std::abs(m[2]), std::abs(m[3]), std::abs(m[4]),
+                                   std::abs(m[5])});
+    if (scale <= 0)
+        return {0, 0, 0};
+    const double a00 = m[0] / scale, a01 = m[1] / scale, a02 = m[2] / scale, a11 = m[3] / scale,
+                 a12 = m[4] / scale, a22 = m[5] / scale;
+    // Eigenvalues in closed form (trigonometric solution of the cubic).
+    const double q = (a00 + a11 + a22) / 3;
+    const double p1 = a01 * a01 + a02 * a02 + a12 * a12;
+    const double b00 = a00 - q, b11 = a11 - q, b22 = a22 - q;
+    const double p2 = b00 * b00 + b11 * b11 + b22 * b22 + 2 * p1;
+    double lambda = q;
+    if (p2 > 0) {
+        const double p = std::sqrt(p2 / 6);
+        const double det = b00 * (b11 * b22 - a12 * a12) - a01 * (a01 * b22 - a12 * a02) + a02 * (a01 * a12 - b11 * a02);
+        const double r = std::clamp(det / (2 * p * p * p), -1.0, 1.0);
+        const double phi = std::acos(r) / 3;
+        // The smallest of the three roots.
+        lambda = q + 2 * p * std::cos(phi + 2 * 3.14159265358979323846 / 3);
+    }
+    // The eigenvector is orthogonal to the rows of A - lambda I: the
+    // largest cross product of two rows is the best conditioned.
+    const double r0[3] = {a00 - lambda, a01, a02};
+    const double r1[3] = {a01, a11 - lambda, a12};
+    const double r2[3] = {a02, a12, a22 - lambda};
+    const auto cross = [](const double *u, const double *v) {
+        return std::array<double, 3>{u[1] * v[2] - u[2] * v[1], u[2] * v[0] - u[0] * v[2], u[0] * v[1] - u[1] * v[0]};
+    };
+    const std::array<double, 3> c[3] = {cross(r0, r1), cross(r0, r2), cross(r1, r2)};
+    int best = 0;
+    double best_norm = -1;
+    for (int i = 0; i < 3; ++i) {
+        const double n = c[i][0] * c[i][0] + c[i][1] * c[i][1] + c[i][2] * c[i][2];
+        if (n > best_norm) {
+            best_norm = n;
+            best = i;
+        }
+    }
+    if (best_norm <= 1e-30) {
+        // Two or three equal smallest eigenvalues: any direction orthogonal
+        // to a non-zero row serves; with a zero matrix, none does.
+        const double *rows[3] = {r0, r1, r2};
+        for (const double *row : rows) {
+            const double n = std::sqrt(row[0] * row[0] + row[1] * row[1] + row[2] * row[2]);
+            if (n > 1e-15) {
+                const double other[3] = {std::abs(row[0]) < 0.9 * n ? 1.0 : 0.0, std::abs(row[0]) < 0.9 * n ? 0.0 : 1.0,
+                                         0.0};
+                std::array<double, 3> v = cross(row, other);
+                const double vn = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+                return {v[0] / vn, v[1] / vn, v[2] / vn};
+            }
+        }
+        return {0, 0, 1};
+    }
+    const double n = std::sqrt(best_norm);
+    return {c[best][0] / n, c[best][1] / n, c[best][2] / n};
+}
+
+} // namespace
+
+void CLOUD::resize(INDEX n) {
+    mPosition.resize(3 * n);
+    mNormal.resize(3 * n);
+    mColour.resize(3 * n);
+    mChunk.resize(n);
+}
+
+CLOUD read_chunk(const ORN::String<char> &path, std::uint16_t chunk) {
+    const PlyReader ply(path);
+    const INDEX vertex = ply.find_element("vertex");
+    if (vertex == ORN::VAR_NONE)
+        ORN::console().error("PLY without positions : ", path);
+    _DYNAMIC_ASSERT_(vertex != ORN::VAR_NONE);
+    const INDEX x = ply.find_property(vertex, "x");
+    const INDEX y = ply.find_property(vertex, "y");
+    const INDEX z = ply.find_property(vertex, "z");
+    if (x == ORN::VAR_NONE || y == ORN::VAR_NONE || z == ORN::VAR_NONE)
+        ORN::console().error("PLY without positions : ", path);
+    _DYNAMIC_ASSERT_(x != ORN::VAR_NONE && y != ORN::VAR_NONE && z != ORN::VAR_NONE);
+    const INDEX normal[3] = {ply.find_property(vertex, "nx"), ply.find_property(vertex, "ny"),
+                             ply.find_property(vertex, "nz")};
+    const bool has_normal = normal[0] != ORN::VAR_NONE && normal[1] != ORN::VAR_NONE && normal[2] != ORN::VAR_NONE;
+    const INDEX colour[3] = {ply.find_property(vertex, "red"), ply.find_property(vertex, "green"),
+                             ply.find_property(vertex, "blue")};
+    const bool has_colour = colour[0] != ORN::VAR_NONE && colour[1] != ORN::VAR_NONE && colour[2] != ORN::VAR_NONE;
+
+    const INDEX n = ply.element_size(vertex);
+    CLOUD cloud;
+    cloud.resize(n);
+    float *p = cloud.mPosition.data();
+    float *nn = cloud.mNormal.data();
+    std::uint8_t *c = cloud.mColour.data();
+    for (INDEX i = 0; i < n; ++i, p += 3, nn += 3, c += 3) {
+        p[0] = static_cast<float>(ply.get_value(vertex, x, i));
+        p[1] = static_cast<float>(ply.get_value(vertex, y, i));
+        p[2] = static_cast<float>(ply.get_value(vertex, z, i));
+        if (has_normal) {
+            double v[3];
+            for (int a = 0; a < 3; ++a)
+                v[a] = ply.get_value(vertex, normal[a], i);
+            const double length = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+            for (int a = 0; a < 3; ++a)
+                nn[a] = length > 0 ? static_cast<float>(v[a] / length) : 0.0f;
+        } else {
+            nn[0] = nn[1] = nn[2] = 0;
+        }
+        for (int a = 0; a < 3; ++a)
+            c[a] = has_colour ? static_cast<std::uint8_t>(std::min<ORN::uint64>(ply.get_byte(vertex, colour[a], i), 255))
+                              : std::uint8_t(160);
+    }
+    std::fill(cloud.mChunk.begin(), cloud.mChunk.end(), chunk);
+    return cloud;
+}
+
+MERGED merge_chunks(ORN::Array<CLOUD> &chunks, double radius, ORN::WorkThread &workers) {
+    const INDEX count = chunks.size();
+    ORN::Array<BOX> box(count);
+    workers.parallel_for(count, [&](INDEX c) { box[c] = box_of(chunks[c]); });
+
+    // keep[c][i]: point i of chunk c is no copy of a point of an earlier chunk.
+    ORN::Array<ORN::Array<std::uint8_t>> keep(count);
+    workers.parallel_for(count, [&](INDEX c) {
+        const CLOUD &later = chunks[c];
+        ORN::Array<std::uint8_t> &mask = keep[c];
+        mask = ORN::Array<std::uint8_t>(later.size());
+        std::fill(mask.begin(), mask.end(), std::uint8_t(1));
+        for (INDEX a = 0; a < c; ++a) {
+            if (!box[a].meets(box[c], radius))
+                continue;
+            // Only the overlap of the two boxes can hold copies.
+            BOX region;
+            for (int k = 0; k < 3; ++k) {
+                region.mMin[k] = std::max(box[a].mMin[k], box[c].mMin[k]) - radius;
+                region.mMax[k] = std::min(box[a].mMax[k], box[c].mMax[k]) + radius;
+            }
+            const CELL_GRID grid(chunks[a], region, radius);
+            for (INDEX i = 0; i < later.size(); ++i) {
+                const float *p = &later.mPosition[3 * i];
+                if (mask[i] && region.contains(p, 0) && grid.near(p, radius))
+                    mask[i] = 0;
+            }
+        }
+    });
+
+    MERGED merged;
+    INDEX total = 0;
+    ORN::Array<INDEX> offset(count);
+    for (INDEX c = 0; c < count; ++c) {
+        offset[c] = total;
+        total += std::count(keep[c].begin(), keep[c].end(), std::uint8_t(1));
+    }
+    merged.mCloud.resize(total);
+    ORN::Array<ORN::Array<float>> dropped(count);
+    workers.parallel_for(count, [&](INDEX c) {
+        const CLOUD &from = chunks[c];
+        CLOUD &to = merged.mCloud;
+        INDEX j = offset[c];
+        for (INDEX i = 0; i < from.size(); ++i) {
+            if (!keep[c][i]) {
+                dropped[c].append(from.mPosition[3 * i + 2]);
+                continue;
+            }
+            std::copy_n(&from.mPosition[3 * i], 3, &to.mPosition[3 * j]);
+            std::copy_n(&from.mNormal[3 * i], 3, &to.mNormal[3 * j]);
+            std::copy_n(&from.mColour[3 * i], 3, &to.mColour[3 * j]);
+            to.mChunk[j] = from.mChunk[i];
+            ++j;
+        }
+        // The chunk's own arrays are no longer needed.
+        chunks[c] = CLOUD();
+    });
+    for (const auto &heights : dropped)
+        for (float z : heights)
+            merged.mDuplicateHeight.append(z);
+    return merged;
+}
+
+KD_Tree build_tree(const CLOUD &cloud) {
+    const float *p = cloud.mPosition.data();
+    return KD_Tree(cloud.size(), [p](INDEX i) {
+        return ORN::Vector<double>{double(p[3 * i]), double(p[3 * i + 1]), double(p[3 * i + 2])};
+    });
+}
+
+ORN::Array<float> neighbour_distance(const KD_Tree &tree, const CLOUD &cloud, INDEX k, ORN::WorkThread &workers) {
+    _DYNAMIC_ASSERT_(k > 0 && k < cloud.size ());
+    ORN::Array<float> distance(cloud.size());
+    workers.parallel_for(block_count(cloud.size()), [&](INDEX b) {
+        ORN::Array<ORN::PACK<INDEX, double>> near;
+        ORN::Vector<double> query(3);
+        const INDEX last = std::min(cloud.size(), (b + 1) * BLOCK);
+        for (INDEX i = b * BLOCK; i < last; ++i) {
+            for (int a = 0; a < 3; ++a)
+                query.data()[a] = cloud.mPosition[3 * i + a];
+            tree.find_nns(query, k + 1, near);
+            double sum = 0;
+            INDEX used = 0;
+            for (const auto &r : near)
+                if (r.mP1 != i && used < k) {
+                    sum += r.mP2;
+                    ++used;
+                }
+            distance[i] = static_cast<float>(sum / double(used));
+        }
+    });
+    return distance;
+}
+
+OUTLIERS find_outliers(const ORN::Array<float> &distance, double ratio) {
+    OUTLIERS result;
+    const INDEX n = distance.size();
+    result.mOutlier = ORN::Array<std::uint8_t>(n);
+    if (n == 0)
+        return result;
+    double sum = 0, square = 0;
+    for (float d : distance) {
+        sum += d;
+        square += double(d) * d;
+    }
+    const double mean = sum / double(n);
+    const double deviation = std::sqrt(std::max(0.0, square / double(n) - mean * mean));
+    const double limit = mean + ratio * deviation;
+    double inlier_sum = 0;
+    for (INDEX i = 0; i < n; ++i) {
+        const bool outlier = distance[i] > limit;
+        result.mOutlier[i] = outlier;
+        result.mCount += outlier;
+        if (!outlier)
+            inlier_sum += distance[i];
+    }
+    result.mSpacing = n > result.mCount ? inlier_sum / double(n - result.mCount) : mean;
+    return result;
+}
+
+CLOUD remove_points(const CLOUD &cloud, const ORN::Array<std::uint8_t> &remove, ORN::Array<INDEX> *kept) {
+    _DYNAMIC_ASSERT_(remove.size () == cloud.size ());
+    const INDEX n = cloud.size() - std::count(remove.begin(), remove.end(), std::uint8_t(1));
+    CLOUD out;
+    out.resize(n);
+    if (kept != nullptr)
+        *kept = ORN::Array<INDEX>(n);
+    INDEX j = 0;
+    for (INDEX i = 0; i < cloud.size(); ++i) {
+        if (remove[i])
+            continue;
+        std::copy_n(&cloud.mPosition[3 * i], 3, &out.mPosition[3 * j]);
+        std::copy_n(&cloud.mNormal[3 * i], 3, &out.mNormal[3 * j]);
+        std::copy_n(&cloud.mColour[3 * i], 3, &out.mColour[3 * j]);
+        out.mChunk[j] = cloud.mChunk[i];
+        if (kept != nullptr)
+            (*kept)[j] = i;
+        ++j;
+    }
+    return out;
+}
+
+INDEX estimate_normals(const KD_Tree &tree, const CLOUD &tree_cloud, const ORN::Array<std::uint8_t> &skip, CLOUD &cloud,
+                       const ORN::Array<INDEX> &index, INDEX k, const ORN::Array<ORN::Vector<double>> &viewpoint,
+                       ORN::WorkThread &workers) {
+    _DYNAMIC_ASSERT_(k >= 2);
+    _DYNAMIC_ASSERT_(index.size () == cloud.size ());
+    const INDEX ask = std::min(k + 1, tree_cloud.size());
+    ORN::Array<INDEX> estimated(block_count(cloud.size()));
+    workers.parallel_for(block_count(cloud.size()), [&](INDEX b) {
+        ORN::Array<ORN::PACK<INDEX, double>> near;
+        ORN::Vector<double> query(3);
+        const INDEX last = std::min(cloud.size(), (b + 1) * BLOCK);
+        for (INDEX i = b * BLOCK; i < last; ++i) {
+            float *normal = &cloud.mNormal[3 * i];
+            if (normal[0] != 0 || normal[1] != 0 || normal[2] != 0)
+                continue;
+            const float *p = &cloud.mPosition[3 * i];
+            for (int a = 0; a < 3; ++a)
+                query.data()[a] = p[a];
+            tree.find_nns(query, ask, near);
+            // Covariance about the neighbourhood's centroid; the neighbours
+            // are at most k + 1 points, the point itself among them.
+            double sum[3] = {0, 0, 0}, product[6] = {0, 0, 0, 0, 0, 0};
+            INDEX used = 0;
+            for (const auto &r : near) {
+                if (used == k + 1 || (skip.size() > 0 && skip[r.mP1] && r.mP1 != index[i]))
+                    continue;
+                const float *q = &tree_cloud.mPosition[3 * r.mP1];
+                const double v[3] = {double(q[0]) - p[0], double(q[1]) - p[1], double(q[2]) - p[2]};
+                sum[0] += v[0], sum[1] += v[1], sum[2] += v[2];
+                product[0] += v[0] * v[0], product[1] += v[0] * v[1], product[2] += v[0] * v[2];
+                product[3] += v[1] * v[1], product[4] += v[1] * v[2], product[5] += v[2] * v[2];
+                ++used;
+            }
+            const double m[3] = {sum[0] / double(used), sum[1] / double(used), sum[2] / double(used)};
+            const double covariance[6] = {product[0] / double(used) - m[0] * m[0], product[1] / double(used) - m[0] * m[1],
+                                          product[2] / double(used) - m[0] * m[2], product[3] / double(used) - m[1] * m[1],
+                                          product[4] / double(used) - m[1] * m[2], product[5] / double(used) - m[2] * m[2]};
+            std::array<double, 3> n = used >= 3 ? least_direction(covariance) : std::array<double, 3>{0, 0, 0};
+            // Turned towards the chunk's viewpoint; with too few neighbours
+            // the direction of the viewpoint itself stands in.
+            const ORN::Vector<double> &eye = viewpoint[cloud.mChunk[i]];
+            const double to_eye[3] = {eye.data()[0] - p[0], eye.data()[1] - p[1], eye.data()[2] - p[2]};
+            if (n[0] == 0 && n[1] == 0 && n[2] == 0) {
+                const double length = std::sqrt(to_eye[0] * to_eye[0] + to_eye[1] * to_eye[1] + to_eye[2] * to_eye[2]);
+                n = length > 0 ? std::array<double, 3>{to_eye[0] / length, to_eye[1] / length, to_eye[2] / length}
+                               : std::array<double, 3>{0, 0, 1};
+            } else if (n[0] * to_eye[0] + n[1] * to_eye[1] + n[2] * to_eye[2] < 0) {
+                n = {-n[0], -n[1], -n[2]};
+            }
+            for (int a = 0; a < 3; ++a)
+                normal[a] = static_cast<float>(n[a]);
+            ++estimated[b];
+        }
+    });
+    INDEX total = 0;
+    for (INDEX e : estimated)
+        total += e;
+    return total;
+}
+
+std::uint8_t floor_of(const ORN::Array<FLOOR> &floors, double z) {
+    std::uint8_t best = 0;
+    double best_gap = std::numeric_limits<double>::max();
+    for (INDEX f = 0; f < floors.size(); ++f) {
+        const double gap = z < floors[f].mMin ? floors[f].mMin - z : (z >= floors[f].mMax ? z - floors[f].mMax : 0.0);
+        if (gap < best_gap) {
+            best_gap = gap;
+            best = static_cast<std::uint8_t>(f);
+        }
+    }
+    return best;
+}
+
+ORN::Array<std::uint8_t> assign_floors(const CLOUD &cloud, const ORN::Array<FLOOR> &floors) {
+    _DYNAMIC_ASSERT_(!floors.empty () && floors.size () <= 256);
+    ORN::Array<std::uint8_t> floor(cloud.size());
+    for (INDEX i = 0; i < cloud.size(); ++i)
+        floor[i] = floor_of(floors, cloud.mPosition[3 * i + 2]);
+    return floor;
+}
+
+ORN::Array<FLOOR> find_floors(const CLOUD &cloud) {
+    ORN::Array<FLOOR> floors;
+    if (cloud.size() == 0)
+        return floors;
+    double low = std::numeric_limits<double>::max(), high = std::numeric_limits<double>::lowest();
+    for (INDEX i = 0; i < cloud.size(); ++i) {
+        low = std::min<double>(low, cloud.mPosition[3 * i + 2]);
+        high = std::max<double>(high, cloud.mPosition[3 * i + 2]);
+    }
+    // Histograms of the heights of points on horizontal surfaces, 5 cm bins.
+    constexpr double BIN = 0.05;
+    const INDEX bins = static_cast<INDEX>((high - low) / BIN) + 1;
+    ORN::Array<INDEX> up(bins), down(bins);
+    for (INDEX i = 0; i < cloud.size(); ++i) {
+        const float nz = cloud.mNormal[3 * i + 2];
+        const INDEX b = static_cast<INDEX>((cloud.mPosition[3 * i + 2] - low) / BIN);
+        if (nz > 0.9f)
+            ++up[b];
+        else if (nz < -0.9f)
+            ++down[b];
+    }
+    // Slabs: bins holding at least a third of the fullest bin of their
+    // kind and more than either neighbour (ties go to the lower bin).
+    const auto peaks = [bins](const ORN::Array<INDEX> &h) {
+        const INDEX top = *std::max_element(h.begin(), h.end());
+        ORN::Array<INDEX> found;
+        for (INDEX b = 0; b < bins && top > 0; ++b) {
+            const INDEX before = b > 0 ? h[b - 1] : 0;
+            const INDEX after = b + 1 < bins ? h[b + 1] : 0;
+            if (3 * h[b] >= top && h[b] > before && h[b] >= after)
+                found.append(b);
+        }
+        return found;
+    };
+    const ORN::Array<INDEX> slab = peaks(up);
+    const ORN::Array<INDEX> ceiling = peaks(down);
+    const auto height = [low](INDEX b) { return low + (double(b) + 0.5) * BIN; };
+    for (INDEX s = 0; s < slab.size(); ++s) {
+        const double next = s + 1 < slab.size() ? height(slab[s + 1]) : std::numeric_limits<double>::max();
+        // The highest ceiling between this floor slab and the next.
+        double top = -1;
+        for (INDEX c : ceiling)
+            if (height(c) > height(slab[s]) && height(c) < next)
+                top = height(c);
+        if (top < 0)
+            continue;
+        FLOOR f;
+        f.mName = "floor_" + std::to_string(floors.size());
+        f.mMin = floors.empty() ? low : floors.back().mMax;
+        f.mMax = next == std::numeric_limits<double>::max() ? high + BIN : (top + next) / 2;
+        floors.append(std::move(f));
+    }
+    return floors;
+}
+
+} // namespace ZARN::PointCloudProc
