@@ -467,13 +467,15 @@ ORN::Array<FLOOR> find_floors(const CLOUD &cloud) {
     constexpr double BIN = 0.05;
     const INDEX bins = static_cast<INDEX>((high - low) / BIN) + 1;
     ORN::Array<INDEX> up(bins), down(bins);
+    ORN::Array<double> up_sum(bins), down_sum(bins);
     for (INDEX i = 0; i < cloud.size(); ++i) {
         const float nz = cloud.mNormal[3 * i + 2];
-        const INDEX b = static_cast<INDEX>((cloud.mPosition[3 * i + 2] - low) / BIN);
+        const double z = cloud.mPosition[3 * i + 2];
+        const INDEX b = std::min(bins - 1, static_cast<INDEX>((z - low) / BIN));
         if (nz > 0.9f)
-            ++up[b];
+            ++up[b], up_sum[b] += z;
         else if (nz < -0.9f)
-            ++down[b];
+            ++down[b], down_sum[b] += z;
     }
     // Slabs: bins holding at least a third of the fullest bin of their
     // kind and more than either neighbour (ties go to the lower bin).
@@ -490,15 +492,20 @@ ORN::Array<FLOOR> find_floors(const CLOUD &cloud) {
     };
     const ORN::Array<INDEX> slab = peaks(up);
     const ORN::Array<INDEX> ceiling = peaks(down);
-    const auto height = [low](INDEX b) { return low + (double(b) + 0.5) * BIN; };
+    // A slab's height is the mean height of its bin's points.
+    const auto slab_height = [&](INDEX b) { return up_sum[b] / double(up[b]); };
+    const auto ceiling_height = [&](INDEX b) { return down_sum[b] / double(down[b]); };
     for (INDEX s = 0; s < slab.size(); ++s) {
-        const double next = s + 1 < slab.size() ? height(slab[s + 1]) : std::numeric_limits<double>::max();
+        const double next = s + 1 < slab.size() ? slab_height(slab[s + 1]) : std::numeric_limits<double>::max();
         // The highest ceiling between this floor slab and the next.
-        double top = -1;
+        bool covered = false;
+        double top = 0;
         for (INDEX c : ceiling)
-            if (height(c) > height(slab[s]) && height(c) < next)
-                top = height(c);
-        if (top < 0)
+            if (ceiling_height(c) > slab_height(slab[s]) && ceiling_height(c) < next) {
+                top = ceiling_height(c);
+                covered = true;
+            }
+        if (!covered)
             continue;
         FLOOR f;
         f.mName = "floor_" + std::to_string(floors.size());
