@@ -800,10 +800,26 @@ void JobDirectory::erase_leftovers(std::string_view relative) const {
     ::FindClose(search);
 }
 
-void JobDirectory::save_file(std::string_view relative, std::string_view data) const {
-    _DYNAMIC_ASSERT_(data.size () < FileSystemProc::load_file_size ());
-    const String<char> target = path(relative);
-    const ENTRY r1x = job_entry(mRoot, relative, true);
+namespace {
+
+// Runs a callable when the scope ends, however it ends.
+template <class F>
+struct ON_EXIT {
+    F mCall;
+    ~ON_EXIT() { mCall(); }
+};
+template <class F>
+ON_EXIT(F) -> ON_EXIT<F>;
+
+// The body of the durable writer: `body` writes the new content into the
+// temporary file's handle and flushes it, returning false (with the reason
+// in GetLastError ()) when it could not; it may also end the save by
+// throwing. Either way the temporary file is removed and the target stays
+// as it was.
+template <class BODY>
+void durable_save(const JobDirectory &job, std::string_view relative, BODY &&body) {
+    const String<char> target = job.path(relative);
+    const ENTRY r1x = job_entry(job.root(), relative, true);
     if (!r1x.ok())
         report_error("save_file", r1x.mDirectory.mFailed, r1x.mDirectory.mError);
     bool r3x = r1x.ok();
@@ -841,29 +857,24 @@ void JobDirectory::save_file(std::string_view relative, std::string_view data) c
     if (!r3x)
         report_error("save_file", staged, error);
     _DYNAMIC_ASSERT_(r3x);
-    auto discard = [&] {
+    bool renamed = false;
+    const ON_EXIT discard{[&] {
         file.reset();
         int ignored = 0;
-        (void)remove_entry(staged, ignored);
-    };
+        if (!renamed)
+            (void)remove_entry(staged, ignored);
+    }};
 
     // Written, flushed to the disk, and made read-only last when the old file
     // was: the attribute binds later opens, not this handle.
-    const auto &rax = data;
-    INDEX r8x = 0;
     FILE_BASIC_INFO read_only{};
     read_only.FileAttributes = kept | FILE_ATTRIBUTE_ARCHIVE;
-    const bool r4x =
-        write_fully(file.handle(), reinterpret_cast<const unsigned char *>(rax.data()), LENGTH(rax), r8x) &&
-        (LENGTH(rax) != r8x || ::FlushFileBuffers(file.handle()) != FALSE) &&
-        ((kept & FILE_ATTRIBUTE_READONLY) == 0 ||
-         ::SetFileInformationByHandle(file.handle(), FileBasicInfo, &read_only, sizeof(read_only)) != FALSE);
-    if (!r4x || LENGTH(rax) != r8x) {
-        report_error("save_file", target, r4x ? ERROR_DISK_FULL : last_error());
-        discard();
-    }
+    const bool r4x = body(file.handle(), target) &&
+                     ((kept & FILE_ATTRIBUTE_READONLY) == 0 ||
+                      ::SetFileInformationByHandle(file.handle(), FileBasicInfo, &read_only, sizeof(read_only)) != FALSE);
+    if (!r4x)
+        report_error("save_file", target, last_error());
     _DYNAMIC_ASSERT_(r4x);
-    _DYNAMIC_ASSERT_(LENGTH (rax) == r8x);
     file.reset();
 
     fault_point("save_file:before_rename");
@@ -875,17 +886,45 @@ void JobDirectory::save_file(std::string_view relative, std::string_view data) c
     const bool r5x = rename_over(staged, destination, error);
     if (!r5x) {
         report_error("save_file", target, error);
-        discard();
         if (lifted)
             (void)set_read_only(destination, true);
     }
     _DYNAMIC_ASSERT_(r5x);
+    renamed = true;
     fault_point("save_file:after_rename");
     const bool r6x = flush_directory(directory, error);
     if (!r6x)
         report_error("save_file", directory, error);
     _DYNAMIC_ASSERT_(r6x);
-    erase_leftovers(relative);
+    job.erase_leftovers(relative);
+}
+
+} // namespace
+
+void JobDirectory::save_file(std::string_view relative, std::string_view data) const {
+    _DYNAMIC_ASSERT_(data.size () < FileSystemProc::load_file_size ());
+    durable_save(*this, relative, [&](HANDLE file, const String<char> &) {
+        INDEX written = 0;
+        const bool whole = write_fully(file, reinterpret_cast<const unsigned char *>(data.data()), LENGTH(data), written);
+        if (whole && written != LENGTH(data))
+            ::SetLastError(ERROR_DISK_FULL);
+        return whole && written == LENGTH(data) && ::FlushFileBuffers(file) != FALSE;
+    });
+}
+
+// The writer gets a handle of its own, which it closes when it is done; the
+// temporary file's handle stays with the durable writer, which flushes it,
+// marks it and closes it before the rename.
+void JobDirectory::save_file(std::string_view relative, INDEX buffer_size, const Function<void(FileWriter &)> &fill) const {
+    durable_save(*this, relative, [&](HANDLE file, const String<char> &target) {
+        HANDLE copy = nullptr;
+        if (!::DuplicateHandle(::GetCurrentProcess(), file, ::GetCurrentProcess(), &copy, 0, FALSE, DUPLICATE_SAME_ACCESS))
+            return false;
+        FileWriter writer(StreamLoader::adopt(reinterpret_cast<std::intptr_t>(copy), target), buffer_size);
+        fill(writer);
+        writer.flush();
+        return ::FlushFileBuffers(file) != FALSE;
+    });
 }
 
 void JobDirectory::publish_file(std::string_view source, std::string_view target) const {
@@ -1073,6 +1112,12 @@ StreamLoader StreamLoader::open_read(const String<char> &path) {
 StreamLoader StreamLoader::open_write(const String<char> &path) {
     StreamLoader r1x;
     r1x.mThis = open_stream(path, FILE_APPEND_DATA);
+    return r1x;
+}
+
+StreamLoader StreamLoader::adopt(std::intptr_t descriptor, const String<char> &path) {
+    StreamLoader r1x;
+    r1x.mThis = StrongRef<StreamLoader::Abstract>(std::make_shared<StreamImplement>(reinterpret_cast<HANDLE>(descriptor), path));
     return r1x;
 }
 
