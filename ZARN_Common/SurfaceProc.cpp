@@ -4,6 +4,8 @@
 #include <open3d/geometry/PointCloud.h>
 #include <open3d/geometry/TriangleMesh.h>
 
+#include <omp.h>
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -73,8 +75,11 @@ MESH reconstruct(const PointCloudProc::CLOUD &points, int depth, int threads) {
         cloud.normals_[k] = Eigen::Vector3d(n[0], n[1], n[2]);
         cloud.colors_[k] = Eigen::Vector3d(c[0] / 255.0, c[1] / 255.0, c[2] / 255.0);
     }
+    // Open3D sizes its per-thread allocators by OpenMP's thread count: more
+    // solver threads than that write past them.
+    const int solvers = std::clamp(threads, 1, std::max(1, omp_get_max_threads()));
     auto [surface, density] = open3d::geometry::TriangleMesh::CreateFromPointCloudPoisson(
-        cloud, static_cast<std::size_t>(depth), 0.0f, 1.1f, false, threads);
+        cloud, static_cast<std::size_t>(depth), 0.0f, 1.1f, false, solvers);
     MESH mesh;
     mesh.mVertex = ORN::Array<float>(static_cast<INDEX>(surface->vertices_.size()) * 3);
     mesh.mColour = ORN::Array<std::uint8_t>(static_cast<INDEX>(surface->vertices_.size()) * 3);

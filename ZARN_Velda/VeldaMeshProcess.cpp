@@ -1,12 +1,117 @@
 // VeldaMeshProcess: Post-processing of the reconstruction's point cloud and meshes.
+//
+// The run: read the reconstruction's listing "caches/mesh.json" (point cloud
+// chunks, floors, room mesh). Unless the same inputs were already processed,
+// load the chunks on the worker threads and merge them without the copies
+// their overlaps hold; index the merged points in a kd-tree, drop the
+// statistical outliers and estimate the missing normals from the
+// mPointCloudSearchCount nearest neighbours; group the points by floor;
+// reconstruct a surface per floor, trimmed to its points, with simplified
+// sizes, and split the room mesh by floor. Write it all as binary PLY and
+// top-view pictures into "caches/mesh/", list it in
+// "caches/upload.part4.json", sum it up in "caches/mesh_report.json", and
+// publish the listed files into "results/mesh/" by hard link.
 
+#include "ZARN_Common/KD_Tree.h"
+#include "ZARN_Common/MeshRender.h"
+#include "ZARN_Common/PlyReader.h"
+#include "ZARN_Common/PlyWriter.h"
+#include "ZARN_Common/PointCloudProc.h"
+#include "ZARN_Common/SurfaceProc.h"
 #include "ZARN_Velda/ProcessFrame.h"
+#include "__ORN__/orn_thread.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <string_view>
 
 namespace ZARN {
+
+using ORN::INDEX;
+using PointCloudProc::CLOUD;
+using PointCloudProc::FLOOR;
+using SurfaceProc::MESH;
+
+namespace {
+
+constexpr std::string_view MESH_JSON = "caches/mesh.json";
+constexpr std::string_view MANIFEST = "caches/upload.part4.json";
+constexpr std::string_view REPORT = "caches/mesh_report.json";
+constexpr std::string_view KIND = "mesh";
+
+// A name the listing gives, relative to "caches/": plain components only.
+bool plain_relative(const ORN::String<char> &name) {
+    if (name.empty() || name.front() == '/' || name.front() == '\\')
+        return false;
+    for (const auto &part : ORN::FileSystemProc::decouple_path_name(name))
+        if (part.empty() || part == "." || part == "..")
+            return false;
+    return true;
+}
+
+// The names under "mesh/" that a manifest lists, relative to that folder.
+ORN::Array<ORN::String<char>> read_manifest(const ORN::JobDirectory &job) {
+    ConsistencyProc::check_file_existance(job.path(MANIFEST));
+    const ORN::JsonParser upload = ORN::JsonParser(job.load_file(MANIFEST)).child("upload");
+    if (!upload.array_type())
+        ORN::console().error("manifest without an \"upload\" array : ", job.path(MANIFEST));
+    _DYNAMIC_ASSERT_(upload.array_type ());
+    ORN::Array<ORN::String<char>> names;
+    for (const ORN::JsonParser &entry : upload.children()) {
+        const ORN::String<char> file = entry.child("file").value("");
+        if (file.size() > KIND.size() + 1 && file.starts_with(KIND) && file[KIND.size()] == '/' && plain_relative(file))
+            names.append(file.substr(KIND.size() + 1));
+    }
+    return names;
+}
+
+// 64-bit FNV-1a, to tell one run's inputs from another's.
+struct Fingerprint {
+    ORN::uint64 mHash = 14695981039346656037ull;
+    Fingerprint &add(const void *data, std::size_t size) {
+        const auto *bytes = static_cast<const unsigned char *>(data);
+        for (std::size_t i = 0; i < size; ++i)
+            mHash = (mHash ^ bytes[i]) * 1099511628211ull;
+        return *this;
+    }
+    Fingerprint &add(std::string_view text) { return add(text.data(), text.size()).add("\0", 1); }
+    template <class T>
+        requires std::is_arithmetic_v<T>
+    Fingerprint &add(T value) {
+        return add(&value, sizeof(value));
+    }
+    ORN::String<char> text() const {
+        char out[17];
+        std::snprintf(out, sizeof(out), "%016llx", static_cast<unsigned long long>(mHash));
+        return out;
+    }
+};
+
+// A mesh as binary PLY: positions, colours where known, triangles.
+void write_mesh(const ORN::JobDirectory &job, std::string_view relative, const MESH &mesh, INDEX buffer) {
+    PlyWriter ply;
+    ply.element("vertex", mesh.vertex_count());
+    ply.property("x", &mesh.mVertex.data()[0], 12);
+    ply.property("y", &mesh.mVertex.data()[1], 12);
+    ply.property("z", &mesh.mVertex.data()[2], 12);
+    if (!mesh.mColour.empty()) {
+        ply.property("red", &mesh.mColour.data()[0], 3);
+        ply.property("green", &mesh.mColour.data()[1], 3);
+        ply.property("blue", &mesh.mColour.data()[2], 3);
+    }
+    ply.element("face", mesh.triangle_count());
+    ply.property_list("vertex_indices", reinterpret_cast<const std::int32_t *>(mesh.mTriangle.data()), 3);
+    job.save_file(relative, std::clamp<INDEX>(buffer, 4096, ply.file_size()), [&](ORN::FileWriter &out) { ply.write(out); });
+}
+
+} // namespace
 
 class VeldaMeshProcess::Private::Implement final : public Frame::ProcessImplement<Implement> {
     ZARN_PROCESS_IMPLEMENT(VeldaMeshProcess)
 
+public:
     struct SETTING {
         ORN::int64 mThreadConcurrency = 64; // number of worker threads
         ORN::int64 mPointCloudSearchCount = 8; // neighbour count of point-cloud searches
@@ -20,7 +125,657 @@ class VeldaMeshProcess::Private::Implement final : public Frame::ProcessImplemen
         }
     };
 
-    using ACTIONS = Frame::Actions<ACT_mWorkingPath>;
+    static constexpr std::array<std::string_view, 2> WORKING_DIRECTORIES = {"caches/mesh", "results/mesh"};
+
+    // The run's parameters from the process's member of the split data.
+    struct CON_mMeshParameter {
+        ORN_NODE(CON_mMeshParameter);
+        double mMergeRadius = 0.002;       // metres: closer points of two chunks are one point
+        double mOutlierRatio = 2.0;        // standard deviations above the mean neighbour distance
+        INDEX mMinimumFloorPoints = 1000;  // fewer points on a floor stop the run
+        ORN::Array<INDEX> mLodTriangles;   // triangle targets of levels 1.. (empty: quarter steps)
+        INDEX mLodLevels = 3;              // levels with the quarter steps, level 0 included
+        bool mPointCloud = true;           // write the final point cloud
+        INDEX mPictureWidth = 1024;        // pixels
+        explicit CON_mMeshParameter(ORN::SyntaxTree &tree) {
+            const auto &json = tree.stack<CON_mSplitDataJson>();
+            tree.once([this, &json] {
+                const ORN::JsonParser &p = json.mSelf;
+                mMergeRadius = p.child("merge_radius").value(mMergeRadius);
+                mOutlierRatio = p.child("outlier_ratio").value(mOutlierRatio);
+                mMinimumFloorPoints = p.child("minimum_floor_points").value(mMinimumFloorPoints);
+                for (const ORN::JsonParser &t : p.child("lod_triangles").children())
+                    mLodTriangles.append(t.value(INDEX(0)));
+                mLodLevels = p.child("lod_levels").value(mLodLevels);
+                mPointCloud = p.child("point_cloud").value(mPointCloud);
+                mPictureWidth = p.child("picture_width").value(mPictureWidth);
+                const bool r1x = mMergeRadius > 0 && mOutlierRatio > 0 && mMinimumFloorPoints > 0 &&
+                                 mLodLevels >= 1 && mLodLevels <= 8 && mPictureWidth >= 64 && mPictureWidth <= 8192 &&
+                                 std::all_of(mLodTriangles.begin(), mLodTriangles.end(), [](INDEX t) { return t > 0; });
+                if (!r1x)
+                    ORN::console().error("mesh parameters out of range");
+                _DYNAMIC_ASSERT_(r1x);
+            });
+        }
+    };
+
+    // One point cloud chunk of the listing.
+    struct NDS_mPointCloudChunk {
+        ORN::String<char> mFile; // relative to the job
+        ORN::Vector<double> mViewpoint;
+        bool mHasViewpoint = false;
+    };
+
+    // "caches/mesh.json": the chunks, the floors (may be none) and the room
+    // mesh (may be absent), every name checked to stay inside the job.
+    struct CON_mMeshJson {
+        ORN_NODE(CON_mMeshJson);
+        ORN::Array<NDS_mPointCloudChunk> mChunk;
+        ORN::Array<FLOOR> mFloor;
+        ORN::String<char> mRoomMesh; // relative to the job, or empty
+        ORN::String<char> mText;
+        explicit CON_mMeshJson(ORN::SyntaxTree &tree) {
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([this, &path] {
+                const ORN::JobDirectory job(path.mSelf);
+                ConsistencyProc::check_file_existance(job.path(MESH_JSON));
+                mText = ORN::String<char>(job.load_file(MESH_JSON).text());
+                const ORN::JsonParser json(mText);
+                const ORN::JsonParser chunks = json.child("chunks");
+                const bool r1x = chunks.array_type() && chunks.size() > 0 && chunks.size() <= 65535;
+                if (!r1x)
+                    ORN::console().error("mesh listing without chunks : ", job.path(MESH_JSON));
+                _DYNAMIC_ASSERT_(r1x);
+                for (const ORN::JsonParser &c : chunks.children()) {
+                    NDS_mPointCloudChunk &r = mChunk.append();
+                    r.mFile = inside(job, c.child("file").value(""));
+                    const ORN::JsonParser eye = c.child("viewpoint");
+                    r.mHasViewpoint = eye.array_type() && eye.size() == 3;
+                    r.mViewpoint = ORN::Vector<double>(3);
+                    for (INDEX a = 0; r.mHasViewpoint && a < 3; ++a)
+                        r.mViewpoint[a] = eye.children()[a].value(0.0);
+                }
+                for (const ORN::JsonParser &f : json.child("floors").children()) {
+                    FLOOR &r = mFloor.append();
+                    r.mName = f.child("name").value("floor_" + std::to_string(mFloor.size() - 1));
+                    r.mMin = f.child("min").value(0.0);
+                    r.mMax = f.child("max").value(0.0);
+                    const bool r2x = r.mMin < r.mMax && (mFloor.size() == 1 || mFloor[mFloor.size() - 2].mMax <= r.mMin) &&
+                                     mFloor.size() <= 64;
+                    if (!r2x)
+                        ORN::console().error("floor out of order or empty : ", r.mName);
+                    _DYNAMIC_ASSERT_(r2x);
+                }
+                if (json.child("room_mesh").exist())
+                    mRoomMesh = inside(job, json.child("room_mesh").value(""));
+                ORN::console().info(MESH_JSON, " : ", mChunk.size(), " chunks, ", mFloor.size(), " floors");
+            });
+        }
+
+    private:
+        static ORN::String<char> inside(const ORN::JobDirectory &job, const ORN::String<char> &name) {
+            const bool plain = plain_relative(name);
+            if (!plain)
+                ORN::console().error("name leaves the job directory : ", name, " in ", job.path(MESH_JSON));
+            _DYNAMIC_ASSERT_(plain);
+            return "caches/" + name;
+        }
+    };
+
+    // The fingerprint of this run's inputs (the listing, the files it names
+    // and the parameters), and whether the last run finished with the very
+    // same one: then its outputs are only published again.
+    struct CON_mMeshDone {
+        ORN_NODE(CON_mMeshDone);
+        ORN::String<char> mKey;
+        bool mSelf = false;
+        explicit CON_mMeshDone(ORN::SyntaxTree &tree) {
+            const auto &listing = tree.stack<CON_mMeshJson>();
+            const auto &parameter = tree.stack<CON_mMeshParameter>();
+            const auto &setting = tree.stack<CON_mSetting>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([this, &listing, &parameter, &setting, &path] {
+                const ORN::JobDirectory job(path.mSelf);
+                Fingerprint key;
+                key.add(listing.mText).add(setting.mPointCloudSearchCount).add(parameter.mMergeRadius);
+                key.add(parameter.mOutlierRatio).add(parameter.mMinimumFloorPoints).add(parameter.mLodLevels);
+                key.add(parameter.mPointCloud).add(parameter.mPictureWidth);
+                for (INDEX t : parameter.mLodTriangles)
+                    key.add(t);
+                auto stamp = [&](const ORN::String<char> &file) {
+                    const ORN::JobDirectory::STAMP s = job.stamp(file);
+                    // Size and modification time, as make does: a copied
+                    // or moved job keeps its results.
+                    key.add(s.mSize).add(s.mModified);
+                };
+                for (const NDS_mPointCloudChunk &c : listing.mChunk)
+                    stamp(c.mFile);
+                if (!listing.mRoomMesh.empty())
+                    stamp(listing.mRoomMesh);
+                mKey = key.text();
+                if (!job.find_file(REPORT) || !job.find_file(MANIFEST))
+                    return;
+                // An unreadable report only means the run is not done.
+                const ORN::String<char> last = ORN::try_invoke(
+                    [&] { return ORN::JsonParser(job.load_file(REPORT)).child("key").value(""); }, ORN::String<char>());
+                if (last != mKey)
+                    return;
+                mSelf = true;
+                for (const ORN::String<char> &name : read_manifest(job))
+                    mSelf = mSelf && job.find_file("caches/mesh/" + name);
+            });
+        }
+    };
+
+    // The chunks loaded on the workers and merged: a point within
+    // merge_radius of a point of an earlier chunk is a copy and left out.
+    struct CON_mMergedPointCloud {
+        ORN_NODE(CON_mMergedPointCloud);
+        PointCloudProc::MERGED mSelf;
+        INDEX mPointsIn = 0;
+        explicit CON_mMergedPointCloud(ORN::SyntaxTree &tree) {
+            const auto &listing = tree.stack<CON_mMeshJson>();
+            const auto &parameter = tree.stack<CON_mMeshParameter>();
+            const auto &setting = tree.stack<CON_mSetting>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([this, &listing, &parameter, &setting, &path] {
+                auto &console = ORN::console();
+                const ORN::JobDirectory job(path.mSelf);
+                // Every chunk is there, a regular file of the job, before
+                // any is read.
+                for (const NDS_mPointCloudChunk &c : listing.mChunk) {
+                    ConsistencyProc::check_file_existance(job.path(c.mFile));
+                    const bool r1x = job.find_file(c.mFile);
+                    if (!r1x)
+                        console.error("not a regular file of the job : ", job.path(c.mFile));
+                    _DYNAMIC_ASSERT_(r1x);
+                }
+                const INDEX n = listing.mChunk.size();
+                const ORN::TimePoint start = ORN::TimePoint::now();
+                ORN::Array<CLOUD> chunk(n);
+                {
+                    auto progress = console.progress("loading chunks : ", n);
+                    ORN::WorkThread workers(std::clamp<INDEX>(setting.mThreadConcurrency, 1, n));
+                    workers.parallel_for(n, [&](INDEX i) {
+                        chunk[i] = PointCloudProc::read_chunk(job.path(listing.mChunk[i].mFile), static_cast<std::uint16_t>(i));
+                        progress.advance();
+                    });
+                    progress.finish();
+                }
+                for (const CLOUD &c : chunk)
+                    mPointsIn += c.size();
+                console.info("points loaded : ", mPointsIn, " in ", start.elapsed().text());
+                ORN::WorkThread workers(std::max<INDEX>(setting.mThreadConcurrency, 1));
+                mSelf = PointCloudProc::merge_chunks(chunk, parameter.mMergeRadius, workers);
+                console.info("duplicates removed : ", mSelf.mDuplicateHeight.size());
+                const bool r2x = mSelf.mCloud.size() > setting.mPointCloudSearchCount;
+                if (!r2x)
+                    console.error("too few points : ", mSelf.mCloud.size());
+                _DYNAMIC_ASSERT_(r2x);
+            });
+        }
+    };
+
+    // The kd-tree over the merged points, queried with
+    // mPointCloudSearchCount neighbours. The final point cloud is the merged
+    // one without its outliers, so its points are rows of this tree, and
+    // the searches that serve it pass over the outliers' rows.
+    struct CON_mFinalPointCloudKDTree {
+        ORN_NODE(CON_mFinalPointCloudKDTree);
+        KD_Tree mSelf;
+        explicit CON_mFinalPointCloudKDTree(ORN::SyntaxTree &tree) {
+            const auto &merged = tree.stack<CON_mMergedPointCloud>();
+            tree.once([this, &merged] {
+                const ORN::TimePoint start = ORN::TimePoint::now();
+                mSelf = PointCloudProc::build_tree(merged.mSelf.mCloud);
+                ORN::console().info("kd-tree : ", merged.mSelf.mCloud.size(), " points in ", start.elapsed().text());
+            });
+        }
+    };
+
+    // Statistical outliers: points whose mean distance to their
+    // mPointCloudSearchCount nearest neighbours is more than outlier_ratio
+    // standard deviations above the average.
+    struct CON_mPointCloudOutlier {
+        ORN_NODE(CON_mPointCloudOutlier);
+        PointCloudProc::OUTLIERS mSelf;
+        ORN::Array<float> mHeight; // z of every outlier
+        explicit CON_mPointCloudOutlier(ORN::SyntaxTree &tree) {
+            const auto &merged = tree.stack<CON_mMergedPointCloud>();
+            const auto &kd = tree.stack<CON_mFinalPointCloudKDTree>();
+            const auto &parameter = tree.stack<CON_mMeshParameter>();
+            const auto &setting = tree.stack<CON_mSetting>();
+            tree.once([this, &merged, &kd, &parameter, &setting] {
+                const CLOUD &cloud = merged.mSelf.mCloud;
+                ORN::WorkThread workers(std::max<INDEX>(setting.mThreadConcurrency, 1));
+                const ORN::Array<float> distance =
+                    PointCloudProc::neighbour_distance(kd.mSelf, cloud, setting.mPointCloudSearchCount, workers);
+                mSelf = PointCloudProc::find_outliers(distance, parameter.mOutlierRatio);
+                for (INDEX i = 0; i < cloud.size(); ++i)
+                    if (mSelf.mOutlier[i])
+                        mHeight.append(cloud.mPosition[3 * i + 2]);
+                ORN::console().info("outliers removed : ", mSelf.mCount, ", point spacing ", mSelf.mSpacing);
+            });
+        }
+    };
+
+    // The final point cloud: merged, without outliers, every point with a
+    // normal (estimated from its neighbours and turned towards its chunk's
+    // viewpoint where the chunk gave none).
+    struct CON_mFinalPointCloud {
+        ORN_NODE(CON_mFinalPointCloud);
+        CLOUD mSelf;
+        INDEX mEstimated = 0;
+        explicit CON_mFinalPointCloud(ORN::SyntaxTree &tree) {
+            const auto &merged = tree.stack<CON_mMergedPointCloud>();
+            const auto &kd = tree.stack<CON_mFinalPointCloudKDTree>();
+            const auto &outlier = tree.stack<CON_mPointCloudOutlier>();
+            const auto &listing = tree.stack<CON_mMeshJson>();
+            const auto &setting = tree.stack<CON_mSetting>();
+            tree.once([this, &merged, &kd, &outlier, &listing, &setting] {
+                const CLOUD &cloud = merged.mSelf.mCloud;
+                ORN::Array<INDEX> row;
+                mSelf = PointCloudProc::remove_points(cloud, outlier.mSelf.mOutlier, &row);
+                // A chunk without a viewpoint is seen from its own centre.
+                ORN::Array<ORN::Vector<double>> eye(listing.mChunk.size());
+                ORN::Array<INDEX> count(listing.mChunk.size());
+                for (INDEX c = 0; c < eye.size(); ++c)
+                    eye[c] = listing.mChunk[c].mHasViewpoint ? listing.mChunk[c].mViewpoint : ORN::Vector<double>(3);
+                for (INDEX i = 0; i < mSelf.size(); ++i) {
+                    const INDEX c = mSelf.mChunk[i];
+                    if (listing.mChunk[c].mHasViewpoint)
+                        continue;
+                    for (int a = 0; a < 3; ++a)
+                        eye[c][a] += mSelf.mPosition[3 * i + a];
+                    ++count[c];
+                }
+                for (INDEX c = 0; c < eye.size(); ++c)
+                    for (int a = 0; a < 3 && count[c] > 0; ++a)
+                        eye[c][a] /= double(count[c]);
+                const ORN::TimePoint start = ORN::TimePoint::now();
+                ORN::WorkThread workers(std::max<INDEX>(setting.mThreadConcurrency, 1));
+                mEstimated = PointCloudProc::estimate_normals(kd.mSelf, cloud, outlier.mSelf.mOutlier, mSelf, row,
+                                                              setting.mPointCloudSearchCount, eye, workers);
+                ORN::console().info("normals estimated : ", mEstimated, " in ", start.elapsed().text());
+                ORN::console().info("final point cloud : ", mSelf.size(), " points");
+            });
+        }
+    };
+
+    // The floors and the floor of every final point: the listing's floors,
+    // or where it has none, floors found from the heights of the floor and
+    // ceiling slabs. Every floor needs minimum_floor_points points.
+    struct CON_mFloorGroup {
+        ORN_NODE(CON_mFloorGroup);
+        ORN::Array<FLOOR> mFloor;
+        bool mFound = false;
+        ORN::Array<std::uint8_t> mSelf; // floor of each final point
+        ORN::Array<INDEX> mCount;       // points per floor
+        explicit CON_mFloorGroup(ORN::SyntaxTree &tree) {
+            const auto &listing = tree.stack<CON_mMeshJson>();
+            const auto &final_cloud = tree.stack<CON_mFinalPointCloud>();
+            const auto &parameter = tree.stack<CON_mMeshParameter>();
+            tree.once([this, &listing, &final_cloud, &parameter] {
+                auto &console = ORN::console();
+                mFloor = listing.mFloor;
+                if (mFloor.empty()) {
+                    mFloor = PointCloudProc::find_floors(final_cloud.mSelf);
+                    mFound = true;
+                    if (mFloor.empty())
+                        console.error("no floor found in the point heights");
+                    _DYNAMIC_ASSERT_(!mFloor.empty ());
+                }
+                mSelf = PointCloudProc::assign_floors(final_cloud.mSelf, mFloor);
+                mCount = ORN::Array<INDEX>(mFloor.size());
+                for (std::uint8_t f : mSelf)
+                    ++mCount[f];
+                for (INDEX f = 0; f < mFloor.size(); ++f) {
+                    console.info(mFloor[f].mName, " : ", mCount[f], " points from ", mFloor[f].mMin, " to ",
+                                 mFloor[f].mMax, mFound ? " (found)" : "");
+                    const INDEX r1x = mCount[f];
+                    if (r1x < parameter.mMinimumFloorPoints)
+                        console.error("too few points on ", mFloor[f].mName, " : ", r1x);
+                    _DYNAMIC_ASSERT_(r1x >= parameter.mMinimumFloorPoints);
+                }
+            });
+        }
+    };
+
+    // The reconstruction's room mesh, when the listing names one.
+    struct CON_mRoomMesh {
+        ORN_NODE(CON_mRoomMesh);
+        MESH mSelf;
+        explicit CON_mRoomMesh(ORN::SyntaxTree &tree) {
+            const auto &listing = tree.stack<CON_mMeshJson>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([this, &listing, &path] {
+                if (listing.mRoomMesh.empty())
+                    return;
+                const ORN::JobDirectory job(path.mSelf);
+                ConsistencyProc::check_file_existance(job.path(listing.mRoomMesh));
+                const bool r1x = job.find_file(listing.mRoomMesh);
+                if (!r1x)
+                    ORN::console().error("not a regular file of the job : ", job.path(listing.mRoomMesh));
+                _DYNAMIC_ASSERT_(r1x);
+                const CLOUD vertex = PointCloudProc::read_chunk(job.path(listing.mRoomMesh), 0);
+                mSelf.mVertex = vertex.mPosition;
+                const PlyReader ply(job.path(listing.mRoomMesh));
+                const INDEX face = ply.find_element("face");
+                const INDEX list = face == ORN::VAR_NONE ? ORN::VAR_NONE : ply.find_property(face, "vertex_indices");
+                if (list == ORN::VAR_NONE)
+                    ORN::console().error("PLY without faces : ", job.path(listing.mRoomMesh));
+                _DYNAMIC_ASSERT_(list != ORN::VAR_NONE);
+                const INDEX vertices = vertex.size();
+                for (INDEX t = 0; t < ply.element_size(face); ++t) {
+                    const PlyReader::INDEX_LIST corner = ply.get_index_list(face, list, t);
+                    // Polygons are fanned into triangles.
+                    for (INDEX k = 2; k < corner.size(); ++k) {
+                        const ORN::int64 v[3] = {corner[0], corner[k - 1], corner[k]};
+                        const bool r2x = std::all_of(v, v + 3, [&](ORN::int64 i) { return i >= 0 && i < vertices; });
+                        _DYNAMIC_ASSERT_(r2x);
+                        for (ORN::int64 i : v)
+                            mSelf.mTriangle.append(static_cast<std::uint32_t>(i));
+                    }
+                }
+                ORN::console().info("room mesh : ", mSelf.triangle_count(), " triangles");
+            });
+        }
+    };
+
+    // What the process makes for one floor.
+    struct NDS_mFloorMesh {
+        FLOOR mFloor;
+        int mDepth = 0;
+        ORN::Array<MESH> mLevel;     // level 0 is the trimmed surface
+        ORN::Array<INDEX> mTarget;   // triangle target of each level
+        ORN::Array<double> mError;   // simplification error of each level, metres
+        MESH mRoom;                  // the floor's part of the room mesh
+    };
+
+    // A surface per floor from its points, trimmed to them, in its sizes;
+    // the floors one after another, each solve on all the workers.
+    struct CON_mFloorMesh {
+        ORN_NODE(CON_mFloorMesh);
+        ORN::Array<NDS_mFloorMesh> mSelf;
+        explicit CON_mFloorMesh(ORN::SyntaxTree &tree) {
+            const auto &final_cloud = tree.stack<CON_mFinalPointCloud>();
+            const auto &group = tree.stack<CON_mFloorGroup>();
+            const auto &kd = tree.stack<CON_mFinalPointCloudKDTree>();
+            const auto &outlier = tree.stack<CON_mPointCloudOutlier>();
+            const auto &room = tree.stack<CON_mRoomMesh>();
+            const auto &parameter = tree.stack<CON_mMeshParameter>();
+            const auto &setting = tree.stack<CON_mSetting>();
+            tree.once([this, &final_cloud, &group, &kd, &outlier, &room, &parameter, &setting] {
+                auto &console = ORN::console();
+                const INDEX threads = std::clamp<INDEX>(setting.mThreadConcurrency, 1, 1024);
+                ORN::WorkThread workers(threads);
+                // Supported surface: within a few point spacings of a point.
+                const double reach = 3 * outlier.mSelf.mSpacing;
+                for (INDEX f = 0; f < group.mFloor.size(); ++f) {
+                    NDS_mFloorMesh &r = mSelf.append();
+                    r.mFloor = group.mFloor[f];
+                    ORN::Array<std::uint8_t> other(group.mSelf.size());
+                    for (INDEX i = 0; i < other.size(); ++i)
+                        other[i] = group.mSelf[i] != f;
+                    const CLOUD points = PointCloudProc::remove_points(final_cloud.mSelf, other);
+                    const ORN::TimePoint start = ORN::TimePoint::now();
+                    r.mDepth = SurfaceProc::surface_depth(points, outlier.mSelf.mSpacing);
+                    const MESH surface = SurfaceProc::reconstruct(points, r.mDepth, static_cast<int>(threads));
+                    MESH level0 = SurfaceProc::trim(surface, kd.mSelf, outlier.mSelf.mOutlier,
+                                                    std::max(reach, 1e-3), r.mFloor.mMin, r.mFloor.mMax, workers);
+                    console.info(r.mFloor.mName, " : surface of ", level0.triangle_count(), " triangles (depth ", r.mDepth,
+                                 ", ", surface.triangle_count(), " before trimming) in ", start.elapsed().text());
+                    r.mTarget.append(level0.triangle_count());
+                    r.mError.append(0.0);
+                    r.mLevel.append(std::move(level0));
+                    const INDEX levels = parameter.mLodTriangles.empty() ? parameter.mLodLevels
+                                                                         : parameter.mLodTriangles.size() + 1;
+                    for (INDEX l = 1; l < levels; ++l) {
+                        const MESH &full = r.mLevel[0];
+                        const INDEX target = parameter.mLodTriangles.empty()
+                                                 ? std::max<INDEX>(full.triangle_count() >> (2 * l), 1)
+                                                 : std::min(parameter.mLodTriangles[l - 1], full.triangle_count());
+                        float relative = 0;
+                        MESH reduced = SurfaceProc::simplify(full, target, &relative);
+                        r.mError.append(double(relative) * extent(full));
+                        console.info(r.mFloor.mName, " : level ", l, " : ", reduced.triangle_count(), " triangles (target ",
+                                     target, ")");
+                        r.mTarget.append(target);
+                        r.mLevel.append(std::move(reduced));
+                    }
+                    if (room.mSelf.triangle_count() > 0)
+                        r.mRoom = SurfaceProc::floor_part(room.mSelf, group.mFloor, static_cast<std::uint8_t>(f));
+                }
+            });
+        }
+
+        // The largest side of the mesh's bounding box.
+        static double extent(const MESH &mesh) {
+            float low[3] = {1e30f, 1e30f, 1e30f}, high[3] = {-1e30f, -1e30f, -1e30f};
+            for (INDEX v = 0; v < mesh.vertex_count(); ++v)
+                for (int a = 0; a < 3; ++a) {
+                    low[a] = std::min(low[a], mesh.mVertex[3 * v + a]);
+                    high[a] = std::max(high[a], mesh.mVertex[3 * v + a]);
+                }
+            return std::max({double(high[0]) - low[0], double(high[1]) - low[1], double(high[2]) - low[2], 0.0});
+        }
+    };
+
+    // Names of the files of a floor under "mesh/".
+    static ORN::String<char> level_name(const FLOOR &f, INDEX level) {
+        return f.mName + "_lod" + std::to_string(level) + ".ply";
+    }
+
+    // Writes every result into "caches/mesh/" (each file whole, renamed into
+    // place) and returns their names under "mesh/".
+    struct ACT_mMeshFile {
+        ORN_NODE(ACT_mMeshFile);
+        ORN::Array<ORN::String<char>> mSelf;
+        explicit ACT_mMeshFile(ORN::SyntaxTree &tree) {
+            const auto &mesh = tree.stack<CON_mFloorMesh>();
+            const auto &final_cloud = tree.stack<CON_mFinalPointCloud>();
+            const auto &group = tree.stack<CON_mFloorGroup>();
+            const auto &parameter = tree.stack<CON_mMeshParameter>();
+            const auto &setting = tree.stack<CON_mSetting>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([this, &mesh, &final_cloud, &group, &parameter, &setting, &path] {
+                const ORN::JobDirectory job(path.mSelf);
+                const INDEX buffer = setting.mFileWriterBufferSize;
+                for (const NDS_mFloorMesh &r : mesh.mSelf) {
+                    for (INDEX l = 0; l < r.mLevel.size(); ++l)
+                        write(level_name(r.mFloor, l), [&](std::string_view file) {
+                            write_mesh(job, file, r.mLevel[l], buffer);
+                        });
+                    if (r.mRoom.triangle_count() > 0)
+                        write("room_" + r.mFloor.mName + ".ply",
+                              [&](std::string_view file) { write_mesh(job, file, r.mRoom, buffer); });
+                    write(r.mFloor.mName + ".png", [&](std::string_view file) {
+                        const MESH &m = r.mLevel[0];
+                        MeshRender::VIEW view;
+                        view.mCutHeight = r.mFloor.mMin + 0.6 * (r.mFloor.mMax - r.mFloor.mMin);
+                        view.mWidth = static_cast<int>(parameter.mPictureWidth);
+                        const ORN::Buffer<unsigned char> png = MeshRender::render_top_view(
+                            m.mVertex.data(), m.vertex_count(), m.mTriangle.data(), m.triangle_count(), view);
+                        job.save_file(file, png.text());
+                    });
+                }
+                if (parameter.mPointCloud)
+                    write("point_cloud.ply", [&](std::string_view file) {
+                        const CLOUD &c = final_cloud.mSelf;
+                        PlyWriter ply;
+                        ply.element("vertex", c.size());
+                        ply.property("x", &c.mPosition.data()[0], 12);
+                        ply.property("y", &c.mPosition.data()[1], 12);
+                        ply.property("z", &c.mPosition.data()[2], 12);
+                        ply.property("nx", &c.mNormal.data()[0], 12);
+                        ply.property("ny", &c.mNormal.data()[1], 12);
+                        ply.property("nz", &c.mNormal.data()[2], 12);
+                        ply.property("red", &c.mColour.data()[0], 3);
+                        ply.property("green", &c.mColour.data()[1], 3);
+                        ply.property("blue", &c.mColour.data()[2], 3);
+                        ply.property("floor", group.mSelf.data(), 1);
+                        job.save_file(file, std::clamp<INDEX>(buffer, 4096, ply.file_size()),
+                                      [&](ORN::FileWriter &out) { ply.write(out); });
+                    });
+            });
+        }
+
+    private:
+        template <class F>
+        void write(const ORN::String<char> &name, F &&body) {
+            const ORN::String<char> file = "caches/mesh/" + name;
+            body(std::string_view(file));
+            ORN::console().debug("written : ", file);
+            mSelf.append("mesh/" + name);
+        }
+    };
+
+    // "caches/upload.part4.json": the written files, "mesh/..." each.
+    struct ACT_mUploadPart4Json {
+        ORN_NODE(ACT_mUploadPart4Json);
+        explicit ACT_mUploadPart4Json(ORN::SyntaxTree &tree) {
+            const auto &files = tree.stack<ACT_mMeshFile>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([&files, &path] {
+                ORN::JsonWriter writer(64 + 48 * files.mSelf.size());
+                writer.raw("{").key("upload").raw("[");
+                for (INDEX i = 0; i < files.mSelf.size(); ++i) {
+                    if (i > 0)
+                        writer.comma();
+                    writer.raw("{").key("file").string(files.mSelf[i]).raw("}");
+                }
+                writer.raw("]}");
+                ORN::JobDirectory(path.mSelf).save_file(MANIFEST, writer.text());
+                ORN::console().info(MANIFEST, " : ", files.mSelf.size(), " files");
+            });
+        }
+    };
+
+    // "caches/mesh_report.json": the counts of the run, written last, with
+    // the inputs' fingerprint that marks the run as done.
+    struct ACT_mMeshReportJson {
+        ORN_NODE(ACT_mMeshReportJson);
+        explicit ACT_mMeshReportJson(ORN::SyntaxTree &tree) {
+            tree.stack<ACT_mUploadPart4Json>();
+            const auto &done = tree.stack<CON_mMeshDone>();
+            const auto &merged = tree.stack<CON_mMergedPointCloud>();
+            const auto &outlier = tree.stack<CON_mPointCloudOutlier>();
+            const auto &final_cloud = tree.stack<CON_mFinalPointCloud>();
+            const auto &group = tree.stack<CON_mFloorGroup>();
+            const auto &mesh = tree.stack<CON_mFloorMesh>();
+            const auto &setting = tree.stack<CON_mSetting>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([&done, &merged, &outlier, &final_cloud, &group, &mesh, &setting, &path] {
+                const ORN::Array<FLOOR> &floors = group.mFloor;
+                ORN::Array<INDEX> duplicates(floors.size()), outliers(floors.size());
+                for (float z : merged.mSelf.mDuplicateHeight)
+                    ++duplicates[PointCloudProc::floor_of(floors, z)];
+                for (float z : outlier.mHeight)
+                    ++outliers[PointCloudProc::floor_of(floors, z)];
+                ORN::JsonWriter w(1024);
+                w.raw("{").key("key").string(done.mKey).comma();
+                w.key("points_in").number(merged.mPointsIn).comma();
+                w.key("duplicates").number(merged.mSelf.mDuplicateHeight.size()).comma();
+                w.key("outliers").number(outlier.mSelf.mCount).comma();
+                w.key("points").number(final_cloud.mSelf.size()).comma();
+                w.key("normals_estimated").number(final_cloud.mEstimated).comma();
+                w.key("search_count").number(setting.mPointCloudSearchCount).comma();
+                w.key("spacing").number(outlier.mSelf.mSpacing).comma();
+                w.key("floors_found").boolean(group.mFound).comma();
+                w.key("floors").raw("[");
+                for (INDEX f = 0; f < floors.size(); ++f) {
+                    const NDS_mFloorMesh &r = mesh.mSelf[f];
+                    if (f > 0)
+                        w.comma();
+                    w.raw("{").key("name").string(floors[f].mName).comma();
+                    w.key("min").number(floors[f].mMin).comma().key("max").number(floors[f].mMax).comma();
+                    w.key("points_in").number(group.mCount[f] + duplicates[f] + outliers[f]).comma();
+                    w.key("duplicates").number(duplicates[f]).comma();
+                    w.key("outliers").number(outliers[f]).comma();
+                    w.key("points").number(group.mCount[f]).comma();
+                    w.key("depth").number(r.mDepth).comma();
+                    const auto list = [&w](std::string_view key, auto &&items) {
+                        w.key(key).raw("[");
+                        for (INDEX i = 0; i < items.size(); ++i) {
+                            if (i > 0)
+                                w.comma();
+                            w.number(items[i]);
+                        }
+                        w.raw("]").comma();
+                    };
+                    ORN::Array<INDEX> triangles;
+                    for (const MESH &m : r.mLevel)
+                        triangles.append(m.triangle_count());
+                    list("triangles", triangles);
+                    list("targets", r.mTarget);
+                    list("errors", r.mError);
+                    w.key("room_triangles").number(r.mRoom.triangle_count()).raw("}");
+                }
+                w.raw("]}");
+                ORN::JobDirectory(path.mSelf).save_file(REPORT, w.text());
+            });
+        }
+    };
+
+    // The mesh step: a run over inputs already processed only says so;
+    // otherwise the results are made, listed and reported here.
+    struct ACT_mMesh {
+        ORN_NODE(ACT_mMesh);
+        explicit ACT_mMesh(ORN::SyntaxTree &tree) {
+            const auto &done = tree.stack<CON_mMeshDone>();
+            // Held for the nodes fetched below, which are made only now.
+            tree.stack<CON_mMeshJson>();
+            tree.stack<CON_mMeshParameter>();
+            tree.stack<CON_mSetting>();
+            tree.maybe<ACT_mMeshReportJson>();
+            tree.once([&tree, &done] {
+                if (done.mSelf) {
+                    ORN::console().info("already done");
+                    return;
+                }
+                tree.stack<ACT_mMeshReportJson>();
+            });
+        }
+    };
+
+    // The files the manifest lists under "mesh/".
+    struct CON_mEnumMeshFile {
+        ORN_NODE(CON_mEnumMeshFile);
+        ORN::Array<ORN::String<char>> mSelf;
+        explicit CON_mEnumMeshFile(ORN::SyntaxTree &tree) {
+            tree.stack<ACT_mMesh>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([this, &path] { mSelf = read_manifest(ORN::JobDirectory(path.mSelf)); });
+        }
+    };
+
+    // Publishes each listed file from "caches/mesh/" into "results/mesh/"
+    // by hard link, then removes from both folders what the list no longer
+    // names (the files of floors a new run does not have).
+    struct ACT_mResultsMeshDire {
+        ORN_NODE(ACT_mResultsMeshDire);
+        explicit ACT_mResultsMeshDire(ORN::SyntaxTree &tree) {
+            const auto &names = tree.stack<CON_mEnumMeshFile>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([&names, &path] {
+                const ORN::JobDirectory job(path.mSelf);
+                for (const ORN::String<char> &name : names.mSelf) {
+                    ConsistencyProc::check_file_existance(job.path("caches/mesh/" + name));
+                    job.publish_file("caches/mesh/" + name, "results/mesh/" + name);
+                    ORN::console().debug("link : results/mesh/", name);
+                }
+                for (std::string_view folder : {"caches/mesh/", "results/mesh/"})
+                    for (const ORN::String<char> &file : job.list_files(folder))
+                        if (std::find(names.mSelf.begin(), names.mSelf.end(), file) == names.mSelf.end()) {
+                            job.erase_file(ORN::String<char>(folder) + file);
+                            ORN::console().debug("removed : ", folder, file);
+                        }
+                ORN::console().info("results/mesh : ", names.mSelf.size(), " files");
+            });
+        }
+    };
+
+    using ACTIONS = Frame::Actions<ACT_mWorkingPath, ACT_mMesh, ACT_mResultsMeshDire>;
 };
 
 ZARN_DEFINE_PROCESS(VeldaMeshProcess)
