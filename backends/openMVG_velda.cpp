@@ -10,7 +10,10 @@
 //   caches/vision.json                 the camera poses
 //   caches/floorplan.json              one room around the cameras
 //   caches/floorplan/floorplan.png     a drawing of it
-//   caches/mesh.json                   floor and ceiling of that room
+//   caches/mesh.json                   the dense cloud's chunks and storeys
+//   caches/dense/chunk_NNN.ply         the dense cloud, two chunks per room
+//   caches/dense/room_mesh.ply         the true surfaces as triangles
+//   caches/dense/truth.json            what the cloud holds, for checking
 //   caches/updown/poses.txt            the poses as text
 //   caches/updown/thumbnails/<stem>.png  a small copy of every image
 //   caches/ar/anchors.json             one anchor per capture point
@@ -22,14 +25,24 @@
 // "point_000_down") were taken at one capture point and share a position;
 // points lie 1.5 m apart on a grid four points wide, cameras 1.6 m above the
 // floor, and the images of one point turn evenly about the vertical axis.
-// The output depends on nothing but the images, so it is the same on every
-// run. Files are written whole and renamed into place.
+// The dense cloud is that of a synthetic two-storey interior around the
+// cameras (interior_scene.h), with as many surface points as the split
+// data's VeldaMainProcess.Common.dense_points asks for (200000 when absent,
+// not an integer, or outside 0..100000000). The output depends on nothing
+// but the images and that number, so it is the same on every run. Files are
+// written whole and renamed into place; the cloud's files are streamed to
+// their temporary names first, and mesh.json, which lists them, comes last.
 //
 // Results: 0 done; 1 not three arguments; 2 empty type; 3 the working
 // directory does not exist; 4 no images; 5 an image does not decode; 6 an
 // output could not be written.
 
 #include "backend_support.h"
+#include "interior_scene.h"
+
+#include "ZARN_Common/PlyWriter.h"
+#include "__ORN__/orn_filesystem.h"
+#include "__ORN__/orn_serialization.h"
 
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
@@ -37,6 +50,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstdio>
 #include <map>
 #include <numbers>
 #include <string>
@@ -61,10 +76,12 @@ enum RESULT : int {
 constexpr double POINT_SPACING = 1.5;
 constexpr int POINTS_PER_ROW = 4;
 constexpr double CAMERA_HEIGHT = 1.6;
-constexpr double CEILING_HEIGHT = 2.6;
 constexpr double ROOM_MARGIN = 1.0;
 constexpr int THUMBNAIL_WIDTH = 48;
 constexpr int PLAN_PIXELS_PER_METRE = 40;
+constexpr std::int64_t DEFAULT_DENSE_POINTS = 200000;
+constexpr std::int64_t MAX_DENSE_POINTS = 100000000;
+constexpr ORN::INDEX PLY_BUFFER = ORN::INDEX(1) << 20;
 
 struct Shot {
     std::string mFile; // relative to the working directory
@@ -88,10 +105,10 @@ void append(std::string &out, const PARTS &...parts) {
 
 double rounded(double value) { return std::round(value * 1e6) / 1e6; }
 
-std::string vector_text(const double *v, int n) {
+std::string vector_text(const double *v, int n, bool round = true) {
     std::string out = "[";
     for (int i = 0; i < n; ++i)
-        append(out, i ? "," : "", number_text(rounded(v[i])));
+        append(out, i ? "," : "", number_text(round ? rounded(v[i]) : v[i]));
     out += ']';
     return out;
 }
@@ -194,17 +211,137 @@ std::string floorplan_json(const Room &r, const std::vector<Shot> &shots) {
     return out;
 }
 
-std::string mesh_json(const Room &r) {
-    std::string out = "{\"vertices\":[";
-    for (int level = 0; level < 2; ++level)
-        for (int corner = 0; corner < 4; ++corner) {
-            const double v[3] = {corner == 1 || corner == 2 ? r.mMax[0] : r.mMin[0], corner >= 2 ? r.mMax[1] : r.mMin[1],
-                                 level ? CEILING_HEIGHT : 0.0};
-            append(out, level || corner ? "," : "", vector_text(v, 3));
-        }
-    // Floor facing up, ceiling facing down.
-    out += "],\"faces\":[[0,1,2],[0,2,3],[4,6,5],[4,7,6]]}";
+// ---------------------------------------------------------------------------
+// The dense cloud.
+
+const char *const FLOOR_NAMES[] = {"floor_0", "floor_1"};
+
+std::string chunk_name(std::size_t index) {
+    char name[48];
+    std::snprintf(name, sizeof(name), "dense/chunk_%03zu.ply", index);
+    return name;
+}
+
+// The split data's "dense_points", or the default.
+std::int64_t dense_points(const fs::path &work) {
+    return ORN::try_invoke(
+        [&] {
+            const ORN::JobDirectory job(work.string());
+            if (!job.find_file("caches/split_data.json"))
+                return DEFAULT_DENSE_POINTS;
+            const ORN::JsonParser split(job.load_file("caches/split_data.json"));
+            const auto n = split.child("VeldaMainProcess").child("Common").child("dense_points").value(std::int64_t(-1));
+            return n >= 0 && n <= MAX_DENSE_POINTS ? n : DEFAULT_DENSE_POINTS;
+        },
+        DEFAULT_DENSE_POINTS);
+}
+
+void write_chunk(const ORN::JobDirectory &job, std::size_t index, const zarn_interior::Chunk &c) {
+    ZARN::PlyWriter ply;
+    ply.element("vertex", static_cast<ORN::INDEX>(c.size()));
+    const float *p = c.mPosition.data();
+    ply.property("x", p, 12);
+    ply.property("y", p + 1, 12);
+    ply.property("z", p + 2, 12);
+    if (index % 2 == 0) {
+        const float *n = c.mNormal.data();
+        ply.property("nx", n, 12);
+        ply.property("ny", n + 1, 12);
+        ply.property("nz", n + 2, 12);
+    }
+    const std::uint8_t *rgb = c.mColour.data();
+    ply.property("red", rgb, 3);
+    ply.property("green", rgb + 1, 3);
+    ply.property("blue", rgb + 2, 3);
+    job.save_file("caches/" + chunk_name(index), PLY_BUFFER, [&](ORN::FileWriter &out) { ply.write(out); });
+}
+
+// Two triangles per surface, each turning about the surface's normal.
+void write_room_mesh(const ORN::JobDirectory &job, const zarn_interior::Scene &scene) {
+    std::vector<float> vertices;
+    std::vector<std::int32_t> faces;
+    for (const zarn_interior::Surface &s : scene.mSurfaces) {
+        const auto first = static_cast<std::int32_t>(vertices.size() / 3);
+        for (const auto &[a, b] : {std::pair{0, 0}, std::pair{1, 0}, std::pair{1, 1}, std::pair{0, 1}})
+            for (int k = 0; k < 3; ++k)
+                vertices.push_back(static_cast<float>(s.mOrigin[k] + a * s.mU[k] + b * s.mV[k]));
+        for (const int corner : {0, 1, 2, 0, 2, 3})
+            faces.push_back(first + corner);
+    }
+    ZARN::PlyWriter ply;
+    ply.element("vertex", static_cast<ORN::INDEX>(vertices.size() / 3));
+    ply.property("x", vertices.data(), 12);
+    ply.property("y", vertices.data() + 1, 12);
+    ply.property("z", vertices.data() + 2, 12);
+    ply.element("face", static_cast<ORN::INDEX>(faces.size() / 3));
+    ply.property_list("vertex_indices", faces.data(), 3);
+    job.save_file("caches/dense/room_mesh.ply", PLY_BUFFER, [&](ORN::FileWriter &out) { ply.write(out); });
+}
+
+std::string floors_json(const zarn_interior::Scene &scene) {
+    std::string out = "[";
+    for (std::size_t f = 0; f < scene.mFloors.size(); ++f)
+        append(out, f ? "," : "", "{\"name\":", json_string(FLOOR_NAMES[f]), ",\"min\":",
+               number_text(rounded(scene.mFloors[f].mMin)), ",\"max\":", number_text(rounded(scene.mFloors[f].mMax)),
+               "}");
+    return out + "]";
+}
+
+std::string mesh_json(const zarn_interior::Scene &scene, const std::vector<zarn_interior::Chunk> &chunks) {
+    std::string out = "{\"chunks\":[";
+    for (std::size_t i = 0; i < chunks.size(); ++i)
+        append(out, i ? "," : "", "{\"file\":", json_string(chunk_name(i)), ",\"points\":",
+               std::to_string(chunks[i].size()), ",\"viewpoint\":", vector_text(chunks[i].mViewpoint, 3), "}");
+    append(out, "],\"floors\":", floors_json(scene), ",\"room_mesh\":\"dense/room_mesh.ply\"}");
     return out;
+}
+
+std::string truth_json(const zarn_interior::Scene &scene, const std::vector<zarn_interior::Chunk> &chunks) {
+    struct COUNT {
+        std::int64_t mPoints = 0, mDuplicates = 0, mOutliers = 0;
+    };
+    std::vector<COUNT> floors(scene.mFloors.size());
+    COUNT all;
+    for (const zarn_interior::Chunk &c : chunks) {
+        COUNT &f = floors[static_cast<std::size_t>(c.mFloor)];
+        for (const std::uint8_t flags : c.mFlags) {
+            const bool copy = flags & zarn_interior::OVERLAP_COPY;
+            for (COUNT *n : {&f, &all}) {
+                ++n->mPoints;
+                n->mDuplicates += copy;
+                n->mOutliers += !copy && (flags & zarn_interior::OUTLIER);
+            }
+        }
+    }
+    const auto counts = [](const COUNT &n) {
+        return "\"points\":" + std::to_string(n.mPoints) + ",\"duplicates\":" + std::to_string(n.mDuplicates) +
+               ",\"outliers\":" + std::to_string(n.mOutliers);
+    };
+    std::string out = "{\"noise\":" + number_text(zarn_interior::NOISE) + "," + counts(all) + ",\"floors\":[";
+    for (std::size_t f = 0; f < floors.size(); ++f)
+        append(out, f ? "," : "", "{\"name\":", json_string(FLOOR_NAMES[f]), ",", counts(floors[f]), "}");
+    out += "],\"surfaces\":[";
+    for (std::size_t i = 0; i < scene.mSurfaces.size(); ++i) {
+        const zarn_interior::Surface &s = scene.mSurfaces[i];
+        // Unrounded: the surfaces are the truth the cloud is measured against.
+        append(out, i ? "," : "", "{\"floor\":", std::to_string(s.mFloor), ",\"origin\":",
+               vector_text(s.mOrigin, 3, false), ",\"u\":", vector_text(s.mU, 3, false), ",\"v\":",
+               vector_text(s.mV, 3, false), ",\"normal\":", vector_text(s.mNormal, 3, false), "}");
+    }
+    return out + "]}";
+}
+
+// The chunks and the room mesh (streamed, durable), the truth; mesh.json is
+// left to the caller, to be written after them.
+bool write_dense(const fs::path &work, const zarn_interior::Scene &scene,
+                 const std::vector<zarn_interior::Chunk> &chunks) {
+    const ORN::JobDirectory job(work.string());
+    return ORN::try_run([&] {
+               for (std::size_t i = 0; i < chunks.size(); ++i)
+                   write_chunk(job, i, chunks[i]);
+               write_room_mesh(job, scene);
+           }) &&
+           zarn_backend::write_file(work / "caches/dense/truth.json", truth_json(scene, chunks));
 }
 
 cv::Mat floorplan_image(const Room &r, const std::vector<Shot> &shots) {
@@ -303,7 +440,13 @@ int reconstruct(const std::string &type, const fs::path &work) {
     put("vision.json", vision_json(type, shots));
     put("floorplan.json", floorplan_json(room, shots));
     put("floorplan/floorplan.png", png(floorplan_image(room, shots)));
-    put("mesh.json", mesh_json(room));
+    {
+        const double footprint_min[2] = {room.mMin[0], room.mMin[1]}, footprint_max[2] = {room.mMax[0], room.mMax[1]};
+        const zarn_interior::Scene scene = zarn_interior::make_scene(footprint_min, footprint_max);
+        const std::vector<zarn_interior::Chunk> chunks = zarn_interior::sample_chunks(scene, dense_points(work));
+        written = written && write_dense(work, scene, chunks);
+        put("mesh.json", mesh_json(scene, chunks));
+    }
     put("upload.part3.json", manifest_json(updown));
     put("upload.part9.json", manifest_json(ar));
     return written ? DONE : WRITE_FAILED;

@@ -1,7 +1,7 @@
 // zarn_capture: makes a capture job whose right answer is known.
 //
 //   zarn_capture JOBDIR [--width W] [--points N] [--videos N] [--frames N] [--calibration]
-//                       [--stereo] [--regions]
+//                       [--stereo] [--regions] [--dense N]
 //
 // A procedural room (painted walls with a door, a window onto a garden, a
 // picture and a bookcase; a plank floor with a rug; a ceiling with three
@@ -48,6 +48,15 @@
 // --regions, also the region file "extras/image-ROI.json" of the job's
 // panoramas: rectangles around the picture, the light switch and the door's
 // upper panel, which stand for faces and number plates.
+//
+// With --dense N, the split data "caches/split_data.json" asks the
+// reconstruction for N dense points: "dense_points": N in the member
+// "VeldaMainProcess"."Common" (the member is made, with "velda_type"
+// "indoor", when the file has none). Whenever the generator writes the split
+// data, it makes sure the mesh process's member "VeldaMeshProcess" is there
+// ({} when missing); the file's other members are kept as they are. Without
+// --dense a job without split data gets none, and one whose split data
+// already has that member is left alone.
 //
 // The panorama width W (default 512, or 1024 with --calibration: the boards
 // at the horizon span less than 20 degrees and need that many pixels to be
@@ -520,6 +529,7 @@ struct OPTIONS {
     bool mCalibration = false;
     bool mStereo = false;
     bool mRegions = false;
+    int mDense = -1; // dense points asked of the reconstruction; -1: not given
 };
 
 std::string numbered(const char *prefix, int n) {
@@ -1119,6 +1129,118 @@ void make_regions(const OPTIONS &o) {
     zarn_capture::write_regions(o.mJob, names, o.mWidth, room_scene());
 }
 
+// ---------------------------------------------------------------------------
+// The split data (--dense).
+
+// The JSON text of a parsed value, with members and elements in their order.
+void copy_json(ORN::JsonWriter &out, const ORN::JsonParser &value) {
+    if (value.object_type() || value.array_type()) {
+        const bool object = value.object_type();
+        out.raw(object ? "{" : "[");
+        bool first = true;
+        for (const ORN::JsonParser &child : value.children()) {
+            if (!first)
+                out.comma();
+            first = false;
+            if (object)
+                out.key(child.name());
+            copy_json(out, child);
+        }
+        out.raw(object ? "}" : "]");
+    } else if (value.null_type()) {
+        out.null();
+    } else if (value.quoted()) {
+        out.string(value.view());
+    } else {
+        out.raw(value.view());
+    }
+}
+
+// The reconstruction's member with "dense_points" set in its "Common".
+void velda_member(ORN::JsonWriter &out, const ORN::JsonParser &velda, int dense) {
+    if (!velda.object_type()) {
+        out.raw("{").key("Common").raw("{").key("velda_type").string("indoor");
+        out.comma().key("dense_points").number(dense).raw("}}");
+        return;
+    }
+    out.raw("{");
+    bool first = true, common = false;
+    for (const ORN::JsonParser &member : velda.children()) {
+        if (!first)
+            out.comma();
+        first = false;
+        out.key(member.name());
+        if (member.name() != "Common" || !member.object_type()) {
+            copy_json(out, member);
+            continue;
+        }
+        common = true;
+        out.raw("{");
+        bool inner_first = true;
+        for (const ORN::JsonParser &setting : member.children()) {
+            if (setting.name() == "dense_points")
+                continue;
+            if (!inner_first)
+                out.comma();
+            inner_first = false;
+            out.key(setting.name());
+            copy_json(out, setting);
+        }
+        if (!inner_first)
+            out.comma();
+        out.key("dense_points").number(dense).raw("}");
+    }
+    if (!common) {
+        if (!first)
+            out.comma();
+        out.key("Common").raw("{").key("dense_points").number(dense).raw("}");
+    }
+    out.raw("}");
+}
+
+void write_split_data(const OPTIONS &o) {
+    const ORN::String<char> caches = FileSystemProc::join_path(o.mJob, "caches");
+    const ORN::String<char> path = FileSystemProc::join_path(caches, "split_data.json");
+    ORN::JsonParser old;
+    if (FileSystemProc::find_file(path)) {
+        old = ORN::JsonParser(FileSystemProc::load_file(path));
+        if (old.exist() && !old.object_type())
+            throw std::runtime_error(path + " is not a JSON object");
+    }
+    const bool has_mesh = old.child("VeldaMeshProcess").exist();
+    if (o.mDense < 0 && (!old.exist() || has_mesh))
+        return;
+    ORN::JsonWriter out;
+    out.raw("{");
+    bool first = true, velda = false;
+    const auto member = [&](std::string_view name) {
+        if (!first)
+            out.comma();
+        first = false;
+        out.key(name);
+    };
+    for (const ORN::JsonParser &m : old.children()) {
+        member(m.name());
+        if (m.name() == "VeldaMainProcess" && o.mDense >= 0) {
+            velda_member(out, m, o.mDense);
+            velda = true;
+        } else {
+            copy_json(out, m);
+        }
+    }
+    if (o.mDense >= 0 && !velda) {
+        member("VeldaMainProcess");
+        velda_member(out, ORN::JsonParser(), o.mDense);
+    }
+    if (!has_mesh) {
+        member("VeldaMeshProcess");
+        out.raw("{}");
+    }
+    out.raw("}\n");
+    FileSystemProc::build_directory(caches);
+    FileSystemProc::save_file(path, std::string_view(out.text()));
+}
+
 bool number_option(const char *text, int low, int high, int &out) {
     char *end = nullptr;
     const long v = std::strtol(text, &end, 10);
@@ -1130,7 +1252,7 @@ bool number_option(const char *text, int low, int high, int &out) {
 
 constexpr const char *USAGE =
     "usage: zarn_capture JOBDIR [--width W] [--points N] [--videos N] [--frames N] [--calibration]\n"
-    "                    [--stereo] [--regions]\n"
+    "                    [--stereo] [--regions] [--dense N]\n"
     "  --width W    panorama width of the ground truth, even, 64..8192 (512; 1024 with\n"
     "               --calibration, whose boards at the horizon need that much)\n"
     "  --points N   capture points, 0..999 (2)\n"
@@ -1138,7 +1260,9 @@ constexpr const char *USAGE =
     "  --frames N   frames per video, 1..1000 (4)\n"
     "  --calibration  also the calibration captures and their truth\n"
     "  --stereo     the stereo rotating camera's job instead of the two-lens one\n"
-    "  --regions    also the region file extras/image-ROI.json of the panoramas\n";
+    "  --regions    also the region file extras/image-ROI.json of the panoramas\n"
+    "  --dense N    N dense points asked of the reconstruction, 0..100000000: \"dense_points\"\n"
+    "               in the split data's VeldaMainProcess.Common (with \"VeldaMeshProcess\")\n";
 
 } // namespace
 
@@ -1166,6 +1290,8 @@ int main(int argc, char **argv) {
             o.mStereo = true;
         else if (a == "--regions")
             o.mRegions = true;
+        else if (a == "--dense")
+            ok = has_value && number_option(argv[++i], 0, 100000000, o.mDense);
         else if (!a.empty() && a[0] != '-' && o.mJob.empty())
             o.mJob = a;
         else
@@ -1190,6 +1316,7 @@ int main(int argc, char **argv) {
             make_calibration(o);
         if (o.mRegions)
             make_regions(o);
+        write_split_data(o);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "zarn_capture: %s\n", e.what());
         return 1;
