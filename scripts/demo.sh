@@ -7,7 +7,9 @@
 # field for the calibration, two-lens captures (plain and bracketed) and a
 # video for the stitching, and a region file for the image filter. The
 # calibration runs first; the stitcher then uses the lens tables it
-# published.
+# published. The reconstruction library's synthetic two-storey interior
+# (1.5 million points in overlapping chunks, with noise and flying pixels)
+# becomes a final point cloud and a mesh per floor in three sizes.
 set -eu
 BUILD=${1:-build}
 if [ ! -x "$BUILD/bin/zarn" ]; then
@@ -55,6 +57,10 @@ echo "== the same with the regions of extras/image-ROI.json blurred or pixelated
 list "$JOB/extras/images"
 echo "== the stitched video"
 list "$JOB/caches/videos"
+echo "== floor meshes (binary PLY: level 0 and two simplified sizes), the room mesh by floor,"
+echo "   the final point cloud, and a top view of each floor (PNG)"
+list "$JOB/results/mesh"
+echo "   counts per floor (points in, duplicates, outliers, triangles per level): $JOB/caches/mesh_report.json"
 echo "== stereo rotating camera: developed, merged from three exposures, stitched, tripod inpainted"
 list "$STEREO/caches/images"
 echo

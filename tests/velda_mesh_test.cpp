@@ -1,0 +1,266 @@
+// VeldaMeshProcess end to end: the launcher, the module and the reference
+// reconstruction library's synthetic two-storey interior, over temporary
+// job directories.
+#include "support.h"
+
+#include "ZARN_Common/PlyReader.h"
+#include "__ORN__/orn_serialization.h"
+
+#include <map>
+
+namespace {
+
+using namespace zarn_test;
+using ORN::INDEX;
+
+const std::string ZARN = std::string(ZARN_BINARY_DIR) + "/bin/zarn";
+const std::string BACKENDS = std::string(ZARN_BINARY_DIR) + "/backends";
+const fs::path SAMPLE_IMAGES = fs::path(ZARN_SOURCE_DIR) / "examples/sample-job/images";
+
+RunResult zarn(const fs::path &job, const std::string &process) {
+    return run("env NO_COLOR=1 " + quote(ZARN) + " run --process " + process + " --libs " + quote(BACKENDS) + " " +
+               quote(job.string()));
+}
+
+// Every regular file under a directory: relative name -> inode.
+std::map<std::string, ino_t> tree(const fs::path &root) {
+    std::map<std::string, ino_t> files;
+    if (fs::exists(root))
+        for (const auto &e : fs::recursive_directory_iterator(root))
+            if (e.is_regular_file())
+                files[fs::relative(e.path(), root).generic_string()] = inode_of(e.path());
+    return files;
+}
+
+ORN::JsonParser json_of(const fs::path &file) { return ORN::JsonParser(read_file(file)); }
+
+class VeldaMesh : public ::testing::Test {
+protected:
+    // One reconstruction and one mesh run for all the cases: a job whose
+    // caches hold the reference library's chunks of a 60 000-point
+    // interior, meshed.
+    static void SetUpTestSuite() {
+        sBase = new TempDir;
+        const fs::path job = sBase->path() / "job";
+        fs::create_directories(job / "images");
+        for (const char *image : {"point_000_down.png", "point_000_up.png"})
+            fs::copy_file(SAMPLE_IMAGES / image, job / "images" / image);
+        write_file(job / "caches/split_data.json", split_data(""));
+        const auto r = zarn(job, "VeldaMainProcess --process VeldaMeshProcess");
+        sOutput = new std::string(r.output);
+        ASSERT_EQ(r.status, 0) << r.output;
+    }
+    static void TearDownTestSuite() {
+        delete sBase;
+        delete sOutput;
+        sBase = nullptr;
+        sOutput = nullptr;
+    }
+
+    static std::string split_data(const std::string &mesh) {
+        return R"({"VeldaMainProcess":{"Common":{"velda_type":"indoor","dense_points":60000}},)"
+               R"("VeldaMeshProcess":{"minimum_floor_points":500)" +
+               mesh + "}}";
+    }
+
+    // A copy of the meshed job (hard links kept), with the mesh process's
+    // own split data members added.
+    fs::path job(const std::string &mesh = "") {
+        const fs::path to = mRoot.path() / "job";
+        EXPECT_EQ(run("cp -a " + quote((sBase->path() / "job").string()) + " " + quote(to.string())).status, 0);
+        if (!mesh.empty())
+            write_file(to / "caches/split_data.json", split_data(mesh));
+        return to;
+    }
+
+    static TempDir *sBase;
+    static std::string *sOutput;
+    TempDir mRoot;
+};
+std::string *VeldaMesh::sOutput = nullptr;
+TempDir *VeldaMesh::sBase = nullptr;
+
+TEST_F(VeldaMesh, TwoFloorsMergedCleanedMeshedAndPublishedAsHardLinks) {
+    const fs::path j = sBase->path() / "job";
+    EXPECT_TRUE(sOutput->ends_with("\nall done\n")) << *sOutput;
+
+    const ORN::JsonParser truth = json_of(j / "caches/dense/truth.json");
+    const ORN::JsonParser report = json_of(j / "caches/mesh_report.json");
+    // The overlaps' copies are exact: every one goes, nothing else.
+    EXPECT_EQ(report.child("points_in").value(INDEX(0)), truth.child("points").value(INDEX(-1)));
+    EXPECT_EQ(report.child("duplicates").value(INDEX(0)), truth.child("duplicates").value(INDEX(-1)));
+    // The flying pixels go, and few surface points with them.
+    const INDEX outliers = report.child("outliers").value(INDEX(0));
+    const INDEX planted = truth.child("outliers").value(INDEX(0));
+    EXPECT_GE(outliers, planted * 8 / 10);
+    EXPECT_LE(outliers, planted + truth.child("points").value(INDEX(0)) / 20);
+    EXPECT_EQ(report.child("points").value(INDEX(0)), report.child("points_in").value(INDEX(0)) -
+                                                            report.child("duplicates").value(INDEX(0)) - outliers);
+
+    // Exactly the listed files, each the very file of the cache.
+    std::map<std::string, ino_t> listed;
+    for (const auto &entry : json_of(j / "caches/upload.part4.json").child("upload").children()) {
+        const std::string file = entry.child("file").value();
+        listed[file] = inode_of(j / "caches" / file);
+        EXPECT_NE(listed[file], 0u) << file;
+    }
+    std::map<std::string, ino_t> published;
+    for (const auto &[file, inode] : tree(j / "results/mesh"))
+        published["mesh/" + file] = inode;
+    EXPECT_EQ(published, listed);
+    EXPECT_EQ(tree(j / "caches/mesh").size(), listed.size());
+
+    const auto floors = report.child("floors").children();
+    ASSERT_EQ(floors.size(), 2);
+    for (INDEX f = 0; f < 2; ++f) {
+        const ORN::JsonParser &floor = floors[f];
+        const std::string name = "floor_" + std::to_string(f);
+        EXPECT_EQ(floor.child("name").value(), name);
+        const double low = floor.child("min").value(0.0), high = floor.child("max").value(0.0);
+        const ORN::JsonParser floor_truth = truth.child("floors").children()[f];
+        EXPECT_EQ(floor.child("duplicates").value(INDEX(0)), floor_truth.child("duplicates").value(INDEX(-1)));
+        const auto triangles = floor.child("triangles").children();
+        const auto targets = floor.child("targets").children();
+        ASSERT_EQ(triangles.size(), 3);
+        for (INDEX l = 0; l < 3; ++l) {
+            const std::string file = "mesh/" + name + "_lod" + std::to_string(l) + ".ply";
+            ASSERT_TRUE(listed.contains(file)) << file;
+            const ZARN::PlyReader ply((j / "results" / file).string());
+            const INDEX vertex = ply.find_element("vertex"), face = ply.find_element("face");
+            const INDEX count = triangles[l].value(INDEX(0));
+            EXPECT_EQ(ply.element_size(face), count) << file;
+            const double target = double(targets[l].value(INDEX(0)));
+            EXPECT_NEAR(double(count), target, 0.05 * target) << file;
+            if (l > 0) {
+                EXPECT_LT(count, triangles[l - 1].value(INDEX(0))) << file;
+            }
+            // Each floor's mesh holds only that floor.
+            const INDEX z = ply.find_property(vertex, "z");
+            for (INDEX v = 0; v < ply.element_size(vertex); ++v) {
+                ASSERT_GE(ply.get_value(vertex, z, v), low) << file;
+                ASSERT_LT(ply.get_value(vertex, z, v), high) << file;
+            }
+        }
+        EXPECT_GT(triangles[0].value(INDEX(0)), 1000);
+        EXPECT_TRUE(read_file(j / "results/mesh" / (name + ".png")).starts_with("\x89PNG")) << name;
+        EXPECT_TRUE(listed.contains("mesh/room_" + name + ".ply"));
+    }
+
+    // The final cloud, each point with its normal and its floor.
+    const ZARN::PlyReader cloud((j / "results/mesh/point_cloud.ply").string());
+    const INDEX vertex = cloud.find_element("vertex");
+    ASSERT_EQ(cloud.element_size(vertex), report.child("points").value(INDEX(0)));
+    const INDEX nz = cloud.find_property(vertex, "nz"), z = cloud.find_property(vertex, "z");
+    const INDEX floor = cloud.find_property(vertex, "floor");
+    const double split = floors[0].child("max").value(0.0);
+    for (INDEX i = 0; i < cloud.element_size(vertex); i += 97) {
+        EXPECT_EQ(cloud.get_byte(vertex, floor, i), cloud.get_value(vertex, z, i) < split ? 0u : 1u) << i;
+        const double n = cloud.get_value(vertex, nz, i);
+        EXPECT_LE(std::abs(n), 1.0 + 1e-6);
+    }
+}
+
+TEST_F(VeldaMesh, SameInputsAreAlreadyDoneAndLostResultsComeBack) {
+    const fs::path j = job();
+    const auto results = tree(j / "results");
+    const auto report = fs::last_write_time(j / "caches/mesh_report.json");
+    fs::remove(j / "results/mesh/floor_1_lod2.ply");
+    const auto r = zarn(j, "VeldaMeshProcess");
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_TRUE(contains(r.output, "\nalready done\n")) << r.output;
+    EXPECT_FALSE(contains(r.output, "points loaded")) << r.output;
+    EXPECT_EQ(tree(j / "results"), results);
+    EXPECT_EQ(fs::last_write_time(j / "caches/mesh_report.json"), report);
+
+    // Other parameters are other inputs: fewer levels, and the files of the
+    // dropped level leave both folders.
+    write_file(j / "caches/split_data.json", split_data(R"(,"lod_levels":2,"point_cloud":false)"));
+    const auto again = zarn(j, "VeldaMeshProcess");
+    ASSERT_EQ(again.status, 0) << again.output;
+    EXPECT_FALSE(contains(again.output, "already done"));
+    EXPECT_FALSE(fs::exists(j / "results/mesh/floor_0_lod2.ply"));
+    EXPECT_FALSE(fs::exists(j / "caches/mesh/floor_0_lod2.ply"));
+    EXPECT_FALSE(fs::exists(j / "results/mesh/point_cloud.ply"));
+    EXPECT_TRUE(fs::exists(j / "results/mesh/floor_0_lod1.ply"));
+}
+
+TEST_F(VeldaMesh, FloorsFoundFromTheHeightsWhenTheListingHasNone) {
+    const fs::path j = job();
+    const std::string listing = read_file(j / "caches/mesh.json");
+    const ORN::JsonParser parsed(listing);
+    // The listing without its floors.
+    std::string chunks = "{\"chunks\":[";
+    for (const auto &c : parsed.child("chunks").children())
+        chunks += std::string(c.index() == parsed.child("chunks").first().index() ? "" : ",") + "{\"file\":\"" +
+                  c.child("file").value() + "\"}";
+    write_file(j / "caches/mesh.json", chunks + "]}");
+    const auto r = zarn(j, "VeldaMeshProcess");
+    ASSERT_EQ(r.status, 0) << r.output;
+    const ORN::JsonParser report = json_of(j / "caches/mesh_report.json");
+    EXPECT_EQ(report.child("floors_found").value(false), true);
+    const auto floors = report.child("floors").children();
+    ASSERT_EQ(floors.size(), 2);
+    // Between the ground floor's ceiling (2.6) and the upper floor (2.9).
+    EXPECT_GT(floors[0].child("max").value(0.0), 2.6);
+    EXPECT_LT(floors[0].child("max").value(0.0), 2.9);
+    EXPECT_FALSE(fs::exists(j / "results/mesh/room_floor_0.ply"));
+}
+
+// A failure after a good run: the listed cause and the assertion, and
+// nothing of "results/" or the report changed.
+struct FAILURE {
+    const char *mName;
+    std::function<void(const fs::path &)> mBreak;
+    std::string mLine;
+    std::string mAssertion;
+};
+
+TEST_F(VeldaMesh, BadInputStopsTheRunAndLeavesTheLastResults) {
+    const std::vector<FAILURE> cases = {
+        {"missing chunk", [](const fs::path &j) { fs::remove(j / "caches/dense/chunk_003.ply"); },
+         "missing file : @/caches/dense/chunk_003.ply", "dynamic_assert failed : false : at "},
+        {"PLY without positions",
+         [](const fs::path &j) {
+             write_file(j / "caches/dense/chunk_001.ply",
+                        "ply\nformat ascii 1.0\nelement vertex 1\nproperty uchar red\nend_header\n7\n");
+         },
+         "PLY without positions : @/caches/dense/chunk_001.ply",
+         "dynamic_assert failed : x != ORN::VAR_NONE && y != ORN::VAR_NONE && z != ORN::VAR_NONE : at "},
+        {"floor with too few points",
+         [](const fs::path &j) {
+             std::string listing = read_file(j / "caches/mesh.json");
+             const auto end = listing.find("]", listing.find("\"floors\""));
+             listing.insert(end, R"(,{"name":"attic","min":6.0,"max":9.0})");
+             write_file(j / "caches/mesh.json", listing);
+         },
+         "too few points on attic : 0", "dynamic_assert failed : r1x >= parameter.mMinimumFloorPoints : at "},
+        {"chunk outside the job",
+         [](const fs::path &j) {
+             std::string listing = read_file(j / "caches/mesh.json");
+             listing.replace(listing.find("dense/chunk_000.ply"), 19, "../../../etc/passwd");
+             write_file(j / "caches/mesh.json", listing);
+         },
+         "name leaves the job directory : ../../../etc/passwd in @/caches/mesh.json", "dynamic_assert failed : plain : at "},
+    };
+    for (const FAILURE &c : cases) {
+        SCOPED_TRACE(c.mName);
+        const fs::path j = job();
+        const auto results = tree(j / "results");
+        const std::string report = read_file(j / "caches/mesh_report.json");
+        c.mBreak(j);
+        const auto r = zarn(j, "VeldaMeshProcess");
+        EXPECT_EQ(r.status, 1) << r.output;
+        std::string line = c.mLine;
+        if (const auto at = line.find('@'); at != std::string::npos)
+            line.replace(at, 1, j.string());
+        // Chunks load on several threads: other lines may come in between.
+        EXPECT_TRUE(contains(r.output, line + "\n")) << r.output;
+        EXPECT_TRUE(contains(r.output, "\nVeldaMeshProcess error\n" + c.mAssertion)) << r.output;
+        EXPECT_TRUE(contains(r.output, " in ZARN_")) << r.output;
+        EXPECT_EQ(tree(j / "results"), results);
+        EXPECT_EQ(read_file(j / "caches/mesh_report.json"), report);
+        fs::remove_all(j);
+    }
+}
+
+} // namespace
