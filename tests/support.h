@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -59,6 +60,16 @@ inline std::string read_file(const fs::path &path) {
 inline ino_t inode_of(const fs::path &path) {
     struct stat st {};
     return ::stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+// Every regular file under a directory: relative name -> inode.
+inline std::map<std::string, ino_t> tree(const fs::path &root) {
+    std::map<std::string, ino_t> files;
+    if (fs::exists(root))
+        for (const auto &e : fs::recursive_directory_iterator(root))
+            if (e.is_regular_file())
+                files[fs::relative(e.path(), root).generic_string()] = inode_of(e.path());
+    return files;
 }
 
 // Shell-quoted word.

@@ -67,16 +67,6 @@ std::vector<std::string> manifest(const fs::path &file) {
     return files;
 }
 
-// Every regular file under a directory: relative name -> inode.
-std::map<std::string, ino_t> tree(const fs::path &root) {
-    std::map<std::string, ino_t> files;
-    if (fs::exists(root))
-        for (const auto &e : fs::recursive_directory_iterator(root))
-            if (e.is_regular_file())
-                files[fs::relative(e.path(), root).generic_string()] = inode_of(e.path());
-    return files;
-}
-
 TEST_F(VeldaMain, FirstRunPublishesEveryListedFileAsHardLinkAndWritesRecord) {
     const fs::path job = make_job("job");
     const auto r = velda(job);

@@ -22,16 +22,6 @@ RunResult zarn(const fs::path &job, const std::string &process) {
                quote(job.string()));
 }
 
-// Every regular file under a directory: relative name -> inode.
-std::map<std::string, ino_t> tree(const fs::path &root) {
-    std::map<std::string, ino_t> files;
-    if (fs::exists(root))
-        for (const auto &e : fs::recursive_directory_iterator(root))
-            if (e.is_regular_file())
-                files[fs::relative(e.path(), root).generic_string()] = inode_of(e.path());
-    return files;
-}
-
 ORN::JsonParser json_of(const fs::path &file) { return ORN::JsonParser(read_file(file)); }
 
 class VeldaMesh : public ::testing::Test {
