@@ -48,7 +48,7 @@ protected:
     fs::path make_job(const std::string &name, int panoramas) {
         const fs::path job = mRoot.path() / name;
         for (int i = 0; i < panoramas; ++i)
-            write_panorama(job / ("caches/images/p" + std::to_string(i) + ".jpg"), i);
+            write_panorama(job / (std::string("caches/images/p") + std::to_string(i) + ".jpg"), i);
         write_file(job / "caches/split_data.json", R"({"ImageFilterProcess":{}})");
         write_file(job / "setting.xml",
                    "<_Lumora><ImageFilterProcess><mThreadConcurrency value=\"2\"/></ImageFilterProcess></_Lumora>");
@@ -74,8 +74,8 @@ protected:
 TEST_F(ImageFilter, BlursTheListedRegionsWritesPreviewsAndPublishes) {
     const fs::path job = make_job("job", 2);
     write_file(job / "extras/image-ROI.json",
-               "{\"images\":[" + record("p0", R"({"x":100,"y":60,"w":80,"h":50},{"x":300,"y":120,"w":60,"h":60})", true) +
-                   "," + record("p1", R"({"x":0,"y":0,"w":64,"h":32})", false, 1) + "]}");
+               std::string("{\"images\":[") + record("p0", R"({"x":100,"y":60,"w":80,"h":50},{"x":300,"y":120,"w":60,"h":60})", true) +
+                   std::string(",") + record("p1", R"({"x":0,"y":0,"w":64,"h":32})", false, 1) + "]}");
     const auto r = filter(job);
     ASSERT_EQ(r.status, 0) << r.output;
     for (const char *line : {"\ninitializing filter\n", "\nprocessing image [0] p0\n", "\nprocessing image [1] p1\n",
@@ -99,16 +99,16 @@ TEST_F(ImageFilter, ABrokenRegionFileStopsBeforeAnythingIsWritten) {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {R"({"image":[]})", "region file without an \"images\" array : "},
         {R"({"images":{}})", "region file without an \"images\" array : "},
-        {"{\"images\":[" + record("p0", R"({"x":500,"y":0,"w":20,"h":10})") + "]}",
+        {std::string("{\"images\":[") + record("p0", R"({"x":500,"y":0,"w":20,"h":10})") + "]}",
          "region file, image [0] : rectangle outside the image : p0 500,0 20x10 in 512x256"},
-        {"{\"images\":[" + record("p0", R"({"x":0,"y":0,"w":0,"h":10})") + "]}",
+        {std::string("{\"images\":[") + record("p0", R"({"x":0,"y":0,"w":0,"h":10})") + "]}",
          "region file, image [0] : rectangle outside the image : p0 0,0 0x10 in 512x256"},
-        {"{\"images\":[" + record("p0", "") + "," + record("nowhere", "") + "]}", "missing file : "},
-        {"{\"images\":[" + record("../p0", "") + "]}", "region file, image [0] : not a panorama name : ../p0"},
+        {std::string("{\"images\":[") + record("p0", "") + std::string(",") + record("nowhere", "") + "]}", "missing file : "},
+        {std::string("{\"images\":[") + record("../p0", "") + "]}", "region file, image [0] : not a panorama name : ../p0"},
     };
     int n = 0;
     for (const auto &[text, line] : cases) {
-        const fs::path job = make_job("job" + std::to_string(n++), 1);
+        const fs::path job = make_job(std::string("job") + std::to_string(n++), 1);
         write_file(job / "extras/image-ROI.json", text);
         fs::remove(trace());
         const auto r = filter(job);
@@ -125,7 +125,7 @@ TEST_F(ImageFilter, AFailingImageStopsTheRunAfterTheRecordsInFlight) {
     write_file(job / "caches/images/p2.jpg", "not a picture");
     std::string records;
     for (int i = 0; i < 8; ++i)
-        records.append(i ? "," : "").append(record("p" + std::to_string(i), R"({"x":10,"y":10,"w":20,"h":20})"));
+        records.append(i ? "," : "").append(record(std::string("p") + std::to_string(i), R"({"x":10,"y":10,"w":20,"h":20})"));
     write_file(job / "extras/image-ROI.json", "{\"images\":[" + records + "]}");
     const auto r = filter(job);
     EXPECT_EQ(r.status, 1) << r.output;
@@ -140,7 +140,7 @@ TEST_F(ImageFilter, AFailingImageStopsTheRunAfterTheRecordsInFlight) {
 
 TEST_F(ImageFilter, ANullFilterObjectIsFatal) {
     const fs::path job = make_job("job", 1);
-    write_file(job / "extras/image-ROI.json", "{\"images\":[" + record("p0", "") + "]}");
+    write_file(job / "extras/image-ROI.json", std::string("{\"images\":[") + record("p0", "") + "]}");
     const auto r = filter(job, "ZARN_BACKEND_NULL=KIVO_CreateFilterHandle");
     EXPECT_EQ(r.status, 1) << r.output;
     EXPECT_TRUE(contains(r.output, "\ninitializing filter\nImageFilterProcess error\n"
