@@ -252,6 +252,8 @@ public:
     INDEX_LIST get_index_list(INDEX element_index, INDEX property_index, INDEX item_index) const override;
     const ORN::uint64 &get_byte(INDEX element_index, INDEX property_index, INDEX item_index) const override;
     BYTE_LIST get_byte_list(INDEX element_index, INDEX property_index, INDEX item_index) const override;
+    VALUE_LIST get_values(INDEX element_index, INDEX property_index) const override;
+    BYTE_LIST get_bytes(INDEX element_index, INDEX property_index) const override;
 
 private:
     class TEXT_STREAM;
@@ -819,6 +821,16 @@ PlyReader::BYTE_LIST PlyReader::Implement::get_byte_list(INDEX element_index, IN
     return item_column(element_index, property_index, item_index).list<ORN::uint64>(item_index);
 }
 
+PlyReader::VALUE_LIST PlyReader::Implement::get_values(INDEX element_index, INDEX property_index) const {
+    _DYNAMIC_ASSERT_(mBodyType[element_index][property_index] == PLYREADER_BODY_TYPE_VALUE);
+    return VALUE_LIST(mColumn[element_index][property_index].mValue.data(), mElement[element_index].mSize);
+}
+
+PlyReader::BYTE_LIST PlyReader::Implement::get_bytes(INDEX element_index, INDEX property_index) const {
+    _DYNAMIC_ASSERT_(mBodyType[element_index][property_index] == PLYREADER_BODY_TYPE_BYTE);
+    return BYTE_LIST(mColumn[element_index][property_index].mByte.data(), mElement[element_index].mSize);
+}
+
 // ---------------------------------------------------------------------------
 
 PlyReader::PlyReader(const ORN::String<char> &path) : mThis(ORN::StrongRef<Implement>::make(path)) {}
@@ -868,6 +880,16 @@ const ORN::uint64 &PlyReader::get_byte(INDEX element_index, INDEX property_index
 PlyReader::BYTE_LIST PlyReader::get_byte_list(INDEX element_index, INDEX property_index, INDEX item_index) const {
     check_avaliable(mThis);
     return mThis.get()->get_byte_list(element_index, property_index, item_index);
+}
+
+PlyReader::VALUE_LIST PlyReader::get_values(INDEX element_index, INDEX property_index) const {
+    check_avaliable(mThis);
+    return mThis.get()->get_values(element_index, property_index);
+}
+
+PlyReader::BYTE_LIST PlyReader::get_bytes(INDEX element_index, INDEX property_index) const {
+    check_avaliable(mThis);
+    return mThis.get()->get_bytes(element_index, property_index);
 }
 
 } // namespace ZARN

@@ -77,6 +77,11 @@ public:
     const ORN::uint64 &get_byte(ORN::INDEX element_index, ORN::INDEX property_index, ORN::INDEX item_index) const;
     BYTE_LIST get_byte_list(ORN::INDEX element_index, ORN::INDEX property_index, ORN::INDEX item_index) const;
 
+    // Every item's value of a scalar property at once, in item order: the
+    // same stored values get_value / get_byte hand out one by one.
+    VALUE_LIST get_values(ORN::INDEX element_index, ORN::INDEX property_index) const;
+    BYTE_LIST get_bytes(ORN::INDEX element_index, ORN::INDEX property_index) const;
+
     // Asserts that the handle holds a reader.
     static void check_avaliable(const ORN::StrongRef<Abstract> &pointer);
 
@@ -96,6 +101,8 @@ public:
     virtual INDEX_LIST get_index_list(ORN::INDEX element_index, ORN::INDEX property_index, ORN::INDEX item_index) const = 0;
     virtual const ORN::uint64 &get_byte(ORN::INDEX element_index, ORN::INDEX property_index, ORN::INDEX item_index) const = 0;
     virtual BYTE_LIST get_byte_list(ORN::INDEX element_index, ORN::INDEX property_index, ORN::INDEX item_index) const = 0;
+    virtual VALUE_LIST get_values(ORN::INDEX element_index, ORN::INDEX property_index) const = 0;
+    virtual BYTE_LIST get_bytes(ORN::INDEX element_index, ORN::INDEX property_index) const = 0;
 };
 
 } // namespace ZARN

@@ -206,26 +206,38 @@ CLOUD read_chunk(const ORN::String<char> &path, std::uint16_t chunk) {
     const INDEX n = ply.element_size(vertex);
     CLOUD cloud;
     cloud.resize(n);
-    float *p = cloud.mPosition.data();
-    float *nn = cloud.mNormal.data();
-    std::uint8_t *c = cloud.mColour.data();
-    for (INDEX i = 0; i < n; ++i, p += 3, nn += 3, c += 3) {
-        p[0] = static_cast<float>(ply.get_value(vertex, x, i));
-        p[1] = static_cast<float>(ply.get_value(vertex, y, i));
-        p[2] = static_cast<float>(ply.get_value(vertex, z, i));
-        if (has_normal) {
-            double v[3];
+    // Whole columns at a time: the reader's stored values, walked in item
+    // order, written into the cloud's interleaved arrays.
+    {
+        const double *axis[3] = {ply.get_values(vertex, x).data(), ply.get_values(vertex, y).data(),
+                                 ply.get_values(vertex, z).data()};
+        float *p = cloud.mPosition.data();
+        for (INDEX i = 0; i < n; ++i, p += 3)
             for (int a = 0; a < 3; ++a)
-                v[a] = ply.get_value(vertex, normal[a], i);
+                p[a] = static_cast<float>(axis[a][i]);
+    }
+    float *nn = cloud.mNormal.data();
+    if (has_normal) {
+        const double *axis[3] = {ply.get_values(vertex, normal[0]).data(), ply.get_values(vertex, normal[1]).data(),
+                                 ply.get_values(vertex, normal[2]).data()};
+        for (INDEX i = 0; i < n; ++i, nn += 3) {
+            const double v[3] = {axis[0][i], axis[1][i], axis[2][i]};
             const double length = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
             for (int a = 0; a < 3; ++a)
                 nn[a] = length > 0 ? static_cast<float>(v[a] / length) : 0.0f;
-        } else {
-            nn[0] = nn[1] = nn[2] = 0;
         }
-        for (int a = 0; a < 3; ++a)
-            c[a] = has_colour ? static_cast<std::uint8_t>(std::min<ORN::uint64>(ply.get_byte(vertex, colour[a], i), 255))
-                              : std::uint8_t(160);
+    } else {
+        std::fill(cloud.mNormal.begin(), cloud.mNormal.end(), 0.0f);
+    }
+    if (has_colour) {
+        const ORN::uint64 *channel[3] = {ply.get_bytes(vertex, colour[0]).data(), ply.get_bytes(vertex, colour[1]).data(),
+                                         ply.get_bytes(vertex, colour[2]).data()};
+        std::uint8_t *c = cloud.mColour.data();
+        for (INDEX i = 0; i < n; ++i, c += 3)
+            for (int a = 0; a < 3; ++a)
+                c[a] = static_cast<std::uint8_t>(std::min<ORN::uint64>(channel[a][i], 255));
+    } else {
+        std::fill(cloud.mColour.begin(), cloud.mColour.end(), std::uint8_t(160));
     }
     std::fill(cloud.mChunk.begin(), cloud.mChunk.end(), chunk);
     return cloud;

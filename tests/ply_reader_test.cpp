@@ -186,6 +186,19 @@ TEST_F(PlyReaderTest, GettersHandOutStoredValuesAndListsWithoutCopies) {
         x0 = &r.get_value(0, 0, 0);
         face1 = r.get_index_list(2, 0, 1);
         EXPECT_TRUE(&r.get_value(0, 0, 0) == x0 && r.get_index_list(2, 0, 1).data() == face1.data());
+        // A whole column is the same stored values, every item of the element.
+        const auto xs = r.get_values(0, 0);
+        ASSERT_EQ(xs.size(), r.element_size(0));
+        for (INDEX i = 0; i < xs.size(); ++i)
+            EXPECT_EQ(&xs[i], &r.get_value(0, 0, i));
+        const INDEX red = r.find_property(0, "red");
+        const auto reds = r.get_bytes(0, red);
+        ASSERT_EQ(reds.size(), r.element_size(0));
+        EXPECT_EQ(&reds[1], &r.get_byte(0, red, 1));
+        EXPECT_TRUE(raised(failure_of([&] { r.get_values(0, red); }), "mBodyType[element_index][property_index] == PLYREADER_BODY_TYPE_VALUE",
+                           "::get_values("));
+        EXPECT_TRUE(raised(failure_of([&] { r.get_bytes(2, 0); }), "mBodyType[element_index][property_index] == PLYREADER_BODY_TYPE_BYTE",
+                           "::get_bytes("));
         copy = r;
     }
     // The last handle keeps the values alive.
