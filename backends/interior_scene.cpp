@@ -572,9 +572,16 @@ std::vector<Chunk> sample_chunks(const Scene &scene, std::int64_t points, std::u
         }
     }
 
+    // A chunk holds what its viewpoint sees: a face turned away from its
+    // room's viewpoint (the far side of a cupboard) gets no points.
     std::vector<double> areas;
-    for (const Surface &s : scene.mSurfaces)
-        areas.push_back(s.area());
+    for (const Surface &s : scene.mSurfaces) {
+        double eye[3];
+        scene.mRooms[static_cast<std::size_t>(s.mRoom)].viewpoint(eye);
+        const double facing = (eye[0] - s.mOrigin[0]) * s.mNormal[0] + (eye[1] - s.mOrigin[1]) * s.mNormal[1] +
+                              (eye[2] - s.mOrigin[2]) * s.mNormal[2];
+        areas.push_back(facing > 0 ? s.area() : 0.0);
+    }
     const std::vector<std::int64_t> count = apportion(areas, std::max<std::int64_t>(points, 0));
     std::vector<double> volumes;
     for (const Room &r : scene.mRooms)
