@@ -195,10 +195,12 @@ protected:
             mSyntaxTree.stack<CON_mSetting>();
     }
 
-    // The declared graph of the whole process in Graphviz DOT form; no action
-    // runs.
+    // The declared graph of the whole process in Graphviz DOT form, the
+    // nodes reached through optional dependencies included (drawn dashed);
+    // no action runs.
     ORN::String<char> graph_dot(const ORN::String<char> &working_path) {
         mWorkingPath = working_path;
+        mSyntaxTree.declare_optional(true);
         mSyntaxTree.stack<CON_mEnableProcess>();
         stack_initial_nodes();
         mSyntaxTree.redo<VAR_mWorkingPath>(mWorkingPath);

@@ -62,10 +62,12 @@ public:
         show_locked();
     }
 
+    // The files are rotated and opened without the mutex: a failing file
+    // operation reports itself on the console (which takes the mutex) before
+    // its assertion leaves. The previous log is closed first, so the report
+    // of a failure reaches the screen only.
     void attach_log(const String<char> &directory) override {
-        const std::lock_guard<std::mutex> lock(mMutex);
-        mLog = StreamLoader();
-        mLogDirectory.clear();
+        detach_log();
         if (!directory.empty() && !FileSystemProc::find_directory(directory))
             FileSystemProc::build_directory(directory);
         const String<char> r1x = FileSystemProc::join_path(directory, "console.old.log");
@@ -73,7 +75,9 @@ public:
         FileSystemProc::erase_file(r1x);
         if (FileSystemProc::find_file(r2x))
             FileSystemProc::move_file(r2x, r1x);
-        mLog = StreamLoader::open_write(r2x);
+        StreamLoader log = StreamLoader::open_write(r2x);
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mLog = std::move(log);
         mLogDirectory = directory;
     }
 

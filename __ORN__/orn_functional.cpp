@@ -645,6 +645,19 @@ void append_quoted(String<char> &out, const String<char> &text) {
 String<char> SyntaxTree::to_dot() const {
     String<char> out = "digraph SyntaxTree {\n  rankdir=TB;\n  node [fontname=\"Helvetica\"];\n";
     out += "  n0 [label=\"root\", shape=point, width=0.15];\n";
+    // Nodes every run plays: those that stack edges from the root reach.
+    std::vector<bool> required(static_cast<std::size_t>(mTree.size()), false);
+    std::vector<INDEX> walk{root_node()};
+    required[0] = true;
+    while (!walk.empty()) {
+        const INDEX i = walk.back();
+        walk.pop_back();
+        for (const INDEX c : mTree[i].mChild)
+            if (!required[static_cast<std::size_t>(c)]) {
+                required[static_cast<std::size_t>(c)] = true;
+                walk.push_back(c);
+            }
+    }
     for (INDEX i = root_node() + 1; i < mTree.size(); ++i) {
         const String<char> name = node_name(i);
         out += "  n";
@@ -655,6 +668,8 @@ String<char> SyntaxTree::to_dot() const {
         out += shape_of(name);
         if (mTree[i].mIsFunction || mTree[i].mIsIteration)
             out += ", peripheries=2";
+        if (!required[static_cast<std::size_t>(i)])
+            out += ", style=dashed";
         out += "];\n";
     }
     const auto edge = [&out](INDEX a, INDEX b, const char *style) {

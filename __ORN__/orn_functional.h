@@ -328,8 +328,17 @@ public:
     Array<TIME_RECORD> time_report() const;
     String<char> time_report_text() const;
     // Graphviz digraph of the declared graph: solid edges for stack, dashed
-    // for maybe declarations not fetched, dotted for iteration links.
+    // for maybe declarations not fetched, dotted for iteration links. Nodes
+    // that no chain of stack edges from the root reaches (those only an
+    // optional dependency leads to) have a dashed outline.
     String<char> to_dot() const;
+
+    // While on, `maybe<T>()` also declares T (constructs its value, so that
+    // T names its own dependencies), as `stack` would, without making it a
+    // dependency: the whole graph a run can play is declared, for to_dot.
+    // Declaring runs no action. A graph declared so is for inspection: it
+    // must not be played.
+    void declare_optional(bool on) noexcept { mDeclareOptional = on; }
 
 private:
     // The node list: nodes never move once appended. Chunk c holds 64 * 2^c
@@ -509,6 +518,7 @@ private:
     Deque<INDEX> mCleanQueue;
     StrongRef<bool> mCleanSwitch;
     INDEX mOrderCounter = 0;
+    bool mDeclareOptional = false; // maybe declares the node too (to_dot)
     Array<INDEX> mBuilt;                   // nodes in the order their values were made (each value once)
     Array<PACK<INDEX, INDEX>> mMaybeEdges; // every maybe declaration, for to_dot
     Array<PACK<INDEX, INDEX>> mIterationLinks;
@@ -552,6 +562,11 @@ void SyntaxTree::maybe(INDEX key) {
     _DYNAMIC_ASSERT_(!(mTree[iy].mOncePlayed));
     _DYNAMIC_ASSERT_(!(mTree[iy].mPlayed));
     link_maybe(ix, iy);
+    if (mDeclareOptional && !mTree[iy].mValue.exist()) {
+        mStack.append(iy);
+        value_built(iy, build_value<T>(key));
+        mStack.pop();
+    }
 }
 
 template <class T, class V>

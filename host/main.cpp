@@ -252,17 +252,23 @@ int run_job_isolated(const std::string &workdir, const Factories &factories) {
     return EXIT_FAILED;
 }
 
+// The working directory made absolute; one that is missing or not a
+// directory is a usage error.
+std::string working_directory(const std::string &w) {
+    std::string path = absolute_path(w);
+    std::error_code ec;
+    const auto type = fs::status(path, ec).type();
+    if (type == fs::file_type::not_found)
+        throw UsageError{"working directory " + path + " does not exist"};
+    if (type != fs::file_type::directory)
+        throw UsageError{"working directory " + path + " is not a directory"};
+    return path;
+}
+
 int run(const Options &o) {
     std::vector<std::string> workdirs;
-    for (const auto &w : o.workdirs) {
-        workdirs.push_back(absolute_path(w));
-        std::error_code ec;
-        const auto type = fs::status(workdirs.back(), ec).type();
-        if (type == fs::file_type::not_found)
-            throw UsageError{"working directory " + workdirs.back() + " does not exist"};
-        if (type != fs::file_type::directory)
-            throw UsageError{"working directory " + workdirs.back() + " is not a directory"};
-    }
+    for (const auto &w : o.workdirs)
+        workdirs.push_back(working_directory(w));
     const std::string module =
         o.module.empty() ? absolute_path(launcher_directory() + "/../lib/libZARN_Velda.so") : absolute_path(o.module);
     const std::string log = o.log.empty() ? std::string() : absolute_path(o.log);
@@ -283,8 +289,15 @@ int run(const Options &o) {
     auto &console = ORN::console();
     if (!o.verbose)
         console.set_screen_level(ORN::ConsoleLevel::Info);
-    if (!log.empty())
-        console.attach_log(log);
+    if (!log.empty()) {
+        // The console has said what is wrong with the file (one line for
+        // each failing operation); the launcher only adds that it stops.
+        try {
+            console.attach_log(log);
+        } catch (const ORN::Exception &) {
+            throw UsageError{"cannot write the log in " + log};
+        }
+    }
     ORN::JobLock::set_wait(!o.no_wait);
     ZARN::STLStreamLogger logger(console);
 
@@ -296,7 +309,7 @@ int run(const Options &o) {
 }
 
 int graph(const Options &o) {
-    std::cout << ZARN::process_graph_dot(o.processes.front(), absolute_path(o.workdirs.front()));
+    std::cout << ZARN::process_graph_dot(o.processes.front(), working_directory(o.workdirs.front()));
     return EXIT_DONE;
 }
 

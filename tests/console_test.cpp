@@ -123,6 +123,25 @@ TEST(ConsoleLog, RotationKeepsOneGenerationAndFormatsLines) {
     EXPECT_TRUE(fs::is_regular_file(dir / "sub/logs/console.log"));
 }
 
+TEST(ConsoleLog, ALogThatCannotBeOpenedFailsAfterSayingWhyAndTheConsoleGoesOn) {
+    TempDir dir;
+    fs::create_directories(dir / "logs/console.log");
+    write_file(dir / "file", "x");
+    ORN::ConsoleService service;
+    service.attach_log(dir.str());
+    for (const std::string &bad : {dir / "logs", dir / "file"}) {
+        std::string text;
+        // The failure is reported through the same service: it used to wait
+        // for its own mutex for ever.
+        const std::string said = capture_stdout([&] { text = failure_of([&] { service.attach_log(bad); }); });
+        EXPECT_TRUE(starts_with(text, "dynamic_assert failed : ")) << text;
+        EXPECT_TRUE(starts_with(said, "open : " + bad + "/console.log : ")) << said;
+        EXPECT_FALSE(service.log_attached());
+    }
+    EXPECT_EQ(capture_stdout([&] { service.info("still here"); }), "still here\n");
+    EXPECT_TRUE(fs::is_directory(dir / "logs/console.log"));
+}
+
 TEST(ConsoleLog, ConcurrentWritersProduceWholeLinesInPerThreadOrder) {
     TempDir dir;
     ORN::ConsoleService service;

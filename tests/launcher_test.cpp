@@ -58,6 +58,22 @@ TEST(LauncherCommandLine, UsageErrorsExitTwoWithOneLineReason) {
     }
 }
 
+TEST(LauncherCommandLine, ALogThatCannotBeWrittenIsAUsageErrorNotAHang) {
+    TempDir job, logs;
+    make_job(job, R"({"VideoROIProcess":{}})");
+    write_file(logs / "file", "x");
+    fs::create_directories(logs / "dir/console.log");
+    for (const std::string &log : {logs / "file", logs / "dir", std::string("/proc/self")}) {
+        // Bounded: the console used to wait for itself for ever here.
+        const auto r = run("timeout 30 " + quote(ZARN) + " run --process VideoROIProcess --log " + quote(log) + " " + job.str());
+        EXPECT_EQ(r.status, 2) << log << ": " << r.output;
+        EXPECT_TRUE(contains(r.output, "zarn: cannot write the log in " + log + "\n")) << r.output;
+        EXPECT_FALSE(contains(r.output, "VideoROIProcess:")) << r.output;
+    }
+    EXPECT_EQ(read_file(logs / "file"), "x");
+    EXPECT_TRUE(fs::is_directory(logs / "dir/console.log"));
+}
+
 TEST(LauncherRun, EnabledProcessPrintsBannerRunsAndEndsAllDone) {
     TempDir job;
     make_job(job, R"({"VideoROIProcess":{}})");
@@ -204,6 +220,16 @@ TEST(LauncherGraph, PrintsTheDeclaredGraphWithoutRunningIt) {
         EXPECT_EQ(contains(r.output, "label=\"CON_mSetting\""), keys) << process;
     }
     EXPECT_TRUE(fs::is_empty(job.path()));
+    // Every node a run can play, those behind optional dependencies dashed.
+    const auto velda = zarn("graph --process VeldaMainProcess " + job.str()).output;
+    for (const char *node : {"CON_mVeldaHandle", "ACT_mVeldaMain_mEnable"})
+        EXPECT_TRUE(contains(velda, std::string("[label=\"") + node + "\", shape=")) << node << "\n" << velda;
+    EXPECT_TRUE(contains(velda, "[label=\"ACT_mVeldaMain_mEnable\", shape=box, style=dashed]")) << velda;
+    EXPECT_TRUE(contains(velda, "[label=\"ACT_mWorkingPath\", shape=box]")) << velda;
+    EXPECT_TRUE(fs::is_empty(job.path()));
+    const auto missing = zarn("graph --process VeldaMainProcess " + job.str() + "/absent");
+    EXPECT_EQ(missing.status, 2) << missing.output;
+    EXPECT_EQ(missing.output, "zarn: working directory " + job.str() + "/absent does not exist\n");
 }
 
 // Settings: the working directory's file, the current directory's (--libs)

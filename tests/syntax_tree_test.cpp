@@ -245,6 +245,44 @@ TEST(SyntaxTreeMaybe, OptionalRunsOnlyWhenFetchedAndThenBeforeTheSecondPhase) {
                            "~CON_mOptional"}));
 }
 
+// Declared for inspection, an optional node names its own dependencies, so
+// the export shows all a run can play; no action runs, and only what the
+// optional edges alone lead to is drawn dashed.
+LOGGED_NODE(CON_mRequired);
+using ACT_mBoth = Declares<[](SyntaxTree &tree) {
+    tree.stack<CON_mRequired>();
+    tree.maybe<CON_mOptional>();
+    tree.once([] { gLog.push_back("both"); });
+}>;
+
+TEST(SyntaxTreeMaybe, DeclaringOptionalNodesShowsTheirWholeSubgraphWithoutPlaying) {
+    reset_log();
+    SyntaxTree plain;
+    plain.stack<ACT_mBoth>();
+    EXPECT_FALSE(contains(plain.to_dot(), "CON_mDeepOptional"));
+
+    SyntaxTree tree;
+    tree.declare_optional(true);
+    tree.stack<ACT_mBoth>();
+    EXPECT_TRUE(gLog.empty());
+    EXPECT_EQ(gBuilt["CON_mOptional"], 1);
+    EXPECT_EQ(gBuilt["CON_mDeepOptional"], 1);
+    const std::string dot = tree.to_dot();
+    const auto line = [&](const char *name) {
+        const auto at = dot.find(std::string("[label=\"") + name + "\"");
+        return at == std::string::npos ? std::string() : dot.substr(at, dot.find('\n', at) - at);
+    };
+    EXPECT_EQ(line("CON_mOptional"), "[label=\"CON_mOptional\", shape=ellipse, style=dashed];");
+    EXPECT_EQ(line("CON_mDeepOptional"), "[label=\"CON_mDeepOptional\", shape=ellipse, style=dashed];");
+    EXPECT_EQ(line("CON_mRequired"), "[label=\"CON_mRequired\", shape=ellipse];");
+    const auto id = [&](ORN::INDEX ix) { return "n" + std::to_string(ix); };
+    EXPECT_TRUE(contains(dot, id(tree.find_node<CON_mOptional>()) + " -> " + id(tree.find_node<CON_mDeepOptional>()) + ";"))
+        << dot;
+    EXPECT_TRUE(contains(dot, id(tree.find_node<ACT_mBoth>()) + " -> " + id(tree.find_node<CON_mOptional>()) +
+                                  " [style=dashed];"))
+        << dot;
+}
+
 // A node scheduled for a later top-level action is needed earlier when an
 // optional dependency fetched during play turns out to use it.
 LOGGED_NODE(CON_mRightShared);
@@ -346,7 +384,7 @@ TEST(SyntaxTreeProcess, InitializeThenExecuteRunsEachNodeOnceFreesSettingsAndRep
     const std::string dot = tree.to_dot();
     const auto id = [](ORN::INDEX ix) { return "n" + std::to_string(ix); };
     EXPECT_TRUE(starts_with(dot, "digraph SyntaxTree {\n"));
-    for (const std::string &part : {id(tree.find_node<CON_mOptional>()) + " [label=\"CON_mOptional\", shape=ellipse]",
+    for (const std::string &part : {id(tree.find_node<CON_mOptional>()) + " [label=\"CON_mOptional\", shape=ellipse, style=dashed]",
                                     std::string("[label=\"VAR_mWorkingPath\", shape=diamond, peripheries=2]"),
                                     std::string("[label=\"ACT_mChooser\", shape=box]"),
                                     "n0 -> " + id(tree.find_node<ACT_mWorkingPath>()) + ";",
