@@ -191,7 +191,7 @@ public:
             const auto &data = tree.stack<CON_mStitchData>();
             const auto &setting = tree.stack<CON_mSetting>();
             const auto &path = tree.stack<VAR_mWorkingPath>();
-            tree.stack<CON_mImageStitchRequiredFile>();
+            tree.stack<CON_mStitchRequiredFile>();
             tree.stack<CON_mImageStitchConfigProprety>();
             tree.stack<CON_mDistortTableTxt>();
             tree.maybe<CON_mStereoRotStitchHandle>();
@@ -246,7 +246,7 @@ public:
             const auto &sizes = tree.stack<CON_mImageStitchPanoramaWidth>();
             const auto &setting = tree.stack<CON_mSetting>();
             const auto &path = tree.stack<VAR_mWorkingPath>();
-            tree.stack<CON_mImageStitchRequiredFile>();
+            tree.stack<CON_mStitchRequiredFile>();
             tree.stack<CON_mDistortTableTxt>();
             tree.maybe<CON_mStereoRotStitchHandle>();
             tree.maybe<SUB_mOptFlowStitchHandle>();

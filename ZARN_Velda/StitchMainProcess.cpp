@@ -172,7 +172,7 @@ public:
             const auto &sizes = tree.stack<CON_mImageStitchPanoramaWidth>();
             const auto &setting = tree.stack<CON_mSetting>();
             const auto &path = tree.stack<VAR_mWorkingPath>();
-            tree.stack<CON_mImageStitchRequiredFile>();
+            tree.stack<CON_mStitchRequiredFile>();
             // Held for the stitcher objects, which are declared only when
             // there is work.
             tree.stack<CON_mImageStitchDistortTableFile>();

@@ -312,7 +312,7 @@ public:
     static void check_required(const ORN::JobDirectory &job, const ORN::Array<String<char>> &names) {
         for (const String<char> &name : names) {
             if (!job.exist(name))
-                ConsistencyProc::check_file_existance(job.path(name));
+                ConsistencyProc::check_file_existance(job, name);
             const bool regular = job.find_file(name);
             if (!regular)
                 ORN::console().error("refused file : ", job.path(name), " : not a regular file reached without links");
@@ -345,17 +345,30 @@ public:
         }
     };
 
+    // Every file of every enabled pass, images and videos, checked. Each
+    // action that may open the library stacks this node (and the lens
+    // table node), so that both stay alive for the library node, which is
+    // built only when an action fetches it: the library may be fetched
+    // first by the video pass, after the image passes had nothing to do.
+    struct CON_mStitchRequiredFile {
+        ORN_NODE(CON_mStitchRequiredFile);
+        explicit CON_mStitchRequiredFile(ORN::SyntaxTree &tree) {
+            tree.stack<typename P::CON_mImageStitchRequiredFile>();
+            tree.stack<CON_mVideoStitchRequiredFile>();
+        }
+    };
+
     // -----------------------------------------------------------------------
     // The library's objects and calls.
 
     // The process's library, opened and linked when the node plays, after
-    // every file the enabled passes read was checked.
+    // every file the enabled passes read was checked. Whatever fetches it
+    // stacks what it stacks.
     template <class BINDING>
     struct LIBRARY_NODE {
         ORN::AutoRef<BINDING> mSelf;
         explicit LIBRARY_NODE(ORN::SyntaxTree &tree) {
-            tree.stack<typename P::CON_mImageStitchRequiredFile>();
-            tree.stack<CON_mVideoStitchRequiredFile>();
+            tree.stack<CON_mStitchRequiredFile>();
             tree.stack<typename P::CON_mLensTableFile>();
             tree.once([this] { mSelf = ORN::AutoRef<BINDING>::make(); });
         }
@@ -514,7 +527,7 @@ public:
             const auto &videos = tree.stack<CON_mEnumStitchDataVideo>();
             const auto &setting = tree.stack<CON_mSetting>();
             const auto &path = tree.stack<VAR_mWorkingPath>();
-            tree.stack<CON_mVideoStitchRequiredFile>();
+            tree.stack<CON_mStitchRequiredFile>();
             tree.stack<CON_mImageStitchPanoramaWidth>();
             tree.stack<typename P::CON_mLensTableFile>();
             tree.maybe<typename P::CON_mLibraryHandle>();
@@ -624,7 +637,8 @@ public:
         return names;
     }
 
-    // Publishes each stitched video into "results/videos/" by hard link.
+    // Makes the stitched videos, by hard link, the content of
+    // "results/videos/" (none when no video was stitched).
     struct ACT_mResultsVideoFile {
         ORN_NODE(ACT_mResultsVideoFile);
         explicit ACT_mResultsVideoFile(ORN::SyntaxTree &tree) {
@@ -633,14 +647,13 @@ public:
             const auto &videos = tree.stack<CON_mEnumStitchDataVideo>();
             const auto &path = tree.stack<VAR_mWorkingPath>();
             tree.once([&stitch, &data, &videos, &path] {
-                if (stitch.mHandles == nullptr)
-                    return;
-                const ORN::JobDirectory job(path.mSelf);
-                for (const INDEX i : videos.mSelf) {
-                    const String<char> &source = data.mVideo[i].dst4;
-                    job.publish_file(source, "results/videos/" + FileSystemProc::file_name(source));
-                    ORN::console().debug("link : results/videos/", FileSystemProc::file_name(source));
-                }
+                ORN::Array<ORN::JobDirectory::PUBLISHED> published;
+                if (stitch.mHandles != nullptr)
+                    for (const INDEX i : videos.mSelf) {
+                        const String<char> &source = data.mVideo[i].dst4;
+                        published.append(ORN::JobDirectory::PUBLISHED{source, "results/videos/" + FileSystemProc::file_name(source)});
+                    }
+                ORN::JobDirectory(path.mSelf).publish_files("results/videos", published);
             });
         }
     };

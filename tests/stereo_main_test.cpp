@@ -130,6 +130,43 @@ TEST_F(StereoMain, TheGatesChooseThePasses) {
     EXPECT_EQ(std::count(called.begin(), called.end(), "KIVO_ExecuteOptFlowStitchHandle"), 2);
 }
 
+// The switches in every combination over a capture with a point and a
+// video (the ISP pass on: the plan names raw frames) and over a video-only
+// capture: each run ends with "all done" and does the steps switched on.
+TEST_F(StereoMain, EveryCombinationOfTheSwitchesRunsItsSteps) {
+    const auto on = [](bool b) { return b ? "true" : "false"; };
+    for (const int points : {1, 0}) {
+        const fs::path base = mRoot.path() / ("base" + std::to_string(points));
+        const auto c = run(quote(CAPTURE) + " " + quote(base.string()) + " --stereo --points " + std::to_string(points) +
+                           " --videos 1 --frames 3");
+        ASSERT_EQ(c.status, 0) << c.output;
+        write_file(base / "setting.xml", "<_Lumora><StereoRotStitchMainProcess><mThreadConcurrency value=\"2\"/>"
+                                         "<mPanoramaQuality value=\"draft\"/></StereoRotStitchMainProcess></_Lumora>");
+        write_file(base / "project.json", PROJECT);
+        for (int bits = 0; bits < 16; ++bits) {
+            // With a point the ISP pass stays on and the converter is switched
+            // instead; a video-only job has nothing to develop.
+            const bool isp = points ? true : bits & 8, inpaint = points ? bits & 8 : true;
+            const bool hdr = bits & 1, video = bits & 2, param = bits & 4;
+            const std::string name = "p" + std::to_string(points) + "s" + std::to_string(bits);
+            const fs::path job = mRoot.path() / name;
+            fs::copy(base, job, fs::copy_options::recursive);
+            write_file(job / "caches/split_data.json",
+                       std::string(R"({"StereoRotStitchMainProcess":{"image_isp":)") + on(isp) + ",\"image_hdr\":" +
+                           on(hdr) + ",\"image_inpainting\":" + on(inpaint) + ",\"video_stitch\":" + on(video) +
+                           ",\"videos_hdr_param\":" + on(param) + "}}");
+            const auto r = stitch(job);
+            ASSERT_EQ(r.status, 0) << name << "\n" << r.output;
+            EXPECT_TRUE(r.output.ends_with("\nall done\n")) << name;
+            EXPECT_EQ(fs::exists(job / "caches/images/stereo_000.jpg"), points > 0) << name;
+            EXPECT_EQ(contains(r.output, "DataConverter.sh"), inpaint && points > 0) << name;
+            EXPECT_EQ(fs::exists(job / "results/videos/stereo_video_000.avi"), video) << name << "\n" << r.output;
+            EXPECT_EQ(fs::exists(job / "caches/videos/videos_hdr_param.json"), param) << name;
+            EXPECT_EQ(traced().empty(), points == 0 && !video) << name;
+        }
+    }
+}
+
 TEST_F(StereoMain, AFailingConverterEndsTheProcessAndKeepsTheRecord) {
     const fs::path job = make_job("job");
     write_file(job / "caches/images/broken.jpg", "not a panorama");

@@ -45,9 +45,10 @@ class StitchMain : public ::testing::Test {
 protected:
     // A job with generated captures (two points: the first plain, the
     // second bracketed; one video) and small panoramas.
-    fs::path make_job(const std::string &name, int threads = 2, const std::string &quality = "draft") {
+    fs::path make_job(const std::string &name, int threads = 2, const std::string &quality = "draft",
+                      const std::string &capture = "--points 2 --videos 1 --frames 3") {
         const fs::path job = mRoot.path() / name;
-        const auto r = run(quote(CAPTURE) + " " + quote(job.string()) + " --points 2 --videos 1 --frames 3");
+        const auto r = run(quote(CAPTURE) + " " + quote(job.string()) + " " + capture);
         EXPECT_EQ(r.status, 0) << r.output;
         write_file(job / "caches/split_data.json", R"({"StitchMainProcess":{}})");
         set_setting(job, threads, quality);
@@ -166,6 +167,36 @@ TEST_F(StitchMain, APlanWithoutVideosAndDisabledStepsWriteEmptyLists) {
     EXPECT_FALSE(fs::exists(off / "caches/images/point_000.jpg"));
     EXPECT_EQ(traced(), "") << "the library is not even loaded";
     EXPECT_EQ(parse_json(off / "caches/images.json")["images"].Size(), 2u);
+}
+
+// The three step switches in every combination, over a job with a point
+// and a video and over a video-only capture: each run ends with "all done"
+// and does exactly the steps switched on.
+TEST_F(StitchMain, EveryCombinationOfTheSwitchesRunsItsSteps) {
+    for (const int points : {1, 0}) {
+        const fs::path base =
+            make_job("base" + std::to_string(points), 2, "draft", "--points " + std::to_string(points) + " --videos 1 --frames 3");
+        for (int bits = 0; bits < 8; ++bits) {
+            const bool image = bits & 1, video = bits & 2, hdr = bits & 4;
+            const std::string name = "p" + std::to_string(points) + "s" + std::to_string(bits);
+            const fs::path job = mRoot.path() / name;
+            fs::copy(base, job, fs::copy_options::recursive);
+            write_file(job / "caches/split_data.json",
+                       std::string(R"({"StitchMainProcess":{"image_stitch":)") + (image ? "true" : "false") +
+                           ",\"video_stitch\":" + (video ? "true" : "false") +
+                           ",\"videos_hdr_param\":" + (hdr ? "true" : "false") + "}}");
+            fs::remove(trace());
+            const auto r = stitch(job);
+            ASSERT_EQ(r.status, 0) << name << "\n" << r.output;
+            EXPECT_TRUE(r.output.ends_with("\nall done\n")) << name;
+            EXPECT_EQ(fs::exists(job / "caches/images/point_000.jpg"), image && points > 0) << name;
+            EXPECT_EQ(fs::exists(job / "caches/videos/video_000.avi"), video) << name;
+            EXPECT_EQ(fs::exists(job / "results/videos/video_000.avi"), video) << name;
+            EXPECT_EQ(fs::exists(job / "caches/videos/videos_hdr_param.json"), hdr) << name;
+            EXPECT_EQ(parse_json(job / "caches/images.json")["images"].Size(), unsigned(points)) << name;
+            EXPECT_EQ(traced().empty(), !(image && points > 0) && !video) << name << "\n" << traced();
+        }
+    }
 }
 
 TEST_F(StitchMain, ResolutionOutsideOneToThreeStopsBeforeAnyLibraryCall) {
