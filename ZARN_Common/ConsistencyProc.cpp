@@ -53,6 +53,18 @@ void ConsistencyProc::check_file_existance(const ORN::String<char> &path) {
     _DYNAMIC_ASSERT_(false);
 }
 
+void ConsistencyProc::check_file_existance(const ORN::JobDirectory &job, std::string_view relative) {
+    ORN::String<char> where;
+    const ORN::String<char> why = job.why_refused(relative, &where);
+    if (why.empty())
+        return;
+    if (why == "missing")
+        ORN::console().error("missing file : ", job.path(relative));
+    else
+        ORN::console().error("refused file : ", where, " : ", why);
+    _DYNAMIC_ASSERT_(false);
+}
+
 ORN::String<char> ConsistencyProc::asset_file_distort_table_txt() {
     const ORN::String<char> ret = FileSystemProc::join_path(FileSystemProc::working_path(), "asset/distortion.txt");
     _DYNAMIC_ASSERT_(!ret.empty ());

@@ -3,6 +3,7 @@
 // Helpers every process uses to find its settings and check its inputs.
 
 #include "__ORN__/orn_array.h"
+#include "__ORN__/orn_filesystem.h"
 #include "__ORN__/orn_serialization.h"
 
 namespace ZARN {
@@ -24,6 +25,10 @@ public:
     // Returns when the file exists; otherwise logs "missing file : " and the
     // path and fails.
     static void check_file_existance(const ORN::String<char> &path);
+    // The same for a name of the job: it must be a regular file reached
+    // inside the job without links; a refused one is logged as
+    // "refused file : <path> : <reason>" and fails the same way.
+    static void check_file_existance(const ORN::JobDirectory &job, std::string_view relative);
 
     // Full path of "asset/distortion.txt" under the current directory.
     static ORN::String<char> asset_file_distort_table_txt();

@@ -140,21 +140,35 @@ public:
         return mMainReturnValue;
     }
 
-    // The raw inputs of a stage as full paths, the given ones first (an
-    // empty one in between is left out, so the library gets `count` given
-    // sources), each checked to be a file of the job.
-    static std::array<String<char>, 4> stage_inputs(const ORN::JobDirectory &job,
-                                                    const std::array<String<char>, 4> &names, int &count) {
-        std::array<String<char>, 4> paths;
-        count = 0;
+    // The raw inputs of a stage, the given ones first (an empty one in
+    // between is left out, so the library gets `count` given sources), each
+    // opened as a regular file of the job reached without links and handed
+    // to the library by a path that names the open file.
+    struct STAGE_INPUTS {
+        std::array<ORN::JobDirectory::Input, 4> mFiles;
+        std::array<String<char>, 4> mPaths;
+        int mCount = 0;
+    };
+    static STAGE_INPUTS stage_inputs(const ORN::JobDirectory &job, const std::array<String<char>, 4> &names) {
+        STAGE_INPUTS inputs;
         for (const String<char> &name : names) {
             if (name.empty())
                 continue;
-            paths[count] = job.path(name);
-            ConsistencyProc::check_file_existance(paths[count]);
-            ++count;
+            inputs.mFiles[inputs.mCount] = job.open_input(name);
+            inputs.mPaths[inputs.mCount] = inputs.mFiles[inputs.mCount].path();
+            ++inputs.mCount;
         }
-        return paths;
+        return inputs;
+    }
+
+    // Removes a stage's results of an earlier run from "caches/calib_result/"
+    // before the stage runs, so that a file the library leaves out this time
+    // is missing instead of passing for this run's.
+    template <std::size_t N>
+    static void clear_stage(const String<char> &working_path, const std::array<CALIB_FILE, N> &files) {
+        const ORN::JobDirectory job(working_path);
+        for (const CALIB_FILE &file : files)
+            job.erase_file("caches/calib_result/" + String<char>(file.mName));
     }
 
     // The camera calibration itself: ("working path", "asset/calib_target.txt").
@@ -165,6 +179,7 @@ public:
             const auto &handle = tree.stack<CON_mCalibHandle>();
             const auto &path = tree.stack<VAR_mWorkingPath>();
             tree.once([this, &handle, &path] {
+                clear_stage(path.mSelf, CALIB_FILES);
                 const auto run = handle.mSelf->mRunCalibMain;
                 const String<char> target(CALIB_TARGET);
                 mMainReturnValue = check_stage(_CALL_TRY_([&] { return run(path.mSelf.c_str(), target.c_str()); }));
@@ -202,12 +217,13 @@ public:
                     return;
                 const auto &handle = tree.stack<CON_mCalibHandle>();
                 tree.then([this, &handle, &data, &path] {
-                    int count = 0;
-                    const auto src = stage_inputs(ORN::JobDirectory(path.mSelf), data.mAnalysisRaw, count);
+                    clear_stage(path.mSelf, ANALYSIS_FILES);
+                    const auto in = stage_inputs(ORN::JobDirectory(path.mSelf), data.mAnalysisRaw);
+                    const auto &src = in.mPaths;
                     const auto run = handle.mSelf->mRunAnalysisMain;
                     mMainReturnValue = check_stage(_CALL_TRY_([&] {
                         return run(src[0].c_str(), src[1].c_str(), src[2].c_str(), src[3].c_str(), path.mSelf.c_str(),
-                                   count);
+                                   in.mCount);
                     }));
                 });
             });
@@ -229,13 +245,13 @@ public:
                     return;
                 const auto &handle = tree.stack<CON_mCalibHandle>();
                 tree.then([this, &handle, &data, &path] {
-                    int count = 0;
-                    const auto src =
-                        stage_inputs(ORN::JobDirectory(path.mSelf), {data.mShadingRaw, "", "", ""}, count);
+                    clear_stage(path.mSelf, SHADING_FILES);
+                    const auto in = stage_inputs(ORN::JobDirectory(path.mSelf), {data.mShadingRaw, "", "", ""});
+                    const auto &src = in.mPaths;
                     const auto run = handle.mSelf->mRunShadingMain;
                     mMainReturnValue = check_stage(_CALL_TRY_([&] {
                         return run(src[0].c_str(), src[1].c_str(), src[2].c_str(), src[3].c_str(), path.mSelf.c_str(),
-                                   count, CalibLibrary::SHADING_GRID);
+                                   in.mCount, CalibLibrary::SHADING_GRID);
                     }));
                 });
             });
@@ -275,13 +291,12 @@ public:
             const auto &files = tree.stack<CON_mEnumCalibFile>();
             const auto &path = tree.stack<VAR_mWorkingPath>();
             tree.once([&files, &path] {
-                const ORN::JobDirectory job(path.mSelf);
+                ORN::Array<ORN::JobDirectory::PUBLISHED> published;
                 files.each([&](const CALIB_FILE &file) {
                     const String<char> name(file.mName);
-                    ConsistencyProc::check_file_existance(job.path("caches/calib_result/" + name));
-                    job.publish_file("caches/calib_result/" + name, "results/calib/" + name);
-                    ORN::console().debug("link : results/calib/", name);
+                    published.append(ORN::JobDirectory::PUBLISHED{"caches/calib_result/" + name, "results/calib/" + name});
                 });
+                ORN::JobDirectory(path.mSelf).publish_files("results/calib", published);
             });
         }
     };

@@ -12,6 +12,7 @@
 #include "ZARN_Common/export.h"
 #include "ZARN_Velda/ProcessFrame.h"
 #include "ZARN_Velda/StitchHandle.h"
+#include "__ORN__/orn_images.h"
 #include "__ORN__/orn_thread.h"
 
 #include <algorithm>
@@ -73,7 +74,7 @@ public:
             const auto &path = tree.stack<VAR_mWorkingPath>();
             tree.once([this, &path] {
                 const ORN::JobDirectory job(path.mSelf);
-                ConsistencyProc::check_file_existance(job.path(REGION_FILE));
+                ConsistencyProc::check_file_existance(job, REGION_FILE);
                 mSelf = ORN::JsonParser(job.load_file(REGION_FILE));
             });
         }
@@ -122,7 +123,7 @@ public:
             if (!plain)
                 refuse(i, "not a panorama name : ", r.mPanoId);
             _DYNAMIC_ASSERT_(plain);
-            ConsistencyProc::check_file_existance(job.path("caches/images/" + r.mPanoId + ".jpg"));
+            ConsistencyProc::check_file_existance(job, "caches/images/" + r.mPanoId + ".jpg");
             const bool known = r.mResolution >= 1 && r.mResolution <= 3 && r.mType >= Lib::FILTER_BLUR &&
                                r.mType <= Lib::FILTER_FILL && r.mWidth > 0 && r.mHeight > 0 &&
                                e.child("rect").array_type() && r.mWidth <= INT32_MAX && r.mHeight <= INT32_MAX;
@@ -199,7 +200,7 @@ public:
             tree.maybe<SUB_mOptFlowStitchHandle>();
             tree.once([this, &tree, &data, &setting, &path] {
                 if (data.mSelf.empty())
-                    return;
+                    return publish(ORN::JobDirectory(path.mSelf), data);
                 mFilter = &tree.stack<SUB_mOptFlowStitchHandle>();
                 mLibrary = &tree.stack<CON_mImageFilterHandle>();
                 tree.then([this, &data, &setting, &path] { filter(data, setting, path); });
@@ -213,19 +214,24 @@ public:
             const ORN::JobDirectory job(path.mSelf);
             const INDEX n = data.mSelf.size();
             const ORN::TimePoint start = ORN::TimePoint::now();
-            console.info("async processing ", n, " on ", std::clamp<INDEX>(setting.mThreadConcurrency, 1, n),
-                         " threads");
+            // A task holds the decoded panorama, its filtered regions and the
+            // encoded output: about 16 bytes per pixel of the largest frame.
+            ORN::int64 pixels = 0;
+            for (const NDS_mImageFilterData &r : data.mSelf)
+                pixels = std::max<ORN::int64>(pixels, std::min<ORN::int64>(r.mWidth * r.mHeight, ORN::Image::max_pixels()));
+            const ORN::WORKER_PLAN plan = ORN::WorkThread::plan(setting.mThreadConcurrency, n, pixels * 16);
+            console.info(plan.mReason);
             auto progress = console.progress("image filter : ", n);
-            ORN::WorkThread workers(std::min<INDEX>(setting.mThreadConcurrency, n));
+            ORN::WorkThread workers(plan.mWorkers);
             for (INDEX i = 0; i < n; ++i)
                 workers.submit([&, i] {
                     const NDS_mImageFilterData &r = data.mSelf[i];
                     console.info("processing image [", i, "] ", r.mPanoId);
-                    const ORN::String<char> input = job.path("caches/images/" + r.mPanoId + ".jpg");
+                    const ORN::JobDirectory::Input input = job.open_input("caches/images/" + r.mPanoId + ".jpg");
                     const ORN::String<char> output = job.path("extras/images/" + r.mPanoId + ".jpg");
                     const ORN::String<char> preview = job.path("extras/images/" + r.mPanoId + "_preview.jpg");
                     const int result = _CALL_TRY_([&] {
-                        return library.mExecuteFilterHandle(me, input.c_str(), output.c_str(),
+                        return library.mExecuteFilterHandle(me, input.path().c_str(), output.c_str(),
                                                             r.mPreview ? preview.c_str() : nullptr, r.mRect.data(),
                                                             static_cast<int>(r.mRect.size() / 4),
                                                             static_cast<int>(r.mWidth), static_cast<int>(r.mHeight),
@@ -237,8 +243,15 @@ public:
             workers.wait();
             progress.finish();
             console.info("time costs : ", start.elapsed().text());
+            publish(job, data);
+        }
+
+        // The filtered panoramas become the content of "results/images/".
+        static void publish(const ORN::JobDirectory &job, const CON_mImageFilterData &data) {
+            ORN::Array<ORN::JobDirectory::PUBLISHED> published;
             for (const NDS_mImageFilterData &r : data.mSelf)
-                job.publish_file("extras/images/" + r.mPanoId + ".jpg", "results/images/" + r.mPanoId + ".jpg");
+                published.append(ORN::JobDirectory::PUBLISHED{"extras/images/" + r.mPanoId + ".jpg", "results/images/" + r.mPanoId + ".jpg"});
+            job.publish_files("results/images", published);
         }
     };
 

@@ -463,14 +463,31 @@ public:
         }
     };
 
+    // What one task takes at its peak, for the bound on the workers that
+    // run at once: per pixel of the panorama it makes, the two lens images
+    // warped to the panorama and their weights (float), the blend and the
+    // encoded output, about 60 bytes (a 4096 x 2048 panorama: 0.5 GB).
+    static constexpr ORN::int64 BYTES_PER_PANORAMA_PIXEL = 60;
+    // The largest panorama the image records make, in pixels.
+    static ORN::int64 largest_panorama(const CON_mStitchData &data, const CON_mImageStitchPanoramaWidth &sizes) {
+        ORN::int64 pixels = 0;
+        for (const auto &image : data.mImage) {
+            const auto &size = sizes.mSelf[image.resolution - 1];
+            pixels = std::max<ORN::int64>(pixels, ORN::int64(size.mP1) * size.mP2);
+        }
+        return pixels;
+    }
+
+    // `task_bytes`: what one task takes at its peak (see WorkThread::plan).
     template <class WORK>
-    static void run_on_workers(ORN::int64 threads, std::string_view heading, INDEX n, LIBRARY_CLOCK &clock,
-                               WORK &&work) {
+    static void run_on_workers(ORN::int64 threads, std::string_view heading, INDEX n, ORN::int64 task_bytes,
+                               LIBRARY_CLOCK &clock, WORK &&work) {
         auto &console = ORN::console();
         const ORN::TimePoint start = ORN::TimePoint::now();
-        console.info("async processing ", n, " on ", std::clamp<INDEX>(threads, 1, std::max<INDEX>(n, 1)), " threads");
+        const ORN::WORKER_PLAN plan = ORN::WorkThread::plan(threads, n, task_bytes);
+        console.info(plan.mReason);
         auto progress = console.progress(String<char>(heading), n);
-        ORN::WorkThread workers(std::min<INDEX>(threads, n));
+        ORN::WorkThread workers(plan.mWorkers);
         for (INDEX i = 0; i < n; ++i)
             workers.submit([&work, &progress, i] {
                 work(i);
@@ -528,20 +545,21 @@ public:
             const auto &setting = tree.stack<CON_mSetting>();
             const auto &path = tree.stack<VAR_mWorkingPath>();
             tree.stack<CON_mStitchRequiredFile>();
-            tree.stack<CON_mImageStitchPanoramaWidth>();
+            const auto &sizes = tree.stack<CON_mImageStitchPanoramaWidth>();
             tree.stack<typename P::CON_mLensTableFile>();
             tree.maybe<typename P::CON_mLibraryHandle>();
             tree.maybe<SUB_mVideoStitchHandle>();
-            tree.once([this, &tree, &enable, &data, &videos, &setting, &path] {
+            tree.once([this, &tree, &enable, &data, &videos, &sizes, &setting, &path] {
                 if (!enable.mSelf || videos.mSelf.empty())
                     return;
                 mHandles = &tree.stack<SUB_mVideoStitchHandle>();
                 mLibrary = &tree.stack<typename P::CON_mLibraryHandle>();
-                tree.then([this, &data, &videos, &setting, &path] { stitch(data, videos, setting, path); });
+                tree.then([this, &data, &videos, &sizes, &setting, &path] { stitch(data, videos, sizes, setting, path); });
             });
         }
 
-        void stitch(const CON_mStitchData &data, const CON_mEnumStitchDataVideo &videos, const CON_mSetting &setting,
+        void stitch(const CON_mStitchData &data, const CON_mEnumStitchDataVideo &videos,
+                    const CON_mImageStitchPanoramaWidth &sizes, const CON_mSetting &setting,
                     const VAR_mWorkingPath &path) {
             {
                 const auto &library = *mLibrary->mSelf;
@@ -552,7 +570,11 @@ public:
                 for (const INDEX i : videos.mSelf)
                     job.build_directory(folder_of(data.mVideo[i].dst4));
                 LIBRARY_CLOCK clock;
-                run_on_workers(setting.mThreadConcurrency, "video stitch : ", n, clock, [&](INDEX k) {
+                // A video task holds a frame of each stream, their warped
+                // forms and the output frame at half a class 1 panorama.
+                const ORN::int64 frame = ORN::int64(sizes.mSelf[0].mP1 / 2) * (sizes.mSelf[0].mP2 / 2);
+                run_on_workers(setting.mThreadConcurrency, "video stitch : ", n, frame * BYTES_PER_PANORAMA_PIXEL,
+                               clock, [&](INDEX k) {
                     const INDEX i = videos.mSelf[k];
                     const NDS_mStitchDataVideo &video = data.mVideo[i];
                     const auto me = mHandles->mSelf[mHandles->mConfigSet.map(video.con)].self().mP1;

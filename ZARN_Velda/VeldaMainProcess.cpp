@@ -49,7 +49,7 @@ struct SFMAR_KIND {
 // are not listed.
 ORN::Array<ORN::String<char>> read_manifest(const ORN::JobDirectory &job, std::string_view manifest,
                                             std::string_view kind) {
-    ConsistencyProc::check_file_existance(job.path(manifest));
+    ConsistencyProc::check_file_existance(job, manifest);
     const ORN::JsonParser document(job.load_file(manifest));
     const ORN::JsonParser upload = document.child("upload");
     if (!upload.array_type())
@@ -138,10 +138,13 @@ class VeldaMainProcess::Private::Implement final : public Frame::ProcessImplemen
 
     using CON_mProject = Project::CON_mProject;
 
-    // Clears what the library writes anew and makes its floor plan folder.
+    // Clears what the library writes anew and makes its floor plan folder,
+    // once the library is loaded and linked: a library that cannot be
+    // opened leaves the files of the last run in place.
     struct ACT_mVeldaMain_mClean {
         ORN_NODE(ACT_mVeldaMain_mClean);
         explicit ACT_mVeldaMain_mClean(ORN::SyntaxTree &tree) {
+            tree.stack<CON_mVeldaHandle>();
             const auto &path = tree.stack<VAR_mWorkingPath>();
             tree.once([&path] {
                 const ORN::JobDirectory job(path.mSelf);
@@ -241,13 +244,12 @@ class VeldaMainProcess::Private::Implement final : public Frame::ProcessImplemen
             const auto &names = tree.stack<ENUM>();
             const auto &path = tree.stack<VAR_mWorkingPath>();
             tree.once([&names, &path] {
-                const ORN::JobDirectory job(path.mSelf);
+                ORN::Array<ORN::JobDirectory::PUBLISHED> published;
                 for (const ORN::String<char> &name : names.mSelf) {
                     const ORN::String<char> relative = ORN::String<char>(K::KIND) + "/" + name;
-                    ConsistencyProc::check_file_existance(job.path("caches/" + relative));
-                    job.publish_file("caches/" + relative, "results/" + relative);
-                    ORN::console().debug("link : results/", relative);
+                    published.append(ORN::JobDirectory::PUBLISHED{"caches/" + relative, "results/" + relative});
                 }
+                ORN::JobDirectory(path.mSelf).publish_files("results/" + ORN::String<char>(K::KIND), published);
             });
         }
     };
@@ -270,7 +272,7 @@ class VeldaMainProcess::Private::Implement final : public Frame::ProcessImplemen
             tree.once([&path] {
                 const ORN::JobDirectory job(path.mSelf);
                 for (const ORN::String<char> &name : read_manifest(job, K::MANIFEST, K::KIND))
-                    ConsistencyProc::check_file_existance(job.path("results/" + ORN::String<char>(K::KIND) + "/" + name));
+                    ConsistencyProc::check_file_existance(job, "results/" + ORN::String<char>(K::KIND) + "/" + name);
             });
         }
     };

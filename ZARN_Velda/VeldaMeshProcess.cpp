@@ -23,8 +23,12 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <limits>
+#include <map>
+#include <sstream>
 #include <string_view>
 
 namespace ZARN {
@@ -51,9 +55,131 @@ bool plain_relative(const ORN::String<char> &name) {
     return true;
 }
 
+// The limits a job is held to (documented with the job format).
+constexpr INDEX MAX_CHUNKS = 4096;          // chunks of the listing
+constexpr INDEX MAX_FLOORS = 64;            // floors of the listing
+constexpr INDEX MAX_LOD_LEVELS = 8;         // sizes per floor, level 0 included
+constexpr INDEX MAX_FLOOR_NAME = 64;        // bytes of a floor name
+constexpr ORN::int64 MAX_THREADS = 1024;    // mThreadConcurrency
+constexpr ORN::int64 MIN_SEARCH_COUNT = 2;  // mPointCloudSearchCount
+constexpr ORN::int64 MAX_SEARCH_COUNT = 64;
+constexpr double MIN_SURFACE_EXTENT = 0.01; // metres a floor's points must span
+
+// Stops the run unless `valid`, after one line for a person: the file, the
+// key within it and what is wrong with its value.
+void refuse_unless(bool valid, std::string_view file, std::string_view key, std::string_view reason) {
+    if (!valid)
+        ORN::console().error(file, " : ", key, " : ", reason);
+    _DYNAMIC_ASSERT_(valid);
+}
+
+// A JSON value as a message shows it: a scalar as written (a string quoted
+// and escaped, cut after 40 bytes), anything else by its kind.
+ORN::String<char> shown(const ORN::JsonParser &value) {
+    if (!value.exist())
+        return "nothing";
+    if (value.null_type())
+        return "null";
+    if (value.array_type())
+        return "an array";
+    if (value.object_type())
+        return "an object";
+    const std::string_view text = value.view();
+    ORN::String<char> out = ORN::json_escape(text.substr(0, 40));
+    if (text.size() > 40)
+        out += "...";
+    return value.quoted() ? "\"" + out + "\"" : out;
+}
+
+// One value of a JSON file read strictly: present values must have the
+// documented type and lie in the documented range; anything else stops the
+// run with "<file> : <key> : <reason>".
+struct STRICT_VALUE {
+    std::string_view mFile;
+    ORN::String<char> mKey;
+    ORN::JsonParser mValue;
+
+    bool present() const { return mValue.exist(); }
+
+    double number(double low, double high) const {
+        double out = 0;
+        const bool r1x = scalar() && whole<double>();
+        refuse_unless(r1x, mFile, mKey, shown(mValue) + " is not a number");
+        std::from_chars(text().data(), text().data() + text().size(), out);
+        range(out >= low && out <= high, low, high);
+        return out;
+    }
+    ORN::int64 integer(ORN::int64 low, ORN::int64 high) const {
+        ORN::int64 out = 0;
+        const bool r1x = scalar() && whole<ORN::int64>();
+        refuse_unless(r1x, mFile, mKey, shown(mValue) + " is not an integer");
+        std::from_chars(text().data(), text().data() + text().size(), out);
+        range(out >= low && out <= high, low, high);
+        return out;
+    }
+    bool boolean() const {
+        const bool r1x = scalar() && (text() == "true" || text() == "false");
+        refuse_unless(r1x, mFile, mKey, shown(mValue) + " is not true or false");
+        return text() == "true";
+    }
+    ORN::String<char> string() const {
+        const bool r1x = mValue.string_type() && mValue.quoted();
+        refuse_unless(r1x, mFile, mKey, shown(mValue) + " is not a string");
+        return mValue.value();
+    }
+    // The elements of an array of `low` to `high` elements.
+    ORN::Array<STRICT_VALUE> array(INDEX low, INDEX high) const {
+        const bool r1x = mValue.array_type();
+        refuse_unless(r1x, mFile, mKey, shown(mValue) + " is not an array");
+        const INDEX n = mValue.size();
+        refuse_unless(n >= low && n <= high, mFile, mKey,
+                      std::to_string(n) + " elements, not " + std::to_string(low) + " to " + std::to_string(high));
+        ORN::Array<STRICT_VALUE> out;
+        for (const ORN::JsonParser &e : mValue.children())
+            out.append(STRICT_VALUE{mFile, mKey + "[" + std::to_string(out.size()) + "]", e});
+        return out;
+    }
+    STRICT_VALUE child(std::string_view name) const {
+        return STRICT_VALUE{mFile, mKey.empty() ? ORN::String<char>(name) : mKey + "." + ORN::String<char>(name),
+                            mValue.child(name)};
+    }
+    void object() const { refuse_unless(mValue.object_type(), mFile, mKey, shown(mValue) + " is not an object"); }
+    void required() const { refuse_unless(present(), mFile, mKey, "missing"); }
+
+private:
+    // A number or a boolean: a scalar written without quotes.
+    bool scalar() const { return mValue.string_type() && !mValue.quoted(); }
+    std::string_view text() const { return mValue.view(); }
+    // The whole text converts to T.
+    template <class T>
+    bool whole() const {
+        T out{};
+        const auto [end, ec] = std::from_chars(text().data(), text().data() + text().size(), out);
+        return ec == std::errc() && end == text().data() + text().size();
+    }
+    template <class T>
+    void range(bool inside, T low, T high) const {
+        std::ostringstream reason;
+        reason << shown(mValue) << " is out of the range " << low << " to " << high;
+        refuse_unless(inside, mFile, mKey, reason.str());
+    }
+};
+
+// A floor name makes file names in "mesh/": 1 to 64 bytes of letters,
+// digits, "_", "-", "." and UTF-8 sequences, not beginning with ".".
+bool plain_file_name(const ORN::String<char> &name) {
+    if (name.empty() || name.size() > std::size_t(MAX_FLOOR_NAME) || name.front() == '.')
+        return false;
+    return std::all_of(name.begin(), name.end(), [](char c) {
+        const auto u = static_cast<unsigned char>(c);
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-' ||
+               c == '.' || u >= 0x80;
+    });
+}
+
 // The names under "mesh/" that a manifest lists, relative to that folder.
 ORN::Array<ORN::String<char>> read_manifest(const ORN::JobDirectory &job) {
-    ConsistencyProc::check_file_existance(job.path(MANIFEST));
+    ConsistencyProc::check_file_existance(job, MANIFEST);
     const ORN::JsonParser upload = ORN::JsonParser(job.load_file(MANIFEST)).child("upload");
     if (!upload.array_type())
         ORN::console().error("manifest without an \"upload\" array : ", job.path(MANIFEST));
@@ -127,7 +253,11 @@ public:
 
     static constexpr std::array<std::string_view, 2> WORKING_DIRECTORIES = {"caches/mesh", "results/mesh"};
 
-    // The run's parameters from the process's member of the split data.
+    // The run's parameters from the process's member of the split data, and
+    // the settings this process bounds. Every key is optional; a key that is
+    // present must hold a value of its type and range, and a key the process
+    // does not know is refused, so that no misspelt or malformed parameter
+    // runs with a default unnoticed.
     struct CON_mMeshParameter {
         ORN_NODE(CON_mMeshParameter);
         double mMergeRadius = 0.002;       // metres: closer points of two chunks are one point
@@ -139,22 +269,57 @@ public:
         INDEX mPictureWidth = 1024;        // pixels
         explicit CON_mMeshParameter(ORN::SyntaxTree &tree) {
             const auto &json = tree.stack<CON_mSplitDataJson>();
-            tree.once([this, &json] {
-                const ORN::JsonParser &p = json.mSelf;
-                mMergeRadius = p.child("merge_radius").value(mMergeRadius);
-                mOutlierRatio = p.child("outlier_ratio").value(mOutlierRatio);
-                mMinimumFloorPoints = p.child("minimum_floor_points").value(mMinimumFloorPoints);
-                for (const ORN::JsonParser &t : p.child("lod_triangles").children())
-                    mLodTriangles.append(t.value(INDEX(0)));
-                mLodLevels = p.child("lod_levels").value(mLodLevels);
-                mPointCloud = p.child("point_cloud").value(mPointCloud);
-                mPictureWidth = p.child("picture_width").value(mPictureWidth);
-                const bool r1x = mMergeRadius > 0 && mOutlierRatio > 0 && mMinimumFloorPoints > 0 &&
-                                 mLodLevels >= 1 && mLodLevels <= 8 && mPictureWidth >= 64 && mPictureWidth <= 8192 &&
-                                 std::all_of(mLodTriangles.begin(), mLodTriangles.end(), [](INDEX t) { return t > 0; });
-                if (!r1x)
-                    ORN::console().error("mesh parameters out of range");
-                _DYNAMIC_ASSERT_(r1x);
+            const auto &xml = tree.stack<CON_mSettingXml>();
+            const auto &setting = tree.stack<CON_mSetting>();
+            const auto &path = tree.stack<VAR_mWorkingPath>();
+            tree.once([this, &json, &xml, &setting, &path] {
+                const ORN::String<char> file = ORN::JobDirectory(path.mSelf).path("caches/split_data.json");
+                const STRICT_VALUE p{file, "VeldaMeshProcess", json.mSelf};
+                p.object();
+                static constexpr std::string_view KEYS[] = {"merge_radius", "outlier_ratio", "minimum_floor_points",
+                                                            "lod_triangles", "lod_levels", "point_cloud",
+                                                            "picture_width"};
+                for (const ORN::JsonParser &member : json.mSelf.children()) {
+                    const bool known = std::find(std::begin(KEYS), std::end(KEYS), member.name()) != std::end(KEYS);
+                    refuse_unless(known, file, p.child(member.name()).mKey, "unknown key");
+                }
+                if (const STRICT_VALUE v = p.child("merge_radius"); v.present())
+                    mMergeRadius = v.number(1e-6, 1.0);
+                if (const STRICT_VALUE v = p.child("outlier_ratio"); v.present())
+                    mOutlierRatio = v.number(0.1, 100.0);
+                if (const STRICT_VALUE v = p.child("minimum_floor_points"); v.present())
+                    mMinimumFloorPoints = v.integer(1, 1000000000);
+                if (const STRICT_VALUE v = p.child("lod_levels"); v.present())
+                    mLodLevels = v.integer(1, MAX_LOD_LEVELS);
+                if (const STRICT_VALUE v = p.child("lod_triangles"); v.present()) {
+                    // Each level smaller than the one before it.
+                    ORN::int64 before = std::numeric_limits<std::int32_t>::max();
+                    for (const STRICT_VALUE &t : v.array(1, MAX_LOD_LEVELS - 1)) {
+                        before = t.integer(1, before - 1);
+                        mLodTriangles.append(before);
+                    }
+                    const STRICT_VALUE levels = p.child("lod_levels");
+                    refuse_unless(!levels.present() || mLodLevels == mLodTriangles.size() + 1, file, levels.mKey,
+                                  shown(levels.mValue) + " levels, where \"lod_triangles\" makes " +
+                                      std::to_string(mLodTriangles.size() + 1));
+                    mLodLevels = mLodTriangles.size() + 1;
+                }
+                if (const STRICT_VALUE v = p.child("point_cloud"); v.present())
+                    mPointCloud = v.boolean();
+                if (const STRICT_VALUE v = p.child("picture_width"); v.present())
+                    mPictureWidth = v.integer(64, 8192);
+                // The settings that set this process's cost.
+                ORN::String<char> files;
+                for (const ORN::String<char> &f : xml.mFiles)
+                    files += (files.empty() ? "" : ", ") + f;
+                const ORN::String<char> where = files.empty() ? ORN::String<char>("setting.xml") : files;
+                const auto bounded = [&](std::string_view key, ORN::int64 value, ORN::int64 low, ORN::int64 high) {
+                    refuse_unless(value >= low && value <= high, where, "VeldaMeshProcess/" + ORN::String<char>(key),
+                                  std::to_string(value) + " is out of the range " + std::to_string(low) + " to " +
+                                      std::to_string(high));
+                };
+                bounded("mThreadConcurrency", setting.mThreadConcurrency, 1, MAX_THREADS);
+                bounded("mPointCloudSearchCount", setting.mPointCloudSearchCount, MIN_SEARCH_COUNT, MAX_SEARCH_COUNT);
             });
         }
     };
@@ -167,7 +332,9 @@ public:
     };
 
     // "caches/mesh.json": the chunks, the floors (may be none) and the room
-    // mesh (may be absent), every name checked to stay inside the job.
+    // mesh (may be absent), every name checked to stay inside the job, every
+    // value checked before any work: at most MAX_CHUNKS chunks, none listed
+    // twice; floors with plain, distinct names and ordered height ranges.
     struct CON_mMeshJson {
         ORN_NODE(CON_mMeshJson);
         ORN::Array<NDS_mPointCloudChunk> mChunk;
@@ -178,36 +345,55 @@ public:
             const auto &path = tree.stack<VAR_mWorkingPath>();
             tree.once([this, &path] {
                 const ORN::JobDirectory job(path.mSelf);
-                ConsistencyProc::check_file_existance(job.path(MESH_JSON));
+                ConsistencyProc::check_file_existance(job, MESH_JSON);
                 mText = ORN::String<char>(job.load_file(MESH_JSON).text());
-                const ORN::JsonParser json(mText);
-                const ORN::JsonParser chunks = json.child("chunks");
-                const bool r1x = chunks.array_type() && chunks.size() > 0 && chunks.size() <= 65535;
-                if (!r1x)
-                    ORN::console().error("mesh listing without chunks : ", job.path(MESH_JSON));
-                _DYNAMIC_ASSERT_(r1x);
-                for (const ORN::JsonParser &c : chunks.children()) {
+                const ORN::String<char> file = job.path(MESH_JSON);
+                const STRICT_VALUE json{file, "", ORN::JsonParser(mText)};
+                json.object();
+                const STRICT_VALUE chunks = json.child("chunks");
+                chunks.required();
+                ORN::Set<ORN::String<char>> seen;
+                for (const STRICT_VALUE &c : chunks.array(1, MAX_CHUNKS)) {
+                    c.object();
                     NDS_mPointCloudChunk &r = mChunk.append();
-                    r.mFile = inside(job, c.child("file").value(""));
-                    const ORN::JsonParser eye = c.child("viewpoint");
-                    r.mHasViewpoint = eye.array_type() && eye.size() == 3;
+                    const STRICT_VALUE name = c.child("file");
+                    name.required();
+                    r.mFile = inside(job, name.string());
+                    const INDEX listed = seen.size();
+                    refuse_unless(seen.insert(r.mFile) == listed, file, name.mKey,
+                                  shown(name.mValue) + " is listed twice");
                     r.mViewpoint = ORN::Vector<double>(3);
-                    for (INDEX a = 0; r.mHasViewpoint && a < 3; ++a)
-                        r.mViewpoint[a] = eye.children()[a].value(0.0);
+                    if (const STRICT_VALUE eye = c.child("viewpoint"); eye.present()) {
+                        const ORN::Array<STRICT_VALUE> xyz = eye.array(3, 3);
+                        for (INDEX a = 0; a < 3; ++a)
+                            r.mViewpoint[a] = xyz[a].number(-1e9, 1e9);
+                        r.mHasViewpoint = true;
+                    }
                 }
-                for (const ORN::JsonParser &f : json.child("floors").children()) {
-                    FLOOR &r = mFloor.append();
-                    r.mName = f.child("name").value("floor_" + std::to_string(mFloor.size() - 1));
-                    r.mMin = f.child("min").value(0.0);
-                    r.mMax = f.child("max").value(0.0);
-                    const bool r2x = r.mMin < r.mMax && (mFloor.size() == 1 || mFloor[mFloor.size() - 2].mMax <= r.mMin) &&
-                                     mFloor.size() <= 64;
-                    if (!r2x)
-                        ORN::console().error("floor out of order or empty : ", r.mName);
-                    _DYNAMIC_ASSERT_(r2x);
+                if (const STRICT_VALUE floors = json.child("floors"); floors.present()) {
+                    for (const STRICT_VALUE &f : floors.array(0, MAX_FLOORS)) {
+                        f.object();
+                        FLOOR &r = mFloor.append();
+                        const STRICT_VALUE name = f.child("name");
+                        r.mName = name.present() ? name.string() : "floor_" + std::to_string(mFloor.size() - 1);
+                        refuse_unless(plain_file_name(r.mName), file, name.mKey,
+                                      shown(name.mValue) + " is not a plain file name");
+                        for (INDEX g = 0; g + 1 < mFloor.size(); ++g)
+                            refuse_unless(mFloor[g].mName != r.mName, file, name.mKey,
+                                          shown(name.mValue) + " names two floors");
+                        const STRICT_VALUE low = f.child("min"), high = f.child("max");
+                        low.required();
+                        high.required();
+                        r.mMin = low.number(-1e9, 1e9);
+                        r.mMax = high.number(-1e9, 1e9);
+                        refuse_unless(r.mMin < r.mMax, file, high.mKey, shown(high.mValue) + " is not above \"min\"");
+                        const double below = mFloor.size() == 1 ? -1e9 : mFloor[mFloor.size() - 2].mMax;
+                        refuse_unless(below <= r.mMin, file, low.mKey,
+                                      shown(low.mValue) + " is below the floor under it");
+                    }
                 }
-                if (json.child("room_mesh").exist())
-                    mRoomMesh = inside(job, json.child("room_mesh").value(""));
+                if (const STRICT_VALUE room = json.child("room_mesh"); room.present())
+                    mRoomMesh = inside(job, room.string());
                 ORN::console().info(MESH_JSON, " : ", mChunk.size(), " chunks, ", mFloor.size(), " floors");
             });
         }
@@ -284,11 +470,20 @@ public:
                 // Every chunk is there, a regular file of the job, before
                 // any is read.
                 for (const NDS_mPointCloudChunk &c : listing.mChunk) {
-                    ConsistencyProc::check_file_existance(job.path(c.mFile));
+                    ConsistencyProc::check_file_existance(job, c.mFile);
                     const bool r1x = job.find_file(c.mFile);
                     if (!r1x)
                         console.error("not a regular file of the job : ", job.path(c.mFile));
                     _DYNAMIC_ASSERT_(r1x);
+                }
+                // No file twice, under another name either (a hard link).
+                std::map<std::pair<ORN::uint64, ORN::uint64>, INDEX> identity;
+                for (INDEX i = 0; i < listing.mChunk.size(); ++i) {
+                    const ORN::JobDirectory::STAMP s = job.stamp(listing.mChunk[i].mFile);
+                    const auto [at, fresh] = identity.emplace(std::pair(s.mDevice, s.mInode), i);
+                    refuse_unless(fresh, job.path(MESH_JSON), "chunks[" + std::to_string(i) + "].file",
+                                  "\"" + ORN::json_escape(listing.mChunk[i].mFile.substr(7)) +
+                                      "\" is the same file as chunks[" + std::to_string(at->second) + "].file");
                 }
                 const INDEX n = listing.mChunk.size();
                 const ORN::TimePoint start = ORN::TimePoint::now();
@@ -437,6 +632,25 @@ public:
                         console.error("too few points on ", mFloor[f].mName, " : ", r1x);
                     _DYNAMIC_ASSERT_(r1x >= parameter.mMinimumFloorPoints);
                 }
+                // A surface needs points that span some room: points at one
+                // place (or within a hair of it) give none.
+                ORN::Array<double> low(3 * mFloor.size()), high(3 * mFloor.size());
+                std::fill(low.begin(), low.end(), std::numeric_limits<double>::max());
+                std::fill(high.begin(), high.end(), std::numeric_limits<double>::lowest());
+                for (INDEX i = 0; i < mSelf.size(); ++i)
+                    for (int a = 0; a < 3; ++a) {
+                        low[3 * mSelf[i] + a] = std::min<double>(low[3 * mSelf[i] + a], final_cloud.mSelf.mPosition[3 * i + a]);
+                        high[3 * mSelf[i] + a] = std::max<double>(high[3 * mSelf[i] + a], final_cloud.mSelf.mPosition[3 * i + a]);
+                    }
+                for (INDEX f = 0; f < mFloor.size(); ++f) {
+                    double r2x = 0;
+                    for (int a = 0; a < 3 && mCount[f] > 0; ++a)
+                        r2x = std::max(r2x, high[3 * f + a] - low[3 * f + a]);
+                    if (r2x < MIN_SURFACE_EXTENT)
+                        console.error(mFloor[f].mName, " : points do not span a surface : ", mCount[f],
+                                      " points within ", r2x, " m, under ", MIN_SURFACE_EXTENT, " m");
+                    _DYNAMIC_ASSERT_(r2x >= MIN_SURFACE_EXTENT);
+                }
             });
         }
     };
@@ -452,7 +666,7 @@ public:
                 if (listing.mRoomMesh.empty())
                     return;
                 const ORN::JobDirectory job(path.mSelf);
-                ConsistencyProc::check_file_existance(job.path(listing.mRoomMesh));
+                ConsistencyProc::check_file_existance(job, listing.mRoomMesh);
                 const bool r1x = job.find_file(listing.mRoomMesh);
                 if (!r1x)
                     ORN::console().error("not a regular file of the job : ", job.path(listing.mRoomMesh));
@@ -493,7 +707,9 @@ public:
     };
 
     // A surface per floor from its points, trimmed to them, in its sizes;
-    // the floors one after another, each solve on all the workers.
+    // the floors one after another, each solve on one thread (so that a run
+    // gives the same surface whatever the threads), the trimming on all the
+    // workers.
     struct CON_mFloorMesh {
         ORN_NODE(CON_mFloorMesh);
         ORN::Array<NDS_mFloorMesh> mSelf;
@@ -520,7 +736,8 @@ public:
                     const CLOUD points = PointCloudProc::remove_points(final_cloud.mSelf, other);
                     const ORN::TimePoint start = ORN::TimePoint::now();
                     r.mDepth = SurfaceProc::surface_depth(points, outlier.mSelf.mSpacing);
-                    const MESH surface = SurfaceProc::reconstruct(points, r.mDepth, static_cast<int>(threads));
+                    // One solver thread: the same surface on every run.
+                    const MESH surface = SurfaceProc::reconstruct(points, r.mDepth, 1);
                     MESH level0 = SurfaceProc::trim(surface, kd.mSelf, outlier.mSelf.mOutlier,
                                                     std::max(reach, 1e-3), r.mFloor.mMin, r.mFloor.mMax, workers);
                     console.info(r.mFloor.mName, " : surface of ", level0.triangle_count(), " triangles (depth ", r.mDepth,
@@ -759,18 +976,15 @@ public:
             const auto &path = tree.stack<VAR_mWorkingPath>();
             tree.once([&names, &path] {
                 const ORN::JobDirectory job(path.mSelf);
-                for (const ORN::String<char> &name : names.mSelf) {
-                    ConsistencyProc::check_file_existance(job.path("caches/mesh/" + name));
-                    job.publish_file("caches/mesh/" + name, "results/mesh/" + name);
-                    ORN::console().debug("link : results/mesh/", name);
-                }
-                for (std::string_view folder : {"caches/mesh/", "results/mesh/"})
-                    for (const ORN::String<char> &file : job.list_files(folder))
-                        if (std::find(names.mSelf.begin(), names.mSelf.end(), file) == names.mSelf.end()) {
-                            job.erase_file(ORN::String<char>(folder) + file);
-                            ORN::console().debug("removed : ", folder, file);
-                        }
-                ORN::console().info("results/mesh : ", names.mSelf.size(), " files");
+                ORN::Array<ORN::JobDirectory::PUBLISHED> published;
+                for (const ORN::String<char> &name : names.mSelf)
+                    published.append(ORN::JobDirectory::PUBLISHED{"caches/mesh/" + name, "results/mesh/" + name});
+                job.publish_files("results/mesh", published);
+                for (const ORN::String<char> &file : job.list_files("caches/mesh"))
+                    if (std::find(names.mSelf.begin(), names.mSelf.end(), file) == names.mSelf.end()) {
+                        job.erase_file("caches/mesh/" + file);
+                        ORN::console().debug("removed : caches/mesh/", file);
+                    }
             });
         }
     };

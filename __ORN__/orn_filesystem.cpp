@@ -4,7 +4,9 @@
 // in orn_filesystem_windows.cpp.
 
 #include "orn_filesystem.h"
+#include "orn_debugger.h"
 #include "orn_filesystem_platform.h"
+#include "orn_serialization.h"
 
 #include <algorithm>
 #include <cstring>
@@ -155,6 +157,108 @@ void FileSystemProc::build_directory(const String<char> &path) {
             continue;
         Private::FilePlatform::create_directory(prefix);
     }
+}
+
+// ---------------------------------------------------------------------------
+// Publication of a set of results.
+
+String<char> JobDirectory::publication_journal(std::string_view directory) {
+    String<char> name(directory);
+    std::replace(name.begin(), name.end(), '\\', '/');
+    while (!name.empty() && name.back() == '/')
+        name.pop_back();
+    std::replace(name.begin(), name.end(), '/', '.');
+    return "caches/publishing/" + name + ".json";
+}
+
+namespace {
+
+// True when `name` (job-relative) lies below `directory`.
+bool below(std::string_view directory, std::string_view name) {
+    const auto parts = [](std::string_view text) {
+        return FileSystemProc::decouple_path_name(String<char>(text));
+    };
+    const Deque<String<char>> outer = parts(directory), inner = parts(name);
+    if (inner.size() <= outer.size())
+        return false;
+    for (INDEX i = 0; i < outer.size(); ++i)
+        if (outer[i] != inner[i])
+            return false;
+    return true;
+}
+
+// The same name with '/' between its components, for comparisons.
+String<char> normal_name(std::string_view name) {
+    String<char> r1x;
+    for (const String<char> &part : FileSystemProc::decouple_path_name(String<char>(name))) {
+        if (!r1x.empty())
+            r1x.push_back('/');
+        r1x.append(part);
+    }
+    return r1x;
+}
+
+// Removes every entry below `directory` that is not a directory and not in
+// `keep`, descending into real directories only.
+INDEX prune(const JobDirectory &job, const String<char> &directory, const Set<String<char>> &keep) {
+    INDEX removed = 0;
+    for (const JobDirectory::LISTED &entry : job.list_entries(directory)) {
+        const String<char> name = directory + "/" + entry.mName;
+        if (entry.mKind == JobDirectory::KIND::DIRECTORY) {
+            removed += prune(job, name, keep);
+        } else if (keep.find(name) == VAR_NONE) {
+            job.erase_file(name);
+            console().debug("unpublished : ", name);
+            ++removed;
+        }
+    }
+    return removed;
+}
+
+} // namespace
+
+void JobDirectory::publish_files(std::string_view directory, const Array<PUBLISHED> &files) const {
+    const String<char> root = normal_name(directory);
+    const String<char> journal = publication_journal(root);
+    if (exist(journal))
+        console().warn(root, " holds a mix of two runs (an earlier publication was interrupted); published anew");
+
+    // Every source and target is checked before anything changes.
+    Set<String<char>> targets;
+    for (const PUBLISHED &file : files) {
+        String<char> where;
+        const String<char> why = why_refused(file.mSource, &where);
+        if (why == "missing")
+            console().error("missing file : ", path(file.mSource));
+        else if (!why.empty())
+            console().error("refused file : ", where, " : ", why);
+        const bool source = why.empty();
+        _DYNAMIC_ASSERT_(source);
+        const bool target = below(root, file.mTarget) && targets.find(normal_name(file.mTarget)) == VAR_NONE;
+        if (!target)
+            console().error("publish : ", path(file.mTarget), " : ",
+                            below(root, file.mTarget) ? "published twice" : "outside " + root);
+        _DYNAMIC_ASSERT_(target);
+        targets.insert(normal_name(file.mTarget));
+    }
+
+    // The journal names the results being switched to.
+    JsonWriter writer(256);
+    writer.raw("{").key("directory").string(root).comma().key("state").string("mixed").comma().key("files").raw("[");
+    for (INDEX i = 0; i < files.size(); ++i) {
+        if (i > 0)
+            writer.comma();
+        writer.string(normal_name(files[i].mTarget));
+    }
+    writer.raw("]}");
+    save_file(journal, writer.text());
+    for (const PUBLISHED &file : files) {
+        publish_file(file.mSource, file.mTarget);
+        console().debug("link : ", normal_name(file.mTarget));
+    }
+    const INDEX removed = prune(*this, root, targets);
+    erase_file(journal);
+    console().info(root, " : ", files.size(), " files published", removed > 0 ? ", " + std::to_string(removed) + " removed" : "");
 }
 
 } // namespace ORN
@@ -380,9 +484,14 @@ int open_regular(const ENTRY &entry, int flags, FileDescriptor &file, struct sta
 
 // Test hook: a run is killed at the named point when ZARN_FAULT_POINT names
 // it, so that tests can interrupt a write where a crash would.
-void fault_point(std::string_view name) {
-    const char *point = std::getenv("ZARN_FAULT_POINT");
-    if (point != nullptr && name == point)
+// "<point>@<file name>" limits it to the writes of files of that name.
+void fault_point(std::string_view name, std::string_view file = {}) {
+    const char *value = std::getenv("ZARN_FAULT_POINT");
+    if (value == nullptr)
+        return;
+    const std::string_view point = value;
+    const auto at = point.find('@');
+    if (point.substr(0, at) == name && (at == std::string_view::npos || point.substr(at + 1) == file))
         ::raise(SIGKILL);
 }
 
@@ -590,6 +699,86 @@ JobDirectory::STAMP JobDirectory::stamp(std::string_view relative) const {
     return r2x;
 }
 
+String<char> JobDirectory::why_refused(std::string_view relative, String<char> *where) const {
+    const ENTRY r1x = job_entry(mRoot, relative, false);
+    int error = r1x.mDirectory.mError;
+    if (r1x.ok()) {
+        FileDescriptor file;
+        struct stat st;
+        error = open_regular(r1x, O_PATH, file, st);
+    }
+    if (where != nullptr)
+        *where = r1x.ok() ? path(relative) : r1x.mDirectory.mFailed;
+    if (error == 0)
+        return String<char>();
+    return error == ENOENT ? String<char>("missing") : reason_text(error);
+}
+
+JobDirectory::Input::Input(Input &&other) noexcept
+    : mHandle(std::exchange(other.mHandle, -1)), mPath(std::move(other.mPath)) {}
+
+JobDirectory::Input &JobDirectory::Input::operator=(Input &&other) noexcept {
+    if (this != &other) {
+        if (mHandle >= 0)
+            ::close(static_cast<int>(mHandle));
+        mHandle = std::exchange(other.mHandle, -1);
+        mPath = std::move(other.mPath);
+    }
+    return *this;
+}
+
+JobDirectory::Input::~Input() {
+    if (mHandle >= 0)
+        ::close(static_cast<int>(mHandle));
+}
+
+JobDirectory::Input JobDirectory::open_input(std::string_view relative) const {
+    const ENTRY r1x = job_entry(mRoot, relative, false);
+    int error = r1x.mDirectory.mError;
+    FileDescriptor file;
+    if (r1x.ok()) {
+        struct stat st;
+        error = open_regular(r1x, O_RDONLY | O_NONBLOCK, file, st);
+    }
+    if (error == ENOENT)
+        console().error("missing file : ", path(relative));
+    else if (error != 0)
+        console().error("refused file : ", r1x.ok() ? path(relative) : r1x.mDirectory.mFailed, " : ", reason_text(error));
+    const bool r2x = error == 0;
+    _DYNAMIC_ASSERT_(r2x);
+    // The library reads it like any file: blocking again.
+    (void)::fcntl(file.get(), F_SETFL, ::fcntl(file.get(), F_GETFL) & ~O_NONBLOCK);
+    Input r3x;
+    r3x.mHandle = file.release();
+    r3x.mPath = "/proc/self/fd/" + std::to_string(r3x.mHandle);
+    return r3x;
+}
+
+Array<JobDirectory::LISTED> JobDirectory::list_entries(std::string_view relative) const {
+    Array<LISTED> r1x;
+    Deque<String<char>> parts;
+    if (!job_components(relative, parts))
+        return r1x;
+    WALK r2x = walk_job(mRoot, parts, parts.size(), false);
+    DIR *stream = r2x.ok() ? ::fdopendir(r2x.mFd.get()) : nullptr;
+    if (stream == nullptr)
+        return r1x;
+    r2x.mFd.release(); // now owned by the stream
+    while (const dirent *entry = ::readdir(stream)) {
+        const std::string_view name = entry->d_name;
+        if (name == "." || name == "..")
+            continue;
+        struct stat st;
+        LISTED item{String<char>(name), KIND::OTHER};
+        if (::fstatat(::dirfd(stream), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0)
+            item.mKind = S_ISREG(st.st_mode) ? KIND::FILE : S_ISDIR(st.st_mode) ? KIND::DIRECTORY : KIND::OTHER;
+        r1x.append(std::move(item));
+    }
+    ::closedir(stream);
+    std::sort(r1x.begin(), r1x.end(), [](const LISTED &a, const LISTED &b) { return a.mName < b.mName; });
+    return r1x;
+}
+
 Array<String<char>> JobDirectory::list_files(std::string_view relative) const {
     Array<String<char>> r1x;
     Deque<String<char>> parts;
@@ -710,13 +899,13 @@ void durable_save(const JobDirectory &job, std::string_view relative, BODY &&bod
     _DYNAMIC_ASSERT_(r4x);
     file.reset();
 
-    fault_point("save_file:before_rename");
+    fault_point("save_file:before_rename", r1x.mName);
     const bool r5x = ::renameat(dir, temporary.c_str(), dir, r1x.mName.c_str()) == 0;
     if (!r5x)
         report_error("save_file", target, errno);
     _DYNAMIC_ASSERT_(r5x);
     kept = true;
-    fault_point("save_file:after_rename");
+    fault_point("save_file:after_rename", r1x.mName);
     // The rename itself reaches the disk with the directory.
     const bool r6x = ::fsync(dir) == 0 || errno == EINVAL;
     if (!r6x)
@@ -772,27 +961,37 @@ void JobDirectory::publish_file(std::string_view source, std::string_view target
     _DYNAMIC_ASSERT_(target_directory);
     const int dir = to.mDirectory.mFd.get();
 
-    // Delete, then link. unlinkat removes a link in the way, never its target.
-    const int erased = ::unlinkat(dir, to.mName.c_str(), 0) == 0 ? 0 : errno;
-    struct stat st;
-    const bool r1x = ::fstatat(dir, to.mName.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
-    if (r1x)
-        report_error("publish_file", path(target), erased != 0 && erased != ENOENT ? erased : EEXIST);
-    _DYNAMIC_ASSERT_(!r1x);
-    const bool r2x = ::linkat(from.mDirectory.mFd.get(), from.mName.c_str(), dir, to.mName.c_str(), 0) == 0;
-    if (!r2x)
-        report_error("publish_file", path(target), errno);
-    _DYNAMIC_ASSERT_(r2x);
-
-    // The name may have been swapped for something else since it was
-    // checked: the new link must be the very file that was checked.
-    const bool same_file = ::fstatat(dir, to.mName.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) &&
-                           st.st_dev == original.st_dev && st.st_ino == original.st_ino;
-    if (!same_file) {
-        (void)::unlinkat(dir, to.mName.c_str(), 0);
-        report("publish_file", path(source), "replaced while it was published");
+    // Link under a fresh temporary name, then rename over the target: the
+    // target is never missing, and a link or file in its place is replaced
+    // itself, never followed. A directory in the way is refused by rename.
+    static std::atomic<uint64> counter{0};
+    String<char> temporary;
+    bool linked = false;
+    for (int attempt = 0; attempt < 64 && !linked; ++attempt) {
+        temporary = "." + to.mName + ".publish-" + std::to_string(::getpid()) + "-" + std::to_string(counter++);
+        linked = ::linkat(from.mDirectory.mFd.get(), from.mName.c_str(), dir, temporary.c_str(), 0) == 0;
+        if (!linked && errno != EEXIST)
+            break;
     }
+    if (!linked)
+        report_error("publish_file", path(target), errno);
+    _DYNAMIC_ASSERT_(linked);
+    const ON_EXIT discard{[&] { (void)::unlinkat(dir, temporary.c_str(), 0); }};
+
+    // The source may have been swapped for something else since it was
+    // checked: the new link must be the very file that was checked.
+    struct stat st;
+    const bool same_file = ::fstatat(dir, temporary.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) &&
+                           st.st_dev == original.st_dev && st.st_ino == original.st_ino;
+    if (!same_file)
+        report("publish_file", path(source), "replaced while it was published");
     _DYNAMIC_ASSERT_(same_file);
+
+    fault_point("publish_file:before_rename", to.mName);
+    const bool replaced = ::renameat(dir, temporary.c_str(), dir, to.mName.c_str()) == 0;
+    if (!replaced)
+        report_error("publish_file", path(target), errno);
+    _DYNAMIC_ASSERT_(replaced);
 }
 
 // ---------------------------------------------------------------------------

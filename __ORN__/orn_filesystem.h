@@ -119,10 +119,50 @@ public:
     };
     STAMP stamp(std::string_view relative) const;
 
+    // Why a name is not a regular file reached inside the job without
+    // links: empty when it is; otherwise "missing", "symbolic link, not
+    // followed", "not a regular file" or "name leaves the job directory",
+    // with in `where` the full path of the component refused.
+    String<char> why_refused(std::string_view relative, String<char> *where = nullptr) const;
+
+    // A checked input held open for a library that reads it by path: the
+    // file is opened without following links and must be a regular file,
+    // and `path()` names that open file (on Linux "/proc/self/fd/N"), so
+    // that the name cannot be swapped for something else between the check
+    // and the library's read. On Windows the path is the job's own, and the
+    // open handle, shared for reading only, keeps the file from being
+    // renamed, replaced or deleted until it is closed.
+    class Input {
+    public:
+        Input() = default;
+        Input(Input &&other) noexcept;
+        Input &operator=(Input &&other) noexcept;
+        Input(const Input &) = delete;
+        Input &operator=(const Input &) = delete;
+        ~Input();
+        const String<char> &path() const noexcept { return mPath; }
+
+    private:
+        friend class JobDirectory;
+        std::intptr_t mHandle = -1;
+        String<char> mPath;
+    };
+    // Opens a checked input; a refused or missing name fails after the line
+    // "missing file : <path>" or "refused file : <path> : <reason>".
+    Input open_input(std::string_view relative) const;
+
     // The names of the regular files in a directory of the job, sorted
     // (links and other entries are left out); empty when the directory is
     // missing or refused.
     Array<String<char>> list_files(std::string_view relative) const;
+    // Every entry of a directory of the job with its kind, sorted by name;
+    // empty when the directory is missing or refused.
+    enum class KIND { FILE, DIRECTORY, OTHER };
+    struct LISTED {
+        String<char> mName;
+        KIND mKind = KIND::OTHER;
+    };
+    Array<LISTED> list_entries(std::string_view relative) const;
 
     // Makes the directory and its missing parents, each a real directory.
     void build_directory(std::string_view relative) const;
@@ -144,11 +184,29 @@ public:
     // interrupted save may leave behind.
     void erase_leftovers(std::string_view relative) const;
 
-    // The publishing routine: makes `target` a hard link of `source`. The
-    // source must be a regular file; a missing or refused source leaves an
-    // existing target in place. Then the target's directories are made, the
-    // old target is removed ("!r1x" when it cannot be) and the link is made.
+    // Makes `target` a hard link of `source`, replacing an existing target
+    // atomically: the link is made under a fresh temporary name beside the
+    // target and renamed over it, so the target is at every moment the old
+    // result or the new one. The source must be a regular file; a missing or
+    // refused source leaves an existing target in place.
     void publish_file(std::string_view source, std::string_view target) const;
+
+    // The publishing routine: a run's results, each a hard link of a cache
+    // file, made the content of the result directory `directory` as one
+    // set. Every source is checked before the first link, so a missing one
+    // changes nothing; every target must lie below `directory`; then each
+    // target is replaced atomically, and whatever else the directory held
+    // (the results of an earlier run that this one no longer has) is
+    // removed. While the set is being switched, a journal
+    // "caches/publishing/<directory>.json" tells that the directory holds a
+    // mix of two runs; it is removed when the switch is complete, and a
+    // journal found at the start is reported as an interrupted publication.
+    struct PUBLISHED {
+        String<char> mSource, mTarget;
+    };
+    void publish_files(std::string_view directory, const Array<PUBLISHED> &files) const;
+    // The journal of an interrupted publication of `directory`, if any.
+    static String<char> publication_journal(std::string_view directory);
 
 private:
     String<char> mRoot;

@@ -430,10 +430,14 @@ ENTRY job_entry(const String<char> &root, std::string_view relative, bool create
 // it, so that tests can interrupt a write where a crash would. The process
 // ends at once, as the POSIX form's SIGKILL ends it: no handler runs, nothing
 // is flushed; the exit code is that signal's number.
-void fault_point(std::string_view name) {
-    char point[64];
-    const DWORD length = ::GetEnvironmentVariableA("ZARN_FAULT_POINT", point, sizeof(point));
-    if (length > 0 && length < sizeof(point) && name == std::string_view(point, length))
+void fault_point(std::string_view name, std::string_view file = {}) {
+    char value[512];
+    const DWORD length = ::GetEnvironmentVariableA("ZARN_FAULT_POINT", value, sizeof(value));
+    if (length == 0 || length >= sizeof(value))
+        return;
+    const std::string_view point(value, length);
+    const auto at = point.find('@');
+    if (point.substr(0, at) == name && (at == std::string_view::npos || point.substr(at + 1) == file))
         ::TerminateProcess(::GetCurrentProcess(), 9);
 }
 
@@ -748,6 +752,89 @@ void JobDirectory::build_directory(std::string_view relative) const {
 
 // Regular files only: directories and reparse points (links, junctions)
 // are left out, as the POSIX form leaves out everything but regular files.
+String<char> JobDirectory::why_refused(std::string_view relative, String<char> *where) const {
+    const ENTRY r1x = job_entry(mRoot, relative, false);
+    int error = r1x.mDirectory.mError;
+    if (r1x.ok()) {
+        const FileHandle file(open_entry(r1x.path(), FILE_READ_ATTRIBUTES));
+        BY_HANDLE_FILE_INFORMATION info;
+        error = file.get() < 0 ? refusal(r1x.path(), last_error()) : regular_refusal(file.handle(), info, true);
+    }
+    if (where != nullptr)
+        *where = r1x.ok() ? path(relative) : r1x.mDirectory.mFailed;
+    if (error == 0)
+        return String<char>();
+    return missing(error) ? String<char>("missing") : reason_text(error);
+}
+
+JobDirectory::Input::Input(Input &&other) noexcept
+    : mHandle(std::exchange(other.mHandle, -1)), mPath(std::move(other.mPath)) {}
+
+JobDirectory::Input &JobDirectory::Input::operator=(Input &&other) noexcept {
+    if (this != &other) {
+        FileHandle(std::exchange(mHandle, -1)).reset();
+        mHandle = std::exchange(other.mHandle, -1);
+        mPath = std::move(other.mPath);
+    }
+    return *this;
+}
+
+JobDirectory::Input::~Input() { FileHandle(std::exchange(mHandle, -1)).reset(); }
+
+// Windows has no path that names an open file for another reader, so the
+// checked file is held open shared for reading only: while the handle lives
+// nobody can write, rename, replace or delete it, and its path names it.
+JobDirectory::Input JobDirectory::open_input(std::string_view relative) const {
+    const ENTRY r1x = job_entry(mRoot, relative, false);
+    int error = r1x.mDirectory.mError;
+    FileHandle file;
+    if (r1x.ok()) {
+        file = FileHandle(open_entry(r1x.path(), GENERIC_READ, FILE_SHARE_READ));
+        BY_HANDLE_FILE_INFORMATION info;
+        error = file.get() < 0 ? refusal(r1x.path(), last_error()) : regular_refusal(file.handle(), info, true);
+    }
+    if (missing(error))
+        console().error("missing file : ", path(relative));
+    else if (error != 0)
+        console().error("refused file : ", r1x.ok() ? path(relative) : r1x.mDirectory.mFailed, " : ", reason_text(error));
+    const bool r2x = error == 0;
+    _DYNAMIC_ASSERT_(r2x);
+    Input r3x;
+    r3x.mHandle = file.release();
+    r3x.mPath = r1x.path();
+    return r3x;
+}
+
+Array<JobDirectory::LISTED> JobDirectory::list_entries(std::string_view relative) const {
+    Array<LISTED> r1x;
+    Deque<String<char>> parts;
+    if (!job_components(relative, parts))
+        return r1x;
+    const WALK r2x = walk_job(mRoot, parts, parts.size(), false);
+    if (!r2x.ok())
+        return r1x;
+    WIN32_FIND_DATAA found;
+    const HANDLE search = ::FindFirstFileExA(FileSystemProc::join_path(r2x.mFailed, "*").c_str(), FindExInfoBasic,
+                                             &found, FindExSearchNameMatch, nullptr, 0);
+    if (search == INVALID_HANDLE_VALUE)
+        return r1x;
+    do {
+        const std::string_view name = found.cFileName;
+        if (name == "." || name == "..")
+            continue;
+        const DWORD attributes = found.dwFileAttributes;
+        KIND kind = KIND::FILE;
+        if ((attributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DEVICE)) != 0)
+            kind = KIND::OTHER;
+        else if ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
+            kind = KIND::DIRECTORY;
+        r1x.append(LISTED{String<char>(name), kind});
+    } while (::FindNextFileA(search, &found));
+    ::FindClose(search);
+    std::sort(r1x.begin(), r1x.end(), [](const LISTED &a, const LISTED &b) { return a.mName < b.mName; });
+    return r1x;
+}
+
 Array<String<char>> JobDirectory::list_files(std::string_view relative) const {
     Array<String<char>> r1x;
     Deque<String<char>> parts;
@@ -877,7 +964,7 @@ void durable_save(const JobDirectory &job, std::string_view relative, BODY &&bod
     _DYNAMIC_ASSERT_(r4x);
     file.reset();
 
-    fault_point("save_file:before_rename");
+    fault_point("save_file:before_rename", r1x.mName);
     // A read-only target refuses to be replaced, so its attribute is lifted
     // for the rename, when the old file has no other name that would see the
     // change; it is put back if the rename fails.
@@ -891,7 +978,7 @@ void durable_save(const JobDirectory &job, std::string_view relative, BODY &&bod
     }
     _DYNAMIC_ASSERT_(r5x);
     renamed = true;
-    fault_point("save_file:after_rename");
+    fault_point("save_file:after_rename", r1x.mName);
     const bool r6x = flush_directory(directory, error);
     if (!r6x)
         report_error("save_file", directory, error);
@@ -951,33 +1038,50 @@ void JobDirectory::publish_file(std::string_view source, std::string_view target
     _DYNAMIC_ASSERT_(target_directory);
     const String<char> destination = to.path();
 
-    // Delete, then link. A link in the way is removed itself, never its target.
-    int erased = 0;
-    if (remove_entry(destination, erased))
-        erased = 0;
-    const bool r1x = path_present(destination);
-    if (r1x)
-        report_error("publish_file", path(target), erased != 0 && !missing(erased) ? erased : ERROR_FILE_EXISTS);
-    _DYNAMIC_ASSERT_(!r1x);
-    const bool r2x = ::CreateHardLinkA(destination.c_str(), from.path().c_str(), nullptr) != FALSE;
-    if (!r2x)
-        report_error("publish_file", path(target), last_error());
-    _DYNAMIC_ASSERT_(r2x);
+    // Link under a fresh temporary name, then rename over the target: the
+    // target is never missing, and a link in its place is replaced itself.
+    static std::atomic<uint64> counter{0};
+    String<char> temporary;
+    bool linked = false;
+    int error_link = 0;
+    for (int attempt = 0; attempt < 64 && !linked; ++attempt) {
+        temporary = FileSystemProc::join_path(to.mDirectory.mFailed, "." + to.mName + ".publish-" +
+                                                                           std::to_string(::GetCurrentProcessId()) +
+                                                                           "-" + std::to_string(counter++));
+        linked = ::CreateHardLinkA(temporary.c_str(), from.path().c_str(), nullptr) != FALSE;
+        error_link = linked ? 0 : last_error();
+        if (!linked && error_link != ERROR_ALREADY_EXISTS && error_link != ERROR_FILE_EXISTS)
+            break;
+    }
+    if (!linked)
+        report_error("publish_file", path(target), error_link);
+    _DYNAMIC_ASSERT_(linked);
+    const ON_EXIT discard{[&] {
+        int ignored = 0;
+        if (path_present(temporary))
+            (void)remove_entry(temporary, ignored);
+    }};
 
-    // The name may have been swapped for something else since it was
+    // The source may have been swapped for something else since it was
     // checked: the new link must be the very file that was checked.
     BY_HANDLE_FILE_INFORMATION linked{};
-    const FileHandle check(open_entry(destination, FILE_READ_ATTRIBUTES));
-    const bool same_file = check.get() >= 0 && regular_refusal(check.handle(), linked, true) == 0 &&
-                           linked.dwVolumeSerialNumber == original.dwVolumeSerialNumber &&
-                           linked.nFileIndexHigh == original.nFileIndexHigh &&
-                           linked.nFileIndexLow == original.nFileIndexLow;
-    if (!same_file) {
-        int ignored = 0;
-        (void)remove_entry(destination, ignored);
-        report("publish_file", path(source), "replaced while it was published");
+    {
+        const FileHandle check(open_entry(temporary, FILE_READ_ATTRIBUTES));
+        const bool same_file = check.get() >= 0 && regular_refusal(check.handle(), linked, true) == 0 &&
+                               linked.dwVolumeSerialNumber == original.dwVolumeSerialNumber &&
+                               linked.nFileIndexHigh == original.nFileIndexHigh &&
+                               linked.nFileIndexLow == original.nFileIndexLow;
+        if (!same_file)
+            report("publish_file", path(source), "replaced while it was published");
+        _DYNAMIC_ASSERT_(same_file);
     }
-    _DYNAMIC_ASSERT_(same_file);
+
+    fault_point("publish_file:before_rename", to.mName);
+    int error = 0;
+    const bool replaced = rename_over(temporary, destination, error);
+    if (!replaced)
+        report_error("publish_file", path(target), error);
+    _DYNAMIC_ASSERT_(replaced);
 }
 
 // ---------------------------------------------------------------------------

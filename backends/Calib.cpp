@@ -1,12 +1,15 @@
 // Reference stand-in for the closed calibration library "libCalib.so", with
 // the C interface of ZARN_Common/CalibLibrary.h (see there, and
 // docs/BACKENDS.md, for every entry, argument and result code). Each entry
-// starts with the trace and fault injection of backend_support.h; every
-// path is used as given (absolute, or relative to the current directory).
-// Outputs go to "caches/calib_result/" of the job: each entry writes all its
-// files under temporary names first and renames them into place only when
-// every one is written, so a failed call leaves no file that passes for a
-// result (and a file published earlier as a hard link keeps its content).
+// starts with the trace and fault injection of backend_support.h; a handed
+// path is used as given (absolute, relative to the current directory, or a
+// "/proc/self/fd/N" of the module's), while the chessboard views, which the
+// library finds itself, are reached from the job without links.
+// Outputs go to "caches/calib_result/" of the job (made without following
+// links): each entry writes all its files to exclusive temporary files first
+// (backend_support.h) and renames them into place only when every one is
+// written, so a failed call leaves no file that passes for a result (and a
+// file published earlier as a hard link keeps its content).
 //
 // --- run_calib_main (working_path, target)
 //
@@ -135,6 +138,7 @@
 #include <cstring>
 #include <fstream>
 #include <initializer_list>
+#include <memory>
 #include <numbers>
 #include <sstream>
 #include <string>
@@ -155,7 +159,9 @@ namespace {
 constexpr double PI = std::numbers::pi;
 constexpr double MAX_RMS = 1.0;          // pixels
 constexpr std::uintmax_t TARGET_LIMIT = 65536; // bytes of the target description
+constexpr std::size_t IMAGE_LIMIT = std::size_t(1) << 30; // bytes of an image file
 constexpr int MIN_VIEWS = 3;
+constexpr std::string_view VIEWS = "caches/calibration"; // of the job
 constexpr double SATURATED_SHARE = 0.02;
 constexpr double DARKEST_FIELD = 16; // grey levels
 constexpr int JPEG_QUALITY = 95;
@@ -189,64 +195,67 @@ std::string fixed(double value, int digits) {
 
 class Outputs {
 public:
-    explicit Outputs(fs::path directory) : mDirectory(std::move(directory)) {}
+    explicit Outputs(const char *working_path) : mWorkingPath(working_path) {}
 
-    void add(const std::string &name, std::string bytes) { mFiles.emplace_back(name, std::move(bytes)); }
+    void add(const std::string &name, std::string bytes) {
+        if (!zarn_backend::injected_omission(name))
+            mFiles.emplace_back(name, std::move(bytes));
+    }
 
-    // Writes every file under a temporary name, then renames them all into
-    // place; on any failure removes what it wrote and gives
+    // Writes every file to its own temporary file in caches/calib_result/
+    // of the job (made as a real directory when missing), then renames them
+    // all into place; on any failure removes what it wrote and gives
     // CALIB_WRITE_FAILED.
     int commit() {
-        std::error_code ec;
-        fs::create_directories(mDirectory, ec);
-        if (!fs::is_directory(mDirectory, ec))
+        const zarn_backend::Descriptor job = zarn_backend::open_directory(mWorkingPath);
+        const zarn_backend::Descriptor directory =
+            job ? zarn_backend::open_directory_at(job.get(), "caches/calib_result", true) : zarn_backend::Descriptor();
+        if (!directory)
             return Lib::CALIB_WRITE_FAILED;
-        std::vector<fs::path> temporaries;
-        const auto discard = [&] {
-            for (const fs::path &t : temporaries)
-                fs::remove(t, ec);
-            return Lib::CALIB_WRITE_FAILED;
-        };
+        std::vector<std::unique_ptr<zarn_backend::OutputFile>> files;
         for (const auto &[name, bytes] : mFiles) {
-            std::string hidden = ".";
-            hidden += name;
-            hidden += '.';
-            hidden += std::to_string(::getpid());
-            hidden += ".part";
-            const fs::path temporary = mDirectory / hidden;
-            temporaries.push_back(temporary);
-            std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-            if (!out.write(bytes.data(), static_cast<std::streamsize>(bytes.size())) || !out.flush())
-                return discard();
+            files.push_back(std::make_unique<zarn_backend::OutputFile>(directory.get(), name));
+            if (!files.back()->write(bytes.data(), bytes.size()) || !files.back()->finish())
+                return Lib::CALIB_WRITE_FAILED;
         }
-        for (std::size_t i = 0; i < mFiles.size(); ++i) {
-            fs::rename(temporaries[i], mDirectory / mFiles[i].first, ec);
-            if (ec)
-                return discard();
-        }
+        for (const auto &file : files)
+            if (!file->commit())
+                return Lib::CALIB_WRITE_FAILED;
         return Lib::CALIB_OK;
     }
 
 private:
-    fs::path mDirectory;
+    fs::path mWorkingPath;
     std::vector<std::pair<std::string, std::string>> mFiles;
 };
 
-fs::path result_directory(const char *working_path) { return fs::path(working_path) / "caches" / "calib_result"; }
-
 // --- Images.
 
-// Decodes an image file (8-bit grey or blue-green-red); false when it is
-// missing or does not decode.
-bool read_image(const fs::path &path, ORN::ImageReadMode mode, cv::Mat &out) {
-    std::error_code ec;
-    if (!fs::is_regular_file(path, ec))
-        return false;
+// Decodes the bytes of an image file (8-bit grey or blue-green-red); false
+// when they do not decode.
+bool decode_image(const std::vector<unsigned char> &bytes, ORN::ImageReadMode mode, cv::Mat &out) {
     ORN::Image image;
-    if (!ORN::try_run([&] { image = ORN::Image::read(path.string(), mode); }))
+    if (bytes.empty() || !ORN::try_run([&] {
+            image = ORN::Image::decode(bytes.data(), static_cast<ORN::INDEX>(bytes.size()), mode);
+        }))
         return false;
     out = ImageProc::mat(image).clone();
     return !out.empty();
+}
+
+// An image the module handed (a capture); false when it is missing, not a
+// regular file or does not decode.
+bool read_image(const fs::path &path, ORN::ImageReadMode mode, cv::Mat &out) {
+    std::vector<unsigned char> bytes;
+    return zarn_backend::read_path(path, bytes, IMAGE_LIMIT) && decode_image(bytes, mode, out);
+}
+
+// An image the library finds in the job by itself, reached from the job's
+// directory without links.
+bool read_image_at(int job, const std::string &relative, ORN::ImageReadMode mode, cv::Mat &out) {
+    std::vector<unsigned char> bytes;
+    const zarn_backend::Descriptor file = zarn_backend::open_file_at(job, relative);
+    return file && zarn_backend::read_all(file.get(), bytes, IMAGE_LIMIT) && decode_image(bytes, mode, out);
 }
 
 std::string encode_jpeg(const cv::Mat &image) {
@@ -300,32 +309,26 @@ int read_target(const char *path, BOARD &board) {
 }
 
 struct VIEW_FILE {
-    std::string mName; // after the prefix, without the extension
-    fs::path mPath;
+    std::string mName;     // after the prefix, without the extension
+    std::string mRelative; // "caches/calibration/<file>"
 };
 
 // The views of one lens, in file-name order; of several files with one
-// name (up_01.png, up_01.jpg) the first counts.
-std::vector<VIEW_FILE> view_files(const fs::path &directory, const std::string &prefix) {
-    std::vector<std::pair<std::string, fs::path>> found;
-    std::error_code ec;
-    for (fs::directory_iterator it(directory, ec), end; !ec && it != end; it.increment(ec)) {
-        const std::string file = it->path().filename().string();
-        std::string ext = it->path().extension().string();
+// name (up_01.png, up_01.jpg) the first counts. Only regular files reached
+// from the job without links count.
+std::vector<VIEW_FILE> view_files(int job, const std::string &prefix) {
+    std::vector<std::string> found;
+    for (const std::string &file : zarn_backend::list_files_at(job, VIEWS)) {
+        std::string ext = fs::path(file).extension().string();
         std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-        if (file.rfind(prefix, 0) != 0 || (ext != ".png" && ext != ".jpg" && ext != ".jpeg"))
-            continue;
-        std::error_code type;
-        if (!fs::is_regular_file(it->path(), type))
-            continue;
-        found.emplace_back(file, it->path());
+        if (file.rfind(prefix, 0) == 0 && (ext == ".png" || ext == ".jpg" || ext == ".jpeg"))
+            found.push_back(file);
     }
-    std::sort(found.begin(), found.end());
     std::vector<VIEW_FILE> out;
-    for (const auto &[file, path] : found) {
-        const std::string name = path.stem().string().substr(prefix.size());
+    for (const std::string &file : found) {
+        const std::string name = fs::path(file).stem().string().substr(prefix.size());
         if (std::none_of(out.begin(), out.end(), [&](const VIEW_FILE &v) { return v.mName == name; }))
-            out.push_back({name, path});
+            out.push_back({name, std::string(VIEWS) + "/" + file});
     }
     return out;
 }
@@ -335,14 +338,14 @@ struct LENS_RESULT {
     std::vector<VIEW> mViews;
     double mRms = 0;
     double mMaxAngle = 0;
-    std::vector<fs::path> mFiles; // of mViews
+    std::vector<std::string> mFiles; // of mViews, relative to the job
 };
 
-int calibrate_lens(const std::vector<VIEW_FILE> &files, const BOARD &board, LENS_RESULT &out) {
+int calibrate_lens(int job, const std::vector<VIEW_FILE> &files, const BOARD &board, LENS_RESULT &out) {
     cv::Mat brightest;
     for (const VIEW_FILE &f : files) {
         cv::Mat grey;
-        if (!read_image(f.mPath, ORN::ImageReadMode::GRAY, grey))
+        if (!read_image_at(job, f.mRelative, ORN::ImageReadMode::GRAY, grey))
             return Lib::CALIB_BAD_INPUT;
         if (brightest.empty())
             brightest = grey.clone();
@@ -354,7 +357,7 @@ int calibrate_lens(const std::vector<VIEW_FILE> &files, const BOARD &board, LENS
         view.mName = f.mName;
         if (zarn_calib::find_corners(grey, board, view.mCorners)) {
             out.mViews.push_back(std::move(view));
-            out.mFiles.push_back(f.mPath);
+            out.mFiles.push_back(f.mRelative);
         }
     }
     if (static_cast<int>(out.mViews.size()) < MIN_VIEWS)
@@ -483,11 +486,13 @@ int calib_main(const char *working_path, const char *target) {
     BOARD board;
     if (const int r = read_target(target, board); r != Lib::CALIB_OK)
         return r;
-    const fs::path views = fs::path(working_path) / "caches" / "calibration";
+    const zarn_backend::Descriptor job = zarn_backend::open_directory(working_path);
+    if (!job)
+        return Lib::CALIB_NO_VIEWS;
     LENS_RESULT up, down;
-    if (const int r = calibrate_lens(view_files(views, "up_"), board, up); r != Lib::CALIB_OK)
+    if (const int r = calibrate_lens(job.get(), view_files(job.get(), "up_"), board, up); r != Lib::CALIB_OK)
         return r;
-    if (const int r = calibrate_lens(view_files(views, "down_"), board, down); r != Lib::CALIB_OK)
+    if (const int r = calibrate_lens(job.get(), view_files(job.get(), "down_"), board, down); r != Lib::CALIB_OK)
         return r;
     cv::Matx33d R;
     cv::Vec3d T;
@@ -522,8 +527,8 @@ int calib_main(const char *working_path, const char *target) {
                 }
     }();
     cv::Mat preview_up, preview_down;
-    if (!read_image(up.mFiles[first_up], ORN::ImageReadMode::COLOR, preview_up) ||
-        !read_image(down.mFiles[first_down], ORN::ImageReadMode::COLOR, preview_down))
+    if (!read_image_at(job.get(), up.mFiles[first_up], ORN::ImageReadMode::COLOR, preview_up) ||
+        !read_image_at(job.get(), down.mFiles[first_down], ORN::ImageReadMode::COLOR, preview_down))
         return Lib::CALIB_BAD_INPUT;
 
     cv::FileStorage pair("Up2.xml", cv::FileStorage::WRITE | cv::FileStorage::MEMORY);
@@ -533,7 +538,7 @@ int calib_main(const char *working_path, const char *target) {
         {"up", &up, upper, cv::Vec3d(0, 0, 0)},
         {"down", &down, lower, upper * (-(R.t() * T))},
     };
-    Outputs outputs(result_directory(working_path));
+    Outputs outputs(working_path);
     outputs.add("down.jpg", encode_jpeg(hemisphere(table_down, preview_down, false)));
     outputs.add("up.jpg", encode_jpeg(hemisphere(table_up, preview_up, true)));
     outputs.add("Down.xml", lens_xml("down", down));
@@ -676,7 +681,7 @@ int analysis_main(const char *const (&src)[4], const char *working_path, int cou
     put({"mean", fixed(sum_before / zarn_calib::PATCHES, 4), fixed(sum_after / zarn_calib::PATCHES, 4)});
     put({"max", fixed(max_before, 4), fixed(max_after, 4)});
 
-    Outputs outputs(result_directory(working_path));
+    Outputs outputs(working_path);
     outputs.add("colorCalibrate.txt", std::move(txt));
     outputs.add("colorCalibrate.jpg", encode_jpeg(chart_preview(first, first_place, M)));
     return outputs.commit();
@@ -722,7 +727,7 @@ int shading_main(const char *const (&src)[4], const char *working_path, int coun
     put_int(bytes, rows);
     for (float g : gains)
         put_float(bytes, g);
-    Outputs outputs(result_directory(working_path));
+    Outputs outputs(working_path);
     outputs.add("shadingCalibrate", std::move(bytes));
     return outputs.commit();
 }

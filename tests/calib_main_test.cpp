@@ -3,6 +3,7 @@
 // zarn_capture --calibration.
 #include "support.h"
 
+#include <regex>
 #include <rapidjson/document.h>
 
 #include <algorithm>
@@ -185,9 +186,54 @@ TEST_F(CalibMain, GivenInputsReachTheLibraryFirstWhateverTheirKeys) {
                                                R"("analysis_raw":{"src1":"","src3":")" + chart + R"("}}})");
     const auto r = calibrate(job);
     ASSERT_EQ(r.status, 0) << r.output;
-    EXPECT_TRUE(starts_with(traced(), "run_analysis_main \"" + (job / chart).string() + "\" \"\" \"\" \"\" \"" +
-                                          job.string() + "\" \"1\"\n"))
-        << traced();
+    // The input reaches the library as the file the process opened and checked.
+    const std::regex call("run_analysis_main \"/proc/self/fd/[0-9]+\" \"\" \"\" \"\" \"" + job.string() + "\" \"1\"\n");
+    EXPECT_TRUE(std::regex_match(traced(), call)) << traced();
+}
+
+// Inputs reached through a link, or swapped for one, are never read, and a
+// stage's outputs of an earlier run cannot pass for this run's: a library
+// that leaves one out fails the run before anything is published.
+TEST_F(CalibMain, InputsThroughLinksAndStaleOutputsAreRefused) {
+    const fs::path job = make_job("job", false, true, false);
+    const std::string chart = first_capture(job, "chart_");
+    ASSERT_EQ(calibrate(job).status, 0);
+    const auto published = files_in(job / "results/calib");
+    ASSERT_FALSE(published.empty());
+    const auto inode = inode_of(job / "results/calib/colorCalibrate.txt");
+
+    // A chart outside the job, reached through a linked file and a linked folder.
+    const fs::path outside = job.parent_path() / "outside";
+    fs::create_directories(outside / "dir");
+    fs::copy_file(job / chart, outside / "chart.jpg");
+    fs::copy_file(job / chart, outside / "dir/chart.jpg");
+    fs::create_symlink(outside / "chart.jpg", job / "linked.jpg");
+    fs::create_directory_symlink(outside / "dir", job / "linked");
+    for (const std::string name : {"linked.jpg", "linked/chart.jpg"}) {
+        write_file(job / "caches/split_data.json", R"({"CalibMainProcess":{"enable_calib_main_analysis":true,)"
+                                                   R"("analysis_raw":{"src1":")" + name + R"("}}})");
+        const auto r = calibrate(job);
+        EXPECT_EQ(r.status, 1) << r.output;
+        EXPECT_TRUE(contains(r.output, " : symbolic link, not followed\nCalibMainProcess error\n")) << r.output;
+        EXPECT_EQ(inode_of(job / "results/calib/colorCalibrate.txt"), inode) << name;
+    }
+
+    // The library leaves out one of its files: the earlier run's copy is gone
+    // from the cache, so the run fails and the published set stays whole.
+    write_file(job / "caches/split_data.json", R"({"CalibMainProcess":{"enable_calib_main_analysis":true,)"
+                                               R"("analysis_raw":{"src1":")" + chart + R"("}}})");
+    const auto r = calibrate(job, "ZARN_BACKEND_OMIT=colorCalibrate.jpg");
+    EXPECT_EQ(r.status, 1) << r.output;
+    EXPECT_TRUE(contains(r.output, "missing file : " + (job / "caches/calib_result/colorCalibrate.jpg").string()))
+        << r.output;
+    EXPECT_EQ(files_in(job / "results/calib"), published);
+    EXPECT_EQ(inode_of(job / "results/calib/colorCalibrate.txt"), inode);
+
+    // A later run with no stage leaves nothing published as if current.
+    write_file(job / "caches/split_data.json", R"({"CalibMainProcess":{}})");
+    ASSERT_EQ(calibrate(job).status, 0);
+    EXPECT_TRUE(files_in(job / "results/calib").empty());
+    EXPECT_EQ(read_file(job / "caches/upload.part5.json"), R"({"upload":[]})");
 }
 
 TEST_F(CalibMain, AMissingRawInputStopsBeforeItsStage) {

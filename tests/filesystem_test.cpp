@@ -6,6 +6,8 @@
 #include "support.h"
 
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -243,12 +245,115 @@ TEST(JobDirectory, PublishesByHardLinkAndKeepsTheOldResultWhenTheSourceIsBad) {
         EXPECT_TRUE(starts_with(text, "dynamic_assert failed : source_regular : at ")) << text;
         EXPECT_EQ(inode_of(dir / "results/k/sub/a"), inode_of(dir / "caches/k/sub/a")) << source;
     }
-    // A directory in the target's place cannot be removed: "!r1x".
+    // A directory in the target's place cannot be replaced.
     fs::create_directories(dir / "results/k/sub/dir/x");
     write_file(dir / "caches/k/sub/dir", "file");
     std::string text;
     capture_stdout([&] { text = failure_of([&] { job.publish_file("caches/k/sub/dir", "results/k/sub/dir"); }); });
-    EXPECT_TRUE(starts_with(text, "dynamic_assert failed : !r1x : at ")) << text;
+    EXPECT_TRUE(starts_with(text, "dynamic_assert failed : replaced : at ")) << text;
+    EXPECT_TRUE(fs::is_directory(dir / "results/k/sub/dir/x"));
+}
+
+// A run's results switch as one set: checked whole first, replaced one by
+// one without ever missing, and what the set no longer has is unpublished.
+TEST(JobDirectory, PublishesASetWholeOrNotAtAll) {
+    TempDir dir, outside;
+    const ORN::JobDirectory job(dir.str());
+    write_file(outside / "canary", "canary");
+    write_file(dir / "caches/a", "a");
+    write_file(dir / "caches/b", "b");
+    write_file(dir / "results/r/old", "old");
+    write_file(dir / "results/r/sub/old2", "old2");
+    write_file(dir / "results/other", "other");
+    fs::create_symlink(outside / "canary", dir / "results/r/planted");
+    using P = ORN::JobDirectory::PUBLISHED;
+    const auto publish = [&](std::initializer_list<P> files) {
+        std::string text;
+        const std::string out = capture_stdout([&] { text = failure_of([&] { job.publish_files("results/r", ORN::Array<P>(files)); }); });
+        return out + text;
+    };
+
+    // A missing source, a target outside the set's folder, a target named twice:
+    // refused before anything changes.
+    struct REFUSED {
+        std::initializer_list<P> mFiles;
+        std::string mLine;
+    };
+    for (const REFUSED &c : {REFUSED{{{"caches/a", "results/r/a"}, {"caches/missing", "results/r/m"}},
+                                    "missing file : " + (dir / "caches/missing") + "\n"},
+                             REFUSED{{{"caches/a", "results/r/a"}, {"caches/b", "results/other"}},
+                                    "publish : " + (dir / "results/other") + " : outside results/r\n"},
+                             REFUSED{{{"caches/a", "results/r/a"}, {"caches/b", "results/r/a"}},
+                                    "publish : " + (dir / "results/r/a") + " : published twice\n"}}) {
+        const auto &files = c.mFiles;
+        const auto &line = c.mLine;
+        const std::string out = publish(files);
+        EXPECT_TRUE(contains(out, line)) << out;
+        EXPECT_TRUE(contains(out, "dynamic_assert failed : ")) << out;
+        EXPECT_FALSE(fs::exists(dir / "results/r/a"));
+        EXPECT_EQ(read_file(dir / "results/r/old"), "old");
+    }
+
+    const std::string out = publish({{"caches/a", "results/r/a"}, {"caches/b", "results/r/sub/b"}});
+    EXPECT_TRUE(contains(out, "results/r : 2 files published, 3 removed\n")) << out;
+    EXPECT_EQ(inode_of(dir / "results/r/a"), inode_of(dir / "caches/a"));
+    EXPECT_EQ(inode_of(dir / "results/r/sub/b"), inode_of(dir / "caches/b"));
+    for (const char *gone : {"results/r/old", "results/r/sub/old2", "results/r/planted"})
+        EXPECT_FALSE(fs::exists(fs::symlink_status(dir / gone))) << gone;
+    EXPECT_EQ(read_file(dir / "results/other"), "other");
+    EXPECT_EQ(read_file(outside / "canary"), "canary");
+    EXPECT_FALSE(fs::exists(dir / "caches/publishing/results.r.json"));
+    // Republishing the same set is a no-op that keeps the same files.
+    const auto inode = inode_of(dir / "results/r/a");
+    publish({{"caches/a", "results/r/a"}, {"caches/b", "results/r/sub/b"}});
+    EXPECT_EQ(inode_of(dir / "results/r/a"), inode);
+    EXPECT_EQ(fs::directory_entry(dir / "results/r").exists() ? std::distance(fs::directory_iterator(dir / "results/r"), {}) : 0, 2);
+
+    // Killed between two replacements: the journal says the folder is mixed,
+    // every result is still there, and the next publication says so and
+    // completes the switch.
+    write_file(dir / "caches/a2", "a2");
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::setenv("ZARN_FAULT_POINT", "publish_file:before_rename@b", 1);
+        try {
+            job.publish_files("results/r", ORN::Array<P>({{"caches/a2", "results/r/a"}, {"caches/a2", "results/r/sub/b"}}));
+        } catch (...) {
+        }
+        ::_exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(read_file(dir / "results/r/a"), "a2");
+    EXPECT_EQ(read_file(dir / "results/r/sub/b"), "b");
+    EXPECT_EQ(read_file(dir / "caches/publishing/results.r.json"),
+              R"({"directory":"results/r","state":"mixed","files":["results/r/a","results/r/sub/b"]})");
+    const std::string again = publish({{"caches/a2", "results/r/a"}, {"caches/a2", "results/r/sub/b"}});
+    EXPECT_TRUE(contains(again, "results/r holds a mix of two runs")) << again;
+    EXPECT_EQ(read_file(dir / "results/r/sub/b"), "a2");
+    EXPECT_FALSE(fs::exists(dir / "caches/publishing/results.r.json"));
+    EXPECT_TRUE(fs::is_empty(dir / "caches/publishing"));
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir / "results/r/sub"), {}), 1); // no temporary left
+}
+
+// A checked input is handed on as the open file: swapping the name for a
+// link afterwards changes nothing the reader sees.
+TEST(JobDirectory, AnInputIsHeldOpenAsChecked) {
+    TempDir dir, outside;
+    const ORN::JobDirectory job(dir.str());
+    write_file(dir / "in.jpg", "inside");
+    write_file(outside / "secret", "secret");
+    const ORN::JobDirectory::Input input = job.open_input("in.jpg");
+    fs::remove(dir / "in.jpg");
+    fs::create_symlink(outside / "secret", dir / "in.jpg");
+    EXPECT_EQ(read_file(input.path()), "inside");
+
+    std::string text;
+    const std::string out = capture_stdout([&] { text = failure_of([&] { job.open_input("in.jpg"); }); });
+    EXPECT_TRUE(contains(out, "refused file : " + (dir / "in.jpg") + " : symbolic link, not followed\n")) << out;
+    EXPECT_TRUE(starts_with(text, "dynamic_assert failed : ")) << text;
+    EXPECT_EQ(job.why_refused("missing"), "missing");
 }
 
 TEST(JobDirectory, DurableSaveReplacesWholeKeepsTheModeAndClearsLeftovers) {

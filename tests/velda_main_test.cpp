@@ -159,6 +159,13 @@ TEST_F(VeldaMain, MissingLibraryOrEntryFailsWithBindingTexts) {
     EXPECT_TRUE(contains(unlinked.output, "dynamic_assert failed : false : at ")) << unlinked.output;
     EXPECT_FALSE(fs::exists(trace()));
     EXPECT_EQ(read_file(job / "project.json"), PROJECT);
+    // Nothing of the last run was deleted for a library that is not there.
+    for (const char *file : {"vision.json", "floorplan.json", "mesh.json"})
+        write_file(job / "caches" / file, "{}");
+    ASSERT_EQ(velda(job, empty.str()).status, 1);
+    ASSERT_EQ(velda(job, NOENTRY).status, 1);
+    for (const char *file : {"vision.json", "floorplan.json", "mesh.json"})
+        EXPECT_EQ(read_file(job / "caches" / file), "{}") << file;
 }
 
 TEST_F(VeldaMain, LibraryGetsTheTypeAsUtf8TextAndThePathUnchanged) {
@@ -172,11 +179,16 @@ TEST_F(VeldaMain, PublishingReplacesAnExistingResultWithAFreshLink) {
     const fs::path job = make_job("job");
     write_file(job / "results/updown/poses.txt", "stale");
     write_file(job / "results/ar/anchors.json", "stale");
+    // Results of an earlier run that this one no longer lists are unpublished.
+    write_file(job / "results/updown/thumbnails/gone.jpg", "stale");
+    write_file(job / "results/ar/gone.json", "stale");
     ASSERT_EQ(velda(job).status, 0);
     for (const char *file : {"updown/poses.txt", "ar/anchors.json"}) {
         EXPECT_EQ(inode_of(job / "results" / file), inode_of(job / "caches" / file)) << file;
         EXPECT_NE(read_file(job / "results" / file), "stale");
     }
+    EXPECT_FALSE(fs::exists(job / "results/updown/thumbnails/gone.jpg"));
+    EXPECT_FALSE(fs::exists(job / "results/ar/gone.json"));
 }
 
 TEST_F(VeldaMain, ManifestEntriesOfOtherKindsContributeNothing) {
