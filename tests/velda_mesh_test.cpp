@@ -253,4 +253,109 @@ TEST_F(VeldaMesh, BadInputStopsTheRunAndLeavesTheLastResults) {
     }
 }
 
+// Replaces the first `from` of the job's listing with `to`.
+void edit_listing(const fs::path &j, const std::string &from, const std::string &to) {
+    std::string listing = read_file(j / "caches/mesh.json");
+    const auto at = listing.find(from);
+    ASSERT_NE(at, std::string::npos) << from;
+    listing.replace(at, from.size(), to);
+    write_file(j / "caches/mesh.json", listing);
+}
+
+// Every malformed parameter, listing value or setting stops the run before
+// any chunk is read, with the file, the key and the reason on one line, and
+// leaves the last good run's results and report as they were.
+TEST_F(VeldaMesh, MalformedParametersListingsAndSettingsAreRefusedBeforeAnyWork) {
+    const auto member = [](const std::string &mesh) {
+        return [mesh](const fs::path &j) { write_file(j / "caches/split_data.json", split_data(mesh)); };
+    };
+    const auto listing = [](const std::string &from, const std::string &to) {
+        return [from, to](const fs::path &j) { edit_listing(j, from, to); };
+    };
+    const std::string split = "@/caches/split_data.json : VeldaMeshProcess.";
+    const std::string mesh = "@/caches/mesh.json : ";
+    struct REFUSAL {
+        const char *mName;
+        std::function<void(const fs::path &)> mBreak;
+        std::string mLine;
+    };
+    const std::vector<REFUSAL> cases = {
+        {"text width", member(R"(,"picture_width":"huge")"), split + R"(picture_width : "huge" is not an integer)"},
+        {"width in exponent form", member(R"(,"picture_width":1e3)"), split + "picture_width : 1e3 is not an integer"},
+        {"width out of range", member(R"(,"picture_width":9000)"),
+         split + "picture_width : 9000 is out of the range 64 to 8192"},
+        {"text switch", member(R"(,"point_cloud":"no")"), split + R"(point_cloud : "no" is not true or false)"},
+        {"text radius", member(R"(,"merge_radius":"abc")"), split + R"(merge_radius : "abc" is not a number)"},
+        {"null ratio", member(R"(,"outlier_ratio":null)"), split + "outlier_ratio : null is not a number"},
+        {"fractional count", member(R"(,"minimum_floor_points":1.5)"),
+         split + "minimum_floor_points : 1.5 is not an integer"},
+        {"targets not a list", member(R"(,"lod_triangles":5)"), split + "lod_triangles : 5 is not an array"},
+        {"too many targets", member(R"(,"lod_triangles":[8,7,6,5,4,3,2,1])"),
+         split + "lod_triangles : 8 elements, not 1 to 7"},
+        {"growing targets", member(R"(,"lod_triangles":[100,200])"),
+         split + "lod_triangles[1] : 200 is out of the range 1 to 99"},
+        {"levels against targets", member(R"(,"lod_levels":4,"lod_triangles":[100])"),
+         split + R"(lod_levels : 4 levels, where "lod_triangles" makes 2)"},
+        {"too many levels", member(R"(,"lod_levels":9)"), split + "lod_levels : 9 is out of the range 1 to 8"},
+        {"misspelt key", member(R"(,"lod_level":2)"), split + "lod_level : unknown key"},
+        {"text viewpoint", listing("[-2.225,0,1.5]", R"(["a","b","c"])"),
+         mesh + R"(chunks[0].viewpoint[0] : "a" is not a number)"},
+        {"short viewpoint", listing("[-2.225,0,1.5]", "[1,2]"), mesh + "chunks[0].viewpoint : 2 elements, not 3 to 3"},
+        {"floor without min", listing(R"("min":-0.15,)", ""), mesh + "floors[0].min : missing"},
+        {"floor range upside down", listing(R"("max":2.75)", R"("max":-1)"),
+         mesh + R"(floors[0].max : -1 is not above "min")"},
+        {"floor name with folders", listing(R"("name":"floor_0")", R"("name":"/x/y")"),
+         mesh + R"(floors[0].name : "/x/y" is not a plain file name)"},
+        {"hidden floor name", listing(R"("name":"floor_0")", R"("name":".floor")"),
+         mesh + R"(floors[0].name : ".floor" is not a plain file name)"},
+        {"floor name twice", listing(R"("name":"floor_1")", R"("name":"floor_0")"),
+         mesh + R"(floors[1].name : "floor_0" names two floors)"},
+        {"chunk listed twice", listing("dense/chunk_001.ply", "dense/chunk_000.ply"),
+         mesh + R"(chunks[1].file : "dense/chunk_000.ply" is listed twice)"},
+        {"chunk linked twice",
+         [](const fs::path &j) {
+             fs::create_hard_link(j / "caches/dense/chunk_000.ply", j / "caches/dense/again.ply");
+             edit_listing(j, "dense/chunk_003.ply", "dense/again.ply");
+         },
+         mesh + R"(chunks[3].file : "dense/again.ply" is the same file as chunks[0].file)"},
+        {"too many chunks",
+         [](const fs::path &j) {
+             std::string chunks;
+             for (int i = 0; i < 4097; ++i)
+                 chunks += std::string(i > 0 ? "," : "") + R"({"file":"dense/c)" + std::to_string(i) + R"(.ply"})";
+             write_file(j / "caches/mesh.json", R"({"chunks":[)" + chunks + "]}");
+         },
+         mesh + "chunks : 4097 elements, not 1 to 4096"},
+        {"search count without bound",
+         [](const fs::path &j) {
+             write_file(j / "setting.xml", "<_Lumora><VeldaMeshProcess><mPointCloudSearchCount value=\"29000\"/>"
+                                           "</VeldaMeshProcess></_Lumora>");
+         },
+         "@/setting.xml : VeldaMeshProcess/mPointCloudSearchCount : 29000 is out of the range 2 to 64"},
+        {"thread count without bound",
+         [](const fs::path &j) {
+             write_file(j / "setting.xml", "<_Lumora><VeldaMeshProcess><mThreadConcurrency value=\"100000\"/>"
+                                           "</VeldaMeshProcess></_Lumora>");
+         },
+         "@/setting.xml : VeldaMeshProcess/mThreadConcurrency : 100000 is out of the range 1 to 1024"},
+    };
+    for (const REFUSAL &c : cases) {
+        SCOPED_TRACE(c.mName);
+        const fs::path j = job();
+        const auto results = tree(j / "results");
+        const std::string report = read_file(j / "caches/mesh_report.json");
+        c.mBreak(j);
+        const auto r = zarn(j, "VeldaMeshProcess");
+        EXPECT_EQ(r.status, 1) << r.output;
+        std::string line = c.mLine;
+        line.replace(line.find('@'), 1, j.string());
+        EXPECT_TRUE(contains(r.output, "\n" + line + "\nVeldaMeshProcess error\ndynamic_assert failed : valid : at "))
+            << r.output;
+        EXPECT_FALSE(contains(r.output, "points loaded")) << r.output;
+        EXPECT_EQ(tree(j / "results"), results);
+        EXPECT_EQ(read_file(j / "caches/mesh_report.json"), report);
+        fs::remove_all(j);
+    }
+}
+
 } // namespace
