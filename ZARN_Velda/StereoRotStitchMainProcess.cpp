@@ -193,19 +193,21 @@ public:
             const auto &path = tree.stack<VAR_mWorkingPath>();
             tree.stack<CON_mStitchRequiredFile>();
             tree.stack<CON_mImageStitchConfigProprety>();
+            const auto &sizes = tree.stack<CON_mImageStitchPanoramaWidth>();
             tree.stack<CON_mDistortTableTxt>();
             tree.maybe<CON_mStereoRotStitchHandle>();
             tree.maybe<SUB_mOptFlowStitchHandle>();
-            tree.once([this, &tree, &isp, &hdr, &data, &setting, &path] {
+            tree.once([this, &tree, &isp, &hdr, &data, &sizes, &setting, &path] {
                 if (!isp.mSelf || data.mImage.empty())
                     return;
                 mHandles = &tree.stack<SUB_mOptFlowStitchHandle>();
                 mLibrary = &tree.stack<CON_mStereoRotStitchHandle>();
-                tree.then([this, &hdr, &data, &setting, &path] { develop(hdr.mSelf, data, setting, path); });
+                tree.then([this, &hdr, &data, &sizes, &setting, &path] { develop(hdr.mSelf, data, sizes, setting, path); });
             });
         }
 
-        void develop(bool hdr, const CON_mStitchData &data, const CON_mSetting &setting, const VAR_mWorkingPath &path) {
+        void develop(bool hdr, const CON_mStitchData &data, const CON_mImageStitchPanoramaWidth &sizes,
+                     const CON_mSetting &setting, const VAR_mWorkingPath &path) {
             ORN::console().info("processing ISP");
             const StereoRotStitchHandle &library = *mLibrary->mSelf;
             const auto me = mHandles->mSelf[0].self().mP1;
@@ -214,7 +216,11 @@ public:
                 for (const String<char> &frame : stitch_frames(image, true, hdr))
                     job.build_directory(folder_of(frame));
             LIBRARY_CLOCK clock;
-            run_on_workers(setting.mThreadConcurrency, "image ISP : ", data.mImage.size(), clock, [&](INDEX i) {
+            // A record's frames are developed one after the other; each is at
+            // most a panorama's size.
+            const ORN::int64 task_bytes = largest_panorama(data, sizes) * BYTES_PER_PANORAMA_PIXEL;
+            run_on_workers(setting.mThreadConcurrency, "image ISP : ", data.mImage.size(), task_bytes, clock,
+                           [&](INDEX i) {
                 const auto &image = data.mImage[i];
                 const ORN::Array<String<char>> raw = stitch_frames(image, false, hdr);
                 const ORN::Array<String<char>> developed = stitch_frames(image, true, hdr);
@@ -271,7 +277,9 @@ public:
             for (const auto &image : data.mImage)
                 job.build_directory(folder_of(image.dst1));
             LIBRARY_CLOCK clock;
-            run_on_workers(setting.mThreadConcurrency, "image stitch : ", data.mImage.size(), clock, [&](INDEX i) {
+            const ORN::int64 task_bytes = largest_panorama(data, sizes) * BYTES_PER_PANORAMA_PIXEL;
+            run_on_workers(setting.mThreadConcurrency, "image stitch : ", data.mImage.size(), task_bytes, clock,
+                           [&](INDEX i) {
                 const auto &image = data.mImage[i];
                 const auto me = mHandles->mSelf[configs.mConfigSet.map(image.config)].self().mP1;
                 const auto &size = sizes.mSelf[image.resolution - 1];

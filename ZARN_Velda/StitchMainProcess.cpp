@@ -198,7 +198,9 @@ public:
                 for (const auto &image : data.mImage)
                     job.build_directory(folder_of(image.dst1));
                 LIBRARY_CLOCK clock;
-                run_on_workers(setting.mThreadConcurrency, "image stitch : ", data.mImage.size(), clock, [&](INDEX i) {
+                const ORN::int64 task_bytes = largest_panorama(data, sizes) * BYTES_PER_PANORAMA_PIXEL;
+                run_on_workers(setting.mThreadConcurrency, "image stitch : ", data.mImage.size(), task_bytes, clock,
+                               [&](INDEX i) {
                     const NDS_mStitchDataImage &image = data.mImage[i];
                     const auto me = mHandles->mSelf[configs.mConfigSet.map(image.config)].self().mP1;
                     const auto &size = sizes.mSelf[image.resolution - 1];

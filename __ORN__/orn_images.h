@@ -51,6 +51,9 @@ public:
     }
     // Largest width and height an image is made with.
     static constexpr INDEX max_side() noexcept { return INDEX(1) << 15; }
+    // Most pixels a decoded image may have (134217728: twice a 16384 x 4096
+    // panorama; 384 MiB at three 8-bit channels).
+    static constexpr INDEX max_pixels() noexcept { return INDEX(1) << 27; }
 
     // No pixels: width, height and channels 0.
     Image() noexcept;

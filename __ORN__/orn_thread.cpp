@@ -4,7 +4,9 @@
 
 #include "orn_thread.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <deque>
 #include <exception>
 #include <vector>
@@ -19,7 +21,7 @@ thread_local const void *tPool = nullptr;
 class WorkThread::Private::Implement {
 public:
     explicit Implement(INDEX concurrency) {
-        const INDEX count = concurrency > 0 ? concurrency : 1;
+        const INDEX count = std::clamp<INDEX>(concurrency, 1, WorkThread::MAX_WORKERS);
         mThreads.reserve(static_cast<std::size_t>(count));
         try {
             for (INDEX i = 0; i < count; ++i)
@@ -135,6 +137,43 @@ private:
     std::atomic<bool> mFailed{false};
     std::vector<Thread> mThreads;
 };
+
+namespace {
+
+String<char> bytes_text(int64 bytes) {
+    char text[32];
+    if (bytes >= (int64(1) << 30))
+        std::snprintf(text, sizeof(text), "%.1f GiB", double(bytes) / double(int64(1) << 30));
+    else
+        std::snprintf(text, sizeof(text), "%lld MiB", static_cast<long long>((bytes + (1 << 20) - 1) >> 20));
+    return text;
+}
+
+} // namespace
+
+WORKER_PLAN WorkThread::plan(int64 requested, INDEX tasks, int64 task_bytes, const WORKER_RESOURCES &resources) {
+    const int64 setting = std::clamp<int64>(requested, 1, MAX_WORKERS);
+    const int64 work = std::max<INDEX>(tasks, 1);
+    const int64 cores = std::max<INDEX>(resources.mCores, 1);
+    const int64 each = std::max<int64>(task_bytes, 0) + WORKER_BYTES;
+    const int64 fit = resources.mMemory < 0 ? MAX_WORKERS : std::clamp<int64>(resources.mMemory / each, 0, MAX_WORKERS);
+    // The first bound that is reached names the reason.
+    const std::pair<int64, const char *> bounds[] = {
+        {setting, "mThreadConcurrency"}, {work, "the tasks"}, {cores, "the cores"}, {std::max<int64>(fit, 1), "the memory"}};
+    const auto least = std::min_element(std::begin(bounds), std::end(bounds),
+                                        [](const auto &a, const auto &b) { return a.first < b.first; });
+    WORKER_PLAN out;
+    out.mWorkers = static_cast<INDEX>(least->first);
+    String<char> memory = resources.mMemory < 0
+                              ? String<char>("memory unknown")
+                              : "memory for " + std::to_string(fit) + " of " + bytes_text(each) + " in " +
+                                    bytes_text(resources.mMemory) + " (" + resources.mMemoryFrom + ")";
+    out.mReason = "async processing " + std::to_string(tasks) + " on " + std::to_string(out.mWorkers) +
+                  " threads (bounded by " + least->second + " : mThreadConcurrency " + std::to_string(requested) +
+                  ", " + std::to_string(tasks) + " tasks, " + std::to_string(cores) + " cores (" +
+                  resources.mCoresFrom + "), " + memory + ")";
+    return out;
+}
 
 WorkThread::WorkThread(INDEX concurrency) : mThis(AutoRef<Private::Implement>::make(concurrency)) {}
 WorkThread::WorkThread(WorkThread &&) noexcept = default;

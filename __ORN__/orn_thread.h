@@ -160,6 +160,25 @@ private:
     std::condition_variable mCondition;
 };
 
+// What the machine lends this process for its workers.
+struct WORKER_RESOURCES {
+    // Processors the process may run on: its affinity mask, and no more
+    // than SLURM_CPUS_PER_TASK where that is set. At least 1.
+    INDEX mCores = 1;
+    String<char> mCoresFrom = "affinity";
+    // Bytes the process may still take: the least of MemAvailable of
+    // /proc/meminfo, what its memory cgroup's limit leaves, and what its
+    // address space limit (RLIMIT_AS) leaves; -1 when none is known.
+    int64 mMemory = -1;
+    String<char> mMemoryFrom;
+};
+
+// How many tasks run at once, and the line that says why.
+struct WORKER_PLAN {
+    INDEX mWorkers = 1;
+    String<char> mReason;
+};
+
 // The pool of worker threads; see the guarantees at the top of this file.
 class ORN_API WorkThread {
 public:
@@ -167,7 +186,25 @@ public:
         class Implement;
     };
 
-    // Starts max(concurrency, 1) workers.
+    // The most workers a pool starts, whatever it is asked for.
+    static constexpr INDEX MAX_WORKERS = 256;
+    // What each worker costs besides its task's own memory (its stack and
+    // the allocator's arena).
+    static constexpr int64 WORKER_BYTES = int64(16) << 20;
+
+    // The resources of this process now.
+    static WORKER_RESOURCES resources();
+    // How many of `tasks` tasks, each expected to take `task_bytes` bytes at
+    // its peak, run at once: no more than `requested` (the setting
+    // mThreadConcurrency, at least 1), than the tasks, than the cores, and
+    // than fit in the memory (but always one). mReason is one line for the
+    // log: "async processing <tasks> on <workers> threads (bounded by ...)".
+    static WORKER_PLAN plan(int64 requested, INDEX tasks, int64 task_bytes, const WORKER_RESOURCES &resources);
+    static WORKER_PLAN plan(int64 requested, INDEX tasks, int64 task_bytes) {
+        return plan(requested, tasks, task_bytes, resources());
+    }
+
+    // Starts max(concurrency, 1) workers, at most MAX_WORKERS.
     explicit WorkThread(INDEX concurrency);
     WorkThread(WorkThread &&) noexcept;
     WorkThread &operator=(WorkThread &&) noexcept;

@@ -8,6 +8,8 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <cmath>
@@ -126,6 +128,95 @@ TEST(WorkThread, DestructionDropsPendingTasksAndJoinsAfterRunningOnes) {
     ORN::WorkThread failing(4);
     failing.parallel_for(0, [](INDEX) {});
     failing.submit_range(8, [](INDEX) { throw std::runtime_error("lost"); });
+}
+
+// How many workers run: the least of the setting, the tasks, the cores and
+// what fits in the memory, with the first bound reached named; a pool never
+// starts more than MAX_WORKERS threads, whatever it is asked for.
+TEST(WorkThread, TheWorkersAreBoundedByTheTasksTheCoresAndTheMemory) {
+    constexpr ORN::int64 MiB = ORN::int64(1) << 20;
+    ORN::WORKER_RESOURCES two;
+    two.mCores = 2;
+    two.mMemory = 10240 * MiB;
+    two.mMemoryFrom = "MemAvailable";
+    auto plan = ORN::WorkThread::plan(64, 10, 496 * MiB, two);
+    EXPECT_EQ(plan.mWorkers, 2);
+    EXPECT_EQ(plan.mReason, "async processing 10 on 2 threads (bounded by the cores : mThreadConcurrency 64, 10 tasks, "
+                            "2 cores (affinity), memory for 20 of 512 MiB in 10.0 GiB (MemAvailable))");
+    EXPECT_EQ(ORN::WorkThread::plan(100000000, 3, 0, two).mWorkers, 2);
+    EXPECT_EQ(ORN::WorkThread::plan(1, 10, 0, two).mWorkers, 1);
+    EXPECT_TRUE(starts_with(ORN::WorkThread::plan(0, 10, 0, two).mReason, "async processing 10 on 1 threads (bounded by mThreadConcurrency :"));
+    EXPECT_TRUE(starts_with(ORN::WorkThread::plan(64, 1, 0, two).mReason, "async processing 1 on 1 threads (bounded by the tasks :"));
+
+    ORN::WORKER_RESOURCES many = two;
+    many.mCores = 64;
+    many.mMemory = 1100 * MiB;
+    many.mMemoryFrom = "cgroup";
+    plan = ORN::WorkThread::plan(64, 10, 496 * MiB, many);
+    EXPECT_EQ(plan.mWorkers, 2);
+    EXPECT_TRUE(contains(plan.mReason, "(bounded by the memory : ")) << plan.mReason;
+    EXPECT_TRUE(plan.mReason.ends_with("memory for 2 of 512 MiB in 1.1 GiB (cgroup))")) << plan.mReason;
+    // Not even one fits: one runs all the same.
+    many.mMemory = 100 * MiB;
+    EXPECT_EQ(ORN::WorkThread::plan(64, 10, 496 * MiB, many).mWorkers, 1);
+    many.mMemory = -1;
+    plan = ORN::WorkThread::plan(1000000, 5000, 496 * MiB, many);
+    EXPECT_EQ(plan.mWorkers, 64);
+    EXPECT_TRUE(plan.mReason.ends_with(", memory unknown)")) << plan.mReason;
+
+    EXPECT_EQ(ORN::WorkThread(100000).concurrency(), ORN::WorkThread::MAX_WORKERS);
+}
+
+// The resources as the system reports them, in a child whose affinity,
+// SLURM_CPUS_PER_TASK and address space limit are set first.
+TEST(WorkThread, TheResourcesFollowTheAffinityTheSchedulerAndTheLimits) {
+    const auto in_child = [](const std::function<void()> &setup) {
+        int pipe_ends[2];
+        EXPECT_EQ(::pipe(pipe_ends), 0);
+        const pid_t child = ::fork();
+        if (child == 0) {
+            setup();
+            const ORN::WORKER_RESOURCES r = ORN::WorkThread::resources();
+            const std::string text = std::to_string(r.mCores) + " " + r.mCoresFrom + " " + std::to_string(r.mMemory) +
+                                     " " + r.mMemoryFrom;
+            [[maybe_unused]] const auto n = ::write(pipe_ends[1], text.data(), text.size());
+            ::_exit(0);
+        }
+        ::close(pipe_ends[1]);
+        std::string text;
+        char buffer[256];
+        for (ssize_t n; (n = ::read(pipe_ends[0], buffer, sizeof(buffer))) > 0;)
+            text.append(buffer, static_cast<std::size_t>(n));
+        ::close(pipe_ends[0]);
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        return text;
+    };
+    const std::string one = in_child([] {
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        CPU_SET(0, &set);
+        sched_setaffinity(0, sizeof(set), &set);
+    });
+    EXPECT_TRUE(starts_with(one, "1 affinity ")) << one;
+    if (ORN::Thread::hardware_concurrency() > 1) {
+        const std::string slurm = in_child([] { ::setenv("SLURM_CPUS_PER_TASK", "1", 1); });
+        EXPECT_TRUE(starts_with(slurm, "1 SLURM_CPUS_PER_TASK ")) << slurm;
+    }
+    // 64 MiB more address space than the child uses now.
+    const std::string limited = in_child([] {
+        std::ifstream status("/proc/self/status");
+        long long size = 0;
+        for (std::string line; std::getline(status, line);)
+            if (line.rfind("VmSize:", 0) == 0)
+                size = std::stoll(line.substr(7)) * 1024;
+        const rlimit limit{rlim_t(size + (64 << 20)), rlim_t(size + (64 << 20))};
+        ::setrlimit(RLIMIT_AS, &limit);
+    });
+    EXPECT_TRUE(limited.ends_with(" address space limit")) << limited;
+    const long long room = std::stoll(limited.substr(limited.find(' ', limited.find(' ') + 1)));
+    EXPECT_GT(room, 32ll << 20) << limited;
+    EXPECT_LE(room, 64ll << 20) << limited;
 }
 
 TEST(Thread, ConditionLockHandsTurnsBackAndForth) {
