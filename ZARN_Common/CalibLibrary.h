@@ -24,6 +24,22 @@ enum RESULT : int {
     CALIB_WRITE_FAILED = 8,   // an output cannot be written
 };
 
+// What a result code means, for the line that reports a failed stage.
+constexpr const char *meaning(long long code) noexcept {
+    switch (code) {
+    case CALIB_OK: return "success";
+    case CALIB_BAD_ARGUMENT: return "bad argument (a null or empty required string, a count or grid out of range)";
+    case CALIB_BAD_TARGET: return "the calibration target's description is missing or malformed";
+    case CALIB_NO_VIEWS: return "too few chessboard views of a lens (at least 3 where the board is found)";
+    case CALIB_NOT_CONVERGED: return "a lens's calibration failed or its reprojection error is above 1 px";
+    case CALIB_BAD_INPUT: return "an input image is missing or does not decode";
+    case CALIB_NO_CHART: return "the colour chart is not found in any capture";
+    case CALIB_SATURATED: return "the flat field is saturated or too dark to measure shading";
+    case CALIB_WRITE_FAILED: return "an output cannot be written";
+    default: return "not a documented code";
+    }
+}
+
 // Camera calibration. `working_path` is the job directory: the chessboard
 // views are "caches/calibration/up_*.{png,jpg}" and "down_*.{png,jpg}"
 // (views with the same name after the prefix were taken at the same

@@ -65,6 +65,11 @@ void ConsistencyProc::check_file_existance(const ORN::JobDirectory &job, std::st
     _DYNAMIC_ASSERT_(false);
 }
 
+void ConsistencyProc::report_result(std::string_view entry, ORN::int64 code, const char *meaning) {
+    if (code != 0)
+        ORN::console().error(entry, " failed : ", meaning);
+}
+
 ORN::String<char> ConsistencyProc::asset_file_distort_table_txt() {
     const ORN::String<char> ret = FileSystemProc::join_path(FileSystemProc::working_path(), "asset/distortion.txt");
     _DYNAMIC_ASSERT_(!ret.empty ());

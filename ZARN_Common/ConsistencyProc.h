@@ -30,6 +30,10 @@ public:
     // "refused file : <path> : <reason>" and fails the same way.
     static void check_file_existance(const ORN::JobDirectory &job, std::string_view relative);
 
+    // The line for a person that comes before the "return value = " line of
+    // a failed library call: "<entry> failed : <meaning of the code>".
+    static void report_result(std::string_view entry, ORN::int64 code, const char *meaning);
+
     // Full path of "asset/distortion.txt" under the current directory.
     static ORN::String<char> asset_file_distort_table_txt();
 

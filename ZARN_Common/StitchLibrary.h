@@ -38,6 +38,20 @@ enum RESULT : int {
     KIVO_INJECTED_FAILURE = 7, // reserved for fault injection (any code may be injected)
 };
 
+// What a result code means, for the line that reports a failed call.
+constexpr const char *meaning(long long code) noexcept {
+    switch (code) {
+    case KIVO_OK: return "success";
+    case KIVO_BAD_ARGUMENT: return "bad argument (a null handle or path, a size out of range, an unknown mode)";
+    case KIVO_BAD_TABLE: return "a lens table is missing, unreadable or malformed";
+    case KIVO_NOT_INITIALISED: return "the object was not initialised";
+    case KIVO_BAD_INPUT: return "an input image or video is missing or does not decode";
+    case KIVO_INPUT_MISMATCH: return "an input's size differs from its lens table's capture size";
+    case KIVO_WRITE_FAILED: return "an output cannot be written";
+    default: return "not a documented code";
+    }
+}
+
 // The constant of the init entries: bits per channel of the outputs.
 inline constexpr int OUTPUT_BITS = 8;
 // Largest number of exposure brackets per lens of the HDR execute entry.

@@ -134,7 +134,8 @@ public:
 
     // A stage's call: the result, sign-extended, logged as "return value = "
     // and required to be 0.
-    static ORN::int64 check_stage(ORN::int64 mMainReturnValue) {
+    static ORN::int64 check_stage(std::string_view entry, ORN::int64 mMainReturnValue) {
+        ConsistencyProc::report_result(entry, mMainReturnValue, CalibLibrary::meaning(mMainReturnValue));
         ORN::console().info("return value = ", mMainReturnValue);
         _DYNAMIC_ASSERT_(mMainReturnValue == 0);
         return mMainReturnValue;
@@ -179,10 +180,12 @@ public:
             const auto &handle = tree.stack<CON_mCalibHandle>();
             const auto &path = tree.stack<VAR_mWorkingPath>();
             tree.once([this, &handle, &path] {
+                ORN::console().info("calibration stage : camera calibration");
                 clear_stage(path.mSelf, CALIB_FILES);
                 const auto run = handle.mSelf->mRunCalibMain;
                 const String<char> target(CALIB_TARGET);
-                mMainReturnValue = check_stage(_CALL_TRY_([&] { return run(path.mSelf.c_str(), target.c_str()); }));
+                mMainReturnValue =
+                    check_stage("run_calib_main", _CALL_TRY_([&] { return run(path.mSelf.c_str(), target.c_str()); }));
             });
         }
     };
@@ -217,11 +220,12 @@ public:
                     return;
                 const auto &handle = tree.stack<CON_mCalibHandle>();
                 tree.then([this, &handle, &data, &path] {
+                    ORN::console().info("calibration stage : colour analysis");
                     clear_stage(path.mSelf, ANALYSIS_FILES);
                     const auto in = stage_inputs(ORN::JobDirectory(path.mSelf), data.mAnalysisRaw);
                     const auto &src = in.mPaths;
                     const auto run = handle.mSelf->mRunAnalysisMain;
-                    mMainReturnValue = check_stage(_CALL_TRY_([&] {
+                    mMainReturnValue = check_stage("run_analysis_main", _CALL_TRY_([&] {
                         return run(src[0].c_str(), src[1].c_str(), src[2].c_str(), src[3].c_str(), path.mSelf.c_str(),
                                    in.mCount);
                     }));
@@ -245,11 +249,12 @@ public:
                     return;
                 const auto &handle = tree.stack<CON_mCalibHandle>();
                 tree.then([this, &handle, &data, &path] {
+                    ORN::console().info("calibration stage : shading");
                     clear_stage(path.mSelf, SHADING_FILES);
                     const auto in = stage_inputs(ORN::JobDirectory(path.mSelf), {data.mShadingRaw, "", "", ""});
                     const auto &src = in.mPaths;
                     const auto run = handle.mSelf->mRunShadingMain;
-                    mMainReturnValue = check_stage(_CALL_TRY_([&] {
+                    mMainReturnValue = check_stage("run_shading_main", _CALL_TRY_([&] {
                         return run(src[0].c_str(), src[1].c_str(), src[2].c_str(), src[3].c_str(), path.mSelf.c_str(),
                                    in.mCount, CalibLibrary::SHADING_GRID);
                     }));

@@ -182,6 +182,7 @@ public:
         if (result == StitchLibrary::KIVO_OK)
             return;
         const ORN::int64 mFilterReturnValue = _CALL_TRY_(code);
+        ConsistencyProc::report_result("filtering", mFilterReturnValue, StitchLibrary::meaning(mFilterReturnValue));
         ORN::console().error("return value = ", mFilterReturnValue);
         _DYNAMIC_ASSERT_(mFilterReturnValue == 0);
     }

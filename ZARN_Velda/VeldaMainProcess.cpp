@@ -8,6 +8,7 @@
 // "results/" by hard link, check the manifests against "results/", and
 // replace "project.json" with the new state.
 
+#include "ZARN_Common/VeldaLibrary.h"
 #include "ZARN_Common/export.h"
 #include "ZARN_Velda/ProcessFrame.h"
 #include "ZARN_Velda/ProjectRecord.h"
@@ -86,7 +87,7 @@ ORN::Array<ORN::String<char>> read_manifest(const ORN::JobDirectory &job, std::s
 // The reconstruction library: "libopenMVG_velda.so" ("openMVG_velda.dll" on
 // Windows) in the current directory, and its one entry, a program's main.
 struct VeldaHandle {
-    using RUN_VELDA_MAIN = int(int, char **);
+    using RUN_VELDA_MAIN = VeldaLibrary::RUN_VELDA_MAIN;
 
     DLL mDLL;
     RUN_VELDA_MAIN *mRunVeldaMain = nullptr;
@@ -171,6 +172,8 @@ class VeldaMainProcess::Private::Implement final : public Frame::ProcessImplemen
                 char *argv[] = {program.data(), velda_type.data(), working_path.data(), nullptr};
                 const auto run = handle.mSelf->mRunVeldaMain;
                 mMainReturnValue = _CALL_TRY_([&] { return run(3, argv); });
+                ConsistencyProc::report_result("run_velda_main", mMainReturnValue,
+                                               VeldaLibrary::meaning(mMainReturnValue));
                 ORN::console().info("return value = ", mMainReturnValue);
                 _DYNAMIC_ASSERT_(mMainReturnValue == 0);
             });

@@ -150,7 +150,8 @@ TEST_F(CalibMain, WithEveryStageOffNothingIsLoadedCalledOrPublished) {
 
 TEST_F(CalibMain, AFailingOrThrowingStageStopsBeforeAnythingIsPublished) {
     const std::vector<std::pair<std::string, std::string>> cases = {
-        {"ZARN_BACKEND_FAIL=run_analysis_main:6", "\nreturn value = 6\nCalibMainProcess error\n"
+        {"ZARN_BACKEND_FAIL=run_analysis_main:6",
+         "\nrun_analysis_main failed : the colour chart is not found in any capture\nreturn value = 6\nCalibMainProcess error\n"
                                                   "dynamic_assert failed : mMainReturnValue == 0 : at "},
         {"ZARN_BACKEND_FAIL=run_shading_main:-3", "\nreturn value = -3\nCalibMainProcess error\n"
                                                   "dynamic_assert failed : mMainReturnValue == 0 : at "},
