@@ -221,11 +221,15 @@ protected:
     // Everything of `initialize` after the working name is set and checked:
     // the split data and the settings files are read here, also for a
     // process that turns out to be disabled.
+    // The time limit the settings give ("mProcessTimeLimit", seconds, 0 for
+    // none) is handed to the host, which enforces it.
     bool initialize_graph() {
         const auto &enable = mSyntaxTree.stack<CON_mEnableProcess>();
+        const auto &xml = mSyntaxTree.stack<CON_mSettingXml>();
         stack_initial_nodes();
         mSyntaxTree.redo<VAR_mWorkingPath>(mWorkingPath);
         mSyntaxTree.play();
+        ORN::GlobalRuntime::set_time_limit(xml.mSelf.child("mProcessTimeLimit").value(ORN::int64(0)));
         mEnableProcess = enable.mSelf;
         return mEnableProcess;
     }

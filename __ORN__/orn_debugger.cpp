@@ -29,6 +29,7 @@ public:
     virtual void pause() = 0;
     virtual void clear() = 0;
     virtual void set_screen_level(ConsoleLevel level) = 0;
+    virtual void redirect(std::intptr_t out, std::intptr_t err) = 0;
     // One line of the progress report `owner`: a tenth line goes to the log
     // and to the screen, any line is drawn in place on a terminal.
     virtual void write_progress(const void *owner, std::string_view text, bool tenth) = 0;
@@ -40,16 +41,24 @@ class ConsoleService::Private::Implement final : public ConsoleService::Abstract
 public:
     // A line asked for while this thread is already writing one (a failing
     // log write that reports itself) is dropped instead of deadlocking.
+    // Fatal and error lines go to standard error.
     void write(ConsoleLevel level, const String<char> &message) override {
         if (tWriting)
             return;
         const Writing guard;
+        const std::string_view text = escaped(message);
         const std::lock_guard<std::mutex> lock(mMutex);
         if (level <= mScreenLevel) {
             show_locked();
-            screen_line_locked(ConsoleService::attribute(level), message);
+            screen_line_locked(ConsoleService::attribute(level), text, level == ConsoleLevel::Fatal || level == ConsoleLevel::Error);
         }
-        write_log_locked(ConsoleService::tag(level), message);
+        write_log_locked(ConsoleService::tag(level), text);
+    }
+
+    void redirect(std::intptr_t out, std::intptr_t err) override {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        std::fflush(nullptr);
+        mConsole = platform::open_descriptors(out, err);
     }
 
     void set_screen_level(ConsoleLevel level) override {
@@ -101,8 +110,9 @@ public:
         if (tWriting)
             return;
         const Writing guard;
+        const std::string_view text = escaped(message);
         const std::lock_guard<std::mutex> lock(mMutex);
-        write_log_locked(tag, message);
+        write_log_locked(tag, text);
     }
 
     void pause() override {
@@ -122,10 +132,11 @@ public:
             platform::clear(mConsole);
     }
 
-    void write_progress(const void *owner, std::string_view text, bool tenth) override {
+    void write_progress(const void *owner, std::string_view line, bool tenth) override {
         if (tWriting)
             return;
         const Writing guard;
+        const std::string_view text = escaped(line);
         const std::lock_guard<std::mutex> lock(mMutex);
         if (tenth)
             write_log_locked(ConsoleService::tag(ConsoleLevel::Info), text);
@@ -137,7 +148,7 @@ public:
             mProgress.assign(text);
             draw_progress_locked();
         } else if (tenth) {
-            screen_line_locked(ConsoleService::attribute(ConsoleLevel::Info), text);
+            screen_line_locked(ConsoleService::attribute(ConsoleLevel::Info), text, false);
         }
     }
 
@@ -157,6 +168,37 @@ public:
 private:
     // Marks the thread as writing a line for as long as it lives.
     static thread_local bool tWriting;
+
+    // The message with its control bytes (C0, DEL) written out, so that a
+    // name taken from a job cannot start a line of its own, move the cursor
+    // or change colours: line feed, carriage return and tab as "\n", "\r",
+    // "\t", the others as "\xHH". The console's own colour sequences and
+    // redraws are added afterwards, by the platform. A message without such
+    // bytes is passed on as it is.
+    static std::string_view escaped(std::string_view message) {
+        const auto control = [](unsigned char c) { return c < 0x20 || c == 0x7f; };
+        if (std::none_of(message.begin(), message.end(), [&](char c) { return control(static_cast<unsigned char>(c)); }))
+            return message;
+        thread_local String<char> text;
+        text.clear();
+        for (const char ch : message) {
+            const auto c = static_cast<unsigned char>(ch);
+            if (!control(c)) {
+                text.push_back(ch);
+                continue;
+            }
+            text.push_back('\\');
+            if (c == '\n' || c == '\r' || c == '\t') {
+                text.push_back(c == '\n' ? 'n' : c == '\r' ? 'r' : 't');
+                continue;
+            }
+            constexpr char digits[] = "0123456789abcdef";
+            text.push_back('x');
+            text.push_back(digits[c >> 4]);
+            text.push_back(digits[c & 15]);
+        }
+        return text;
+    }
     struct Writing {
         Writing() noexcept { tWriting = true; }
         ~Writing() { tWriting = false; }
@@ -169,7 +211,7 @@ private:
 
     // A whole line on the screen. A progress line drawn in place is wiped
     // first and drawn again below, so the two never share a line.
-    void screen_line_locked(int attribute, std::string_view text) {
+    void screen_line_locked(int attribute, std::string_view text, bool error) {
         if (mProgressOwner != nullptr) {
             mDrawing.clear();
             mDrawing.push_back('\r');
@@ -178,7 +220,7 @@ private:
             platform::write_partial(mConsole, 7, mDrawing);
             mProgressWidth = 0;
         }
-        platform::write_line(mConsole, attribute, text);
+        platform::write_line(mConsole, attribute, text, error);
         if (mProgressOwner != nullptr)
             draw_progress_locked();
     }
@@ -249,6 +291,7 @@ void ConsoleService::write_log_file(std::string_view tag, std::string_view messa
 void ConsoleService::pause() { mThis->pause(); }
 void ConsoleService::clear() { mThis->clear(); }
 void ConsoleService::set_screen_level(ConsoleLevel level) { mThis->set_screen_level(level); }
+void ConsoleService::redirect(std::intptr_t out, std::intptr_t err) { mThis->redirect(out, err); }
 
 // ---------------------------------------------------------------------------
 // Progress reports. The count is one atomic; a line is written only when an
@@ -401,6 +444,7 @@ ConsoleService &console() { return GlobalStatic<Singleton<ConsoleService>>::inst
 // POSIX console: standard output.
 #ifndef _WIN32
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -411,7 +455,22 @@ namespace ORN::Private::ConsolePlatform {
 
 namespace {
 
-std::FILE *stream_of(void *handle) noexcept { return handle ? static_cast<std::FILE *>(handle) : stdout; }
+// Where the console's lines go: standard output and standard error, or
+// copies of them kept while the standard descriptors point elsewhere.
+struct OUTPUT {
+    std::FILE *mOut;
+    std::FILE *mErr;
+};
+
+OUTPUT &standard_output() noexcept {
+    static OUTPUT output{stdout, stderr};
+    return output;
+}
+
+std::FILE *stream_of(void *handle, bool error = false) noexcept {
+    const OUTPUT &output = handle ? *static_cast<OUTPUT *>(handle) : standard_output();
+    return error ? output.mErr : output.mOut;
+}
 
 bool is_terminal(std::FILE *out) noexcept { return ::isatty(::fileno(out)) != 0; }
 
@@ -424,10 +483,20 @@ void put(std::FILE *out, std::string_view text) noexcept {
 
 } // namespace
 
-void *open() { return stdout; }
+void *open() { return &standard_output(); }
 
-void write_line(void *handle, int attribute, std::string_view text) {
-    std::FILE *out = stream_of(handle);
+// Kept for the rest of the program: lines of other threads may still be on
+// their way through it.
+void *open_descriptors(std::intptr_t out, std::intptr_t err) {
+    std::FILE *o = ::fdopen(::fcntl(static_cast<int>(out), F_DUPFD_CLOEXEC, 3), "w");
+    std::FILE *e = ::fdopen(::fcntl(static_cast<int>(err), F_DUPFD_CLOEXEC, 3), "w");
+    if (o == nullptr || e == nullptr)
+        return &standard_output();
+    return new OUTPUT{o, e};
+}
+
+void write_line(void *handle, int attribute, std::string_view text, bool error) {
+    std::FILE *out = stream_of(handle, error);
     // Kept per thread: separate services have separate mutexes.
     thread_local String<char> line;
     line.clear();

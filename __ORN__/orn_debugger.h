@@ -20,11 +20,17 @@
 //
 // A log line that cannot be written is dropped: level operations never
 // throw because of the log.
+//
+// Fatal and error lines go to standard error, the others to standard output.
+// Control bytes in a message (C0 and DEL) are written out as "\n", "\r",
+// "\t" or "\xHH" on the screen and in the log alike, so that a text taken
+// from a job cannot forge a line or move the cursor.
 
 #include "orn_basic.h"
 #include "orn_core.h"
 #include "orn_stream.h"
 
+#include <cstdint>
 #include <string_view>
 
 namespace ORN {
@@ -100,6 +106,13 @@ public:
     // Makes sure a console exists and keeps its output handle (standard
     // output on POSIX). Level operations do this themselves when needed.
     void show();
+
+    // From now on the console's own lines go to copies of the descriptors
+    // `out` and `err` (on POSIX; Windows keeps its console), so that the
+    // standard descriptors can be pointed elsewhere (a pipe that feeds what
+    // others print back into the service) without the service reading its
+    // own lines.
+    void redirect(std::intptr_t out, std::intptr_t err);
 
     // Rotates the log of the directory and opens a new one: "console.old.log"
     // is deleted, "console.log" (if present) becomes "console.old.log", and

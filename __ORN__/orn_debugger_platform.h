@@ -6,15 +6,21 @@
 
 #include "orn_basic.h"
 
+#include <cstdint>
 #include <string_view>
 
 namespace ORN::Private::ConsolePlatform {
 
 // Makes sure a console exists; returns its output handle.
 void *open();
+// An output handle that writes to copies of the given descriptors (POSIX
+// file descriptors, Windows handles) instead of the standard ones, which
+// may then be pointed elsewhere.
+void *open_descriptors(std::intptr_t out, std::intptr_t err);
 // Writes the text in the colour of the console attribute, then a line feed,
-// as one piece.
-void write_line(void *handle, int attribute, std::string_view text);
+// as one piece; to the error side of the handle (standard error) when
+// `error` is set.
+void write_line(void *handle, int attribute, std::string_view text, bool error);
 // Whether the output handle shows text as it comes (a terminal, a console
 // window) rather than storing it (a file, a pipe).
 bool on_terminal(void *handle);

@@ -63,8 +63,12 @@ void *open() {
 // The level's attribute holds for the text only; the default comes back
 // before the line feed, so anything else printed to the console (the closed
 // libraries' own output) keeps the default colour.
-void write_line(void *handle, int attribute, std::string_view text) {
-    const HANDLE out = static_cast<HANDLE>(handle);
+// Standard output and standard error stay the console's own on Windows.
+void *open_descriptors(std::intptr_t, std::intptr_t) { return open(); }
+
+void write_line(void *handle, int attribute, std::string_view text, bool error) {
+    const HANDLE standard_error = error ? ::GetStdHandle(STD_ERROR_HANDLE) : nullptr;
+    const HANDLE out = valid(standard_error) ? standard_error : static_cast<HANDLE>(handle);
     if (!valid(out))
         return;
     std::fflush(stdout); // keep the C runtime's pending output in front

@@ -3,6 +3,7 @@
 
 #include "orn_runtime.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstdint>
 #include <ctime>
@@ -85,6 +86,13 @@ String<char> TimePoint::text() const {
     text.push_back(static_cast<char>('0' + millis % 10));
     return text;
 }
+
+namespace {
+std::atomic<int64> gTimeLimit{0};
+} // namespace
+
+void GlobalRuntime::set_time_limit(int64 seconds) noexcept { gTimeLimit.store(seconds > 0 ? seconds : 0); }
+int64 GlobalRuntime::time_limit() noexcept { return gTimeLimit.load(); }
 
 } // namespace ORN
 

@@ -83,6 +83,13 @@ public:
     // it must succeed ("r5x"). A command that the interpreter cannot find
     // yields 127; a child ended by signal N yields 128 + N, as shells report.
     static INDEX system_exec(const String<char> &command);
+
+    // The time limit in seconds (0: none) that the process being run asks
+    // for in its settings ("mProcessTimeLimit"), set by the process in its
+    // initialize and read by the host that watches it. Not a limit by
+    // itself: the host enforces it.
+    static void set_time_limit(int64 seconds) noexcept;
+    static int64 time_limit() noexcept;
 };
 
 } // namespace ORN

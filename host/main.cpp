@@ -1,6 +1,7 @@
 // zarn: runs the module's processes over capture job directories.
 //
-//   zarn run [--process NAME]... [--libs DIR] [--log DIR] [--module FILE] [--no-wait] [--verbose] WORKDIR...
+//   zarn run [--process NAME]... [--libs DIR] [--log DIR] [--module FILE] [--no-wait] [--verbose]
+//            [--time-limit SECONDS] WORKDIR...
 //   zarn graph --process NAME WORKDIR
 //   zarn list
 //   zarn --help | --version
@@ -12,15 +13,24 @@
 
 #include "__ORN__/orn_filesystem.h"
 
+#include "__ORN__/orn_runtime.h"
+
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
+#include <cstdint>
 #include <cstring>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
+#include <charconv>
+#include <thread>
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
@@ -39,7 +49,7 @@ constexpr std::array<std::string_view, 9> PROCESS_ORDER = {
 
 constexpr const char *USAGE = R"(usage:
   zarn run [--process NAME]... [--libs DIR] [--log DIR] [--module FILE]
-           [--no-wait] [--verbose] WORKDIR...
+           [--no-wait] [--verbose] [--time-limit SECONDS] WORKDIR...
   zarn graph --process NAME WORKDIR
   zarn list
   zarn --help | --version
@@ -60,12 +70,25 @@ list     prints the nine process names in the default order
 --verbose      also show the debug lines (each node as it plays, the files
                read and linked) and the time report, which otherwise go to
                the log only
+--time-limit SECONDS
+               ends a process that runs longer (0: no limit); without it,
+               the setting mProcessTimeLimit of each process decides
 
 Each working directory runs in a child process of its own: a library that
 ends the program (exit, _exit) or crashes it (a signal) fails that job's
-process with "<Name> error" and the reason, and the next job still runs.
+process with "<Name> error" and the reason, and the next job still runs. A
+process past its time limit is killed with every program it started. What
+the processes and their libraries print on standard output and standard
+error reaches the console and the log line by line. Error lines go to
+standard error. The run ends with a summary: each job's processes with
+their state (failed first, then done, skipped, not run) and time.
 
-exit status: 0 all done, 1 a process failed, 2 usage error
+SIGTERM, SIGINT or SIGHUP stop the job that runs (the signal is passed on to
+all its programs, which are killed after 10 s), no further job starts, and
+zarn exits with 128 + the signal's number.
+
+exit status: 0 all done, 1 a process failed, 2 usage error, 128 + N
+             stopped by signal N
 )";
 
 constexpr int EXIT_DONE = 0;
@@ -84,6 +107,7 @@ struct Options {
     std::string module;
     bool no_wait = false;
     bool verbose = false;
+    std::int64_t time_limit = -1; // seconds; negative: the settings decide
     std::vector<std::string> workdirs;
 };
 
@@ -144,6 +168,14 @@ Options parse(int argc, char **argv) {
             o.no_wait = true;
         } else if (a == "--verbose" && o.command == "run") {
             o.verbose = true;
+        } else if (a == "--time-limit" && o.command == "run") {
+            std::string text;
+            value(text);
+            std::int64_t seconds = -1;
+            const auto r = std::from_chars(text.data(), text.data() + text.size(), seconds);
+            if (r.ec != std::errc() || r.ptr != text.data() + text.size() || seconds < 0)
+                throw UsageError{"--time-limit needs a whole number of seconds, not " + text};
+            o.time_limit = seconds;
         } else if (a.size() > 1 && a[0] == '-') {
             throw UsageError{"unknown option " + std::string(a)};
         } else {
@@ -169,41 +201,205 @@ std::string factory_symbol(std::string_view name) {
 using Factory = ORN::StrongRef<ZARN::Process> (*)();
 using Factories = std::vector<std::pair<std::string, Factory>>;
 
-// What the child running a job tells the launcher, one byte per event:
-// the index of the process that starts, then DONE or FAILED for it.
-constexpr char DONE = 'd';
-constexpr char FAILED = 'f';
+// What the child running a job tells the launcher, one message per event:
+// a process starts (its index), the time limit it asks for, and how it
+// ended. Each message is one write of a few bytes, so it arrives whole.
+struct EVENT {
+    enum Kind : char { START = 's', LIMIT = 'l', DONE = 'd', SKIPPED = 'k', FAILED = 'f' } mKind;
+    std::int64_t mValue; // START: the process's index; LIMIT: seconds
+};
 
-void tell(int pipe, char event) { [[maybe_unused]] const auto n = ::write(pipe, &event, 1); }
+void tell(int pipe, EVENT::Kind kind, std::int64_t value = 0) {
+    const EVENT event{kind, value};
+    [[maybe_unused]] const auto n = ::write(pipe, &event, sizeof(event));
+}
+
+// What a process of a job came to, for the summary.
+struct OUTCOME {
+    std::string mWorkdir;
+    std::string mName;
+    std::string mState = "not run"; // done, skipped, failed, not run
+    double mSeconds = 0.0;
+};
+
+// The signal (SIGTERM, SIGINT, SIGHUP) the launcher was sent, 0 while none;
+// the handler also wakes the launcher's wait through a pipe.
+volatile std::sig_atomic_t gSignal = 0;
+int gWake[2] = {-1, -1};
+
+void on_signal(int signal) {
+    const int saved = errno;
+    gSignal = signal;
+    const char byte = 0;
+    [[maybe_unused]] const auto n = ::write(gWake[1], &byte, 1);
+    errno = saved;
+}
+
+constexpr int STOP_SIGNALS[] = {SIGTERM, SIGINT, SIGHUP};
+
+void catch_stop_signals() {
+    if (::pipe2(gWake, O_CLOEXEC | O_NONBLOCK) != 0)
+        throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
+    struct sigaction action {};
+    action.sa_handler = on_signal;
+    sigemptyset(&action.sa_mask);
+    for (const int signal : STOP_SIGNALS)
+        ::sigaction(signal, &action, nullptr);
+}
+
+// What the job's child and its own children write to descriptors 1 and 2
+// (a closed library's printf, a converter script, libjpeg's warnings) is
+// read back by a thread and handed to the console line by line, standard
+// output at print level and standard error at warn level: it reaches the
+// log, and never lands in the middle of the progress line. The console
+// itself writes to copies of the original descriptors.
+class OutputCapture {
+public:
+    OutputCapture() {
+        auto &console = ORN::console();
+        std::fflush(nullptr);
+        console.redirect(STDOUT_FILENO, STDERR_FILENO);
+        for (int i = 0; i < 2; ++i) {
+            int ends[2];
+            if (::pipe2(ends, O_CLOEXEC) != 0)
+                return;
+            ::dup2(ends[1], i + 1); // the duplicates are inherited by children
+            ::close(ends[1]);
+            mRead[i] = ends[0];
+        }
+        mThread = std::thread([this] { pump(); });
+    }
+    OutputCapture(const OutputCapture &) = delete;
+    OutputCapture &operator=(const OutputCapture &) = delete;
+    // Points 1 and 2 at /dev/null, then hands over what is left. A child
+    // program that still holds the pipes (left running in the background)
+    // cannot keep the job waiting: the rest is read for at most a second.
+    ~OutputCapture() {
+        std::fflush(nullptr);
+        const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+        if (null >= 0) {
+            ::dup2(null, STDOUT_FILENO);
+            ::dup2(null, STDERR_FILENO);
+            ::close(null);
+        }
+        mStop = true;
+        if (mThread.joinable())
+            mThread.join();
+        for (const int fd : mRead)
+            if (fd >= 0)
+                ::close(fd);
+    }
+
+private:
+    void pump() {
+        std::string pending[2];
+        bool open[2] = {mRead[0] >= 0, mRead[1] >= 0};
+        auto &console = ORN::console();
+        const auto emit = [&](int i, std::string_view line) {
+            if (!line.empty() && line.back() == '\r')
+                line.remove_suffix(1);
+            i == 0 ? console.print(ORN::String<char>(line)) : console.warn(ORN::String<char>(line));
+        };
+        ORN::TimePoint stopping;
+        while (open[0] || open[1]) {
+            if (mStop && stopping == ORN::TimePoint())
+                stopping = ORN::TimePoint::now();
+            if (stopping != ORN::TimePoint() && stopping.elapsed().seconds() > 1.0)
+                break;
+            pollfd polls[2] = {{open[0] ? mRead[0] : -1, POLLIN, 0}, {open[1] ? mRead[1] : -1, POLLIN, 0}};
+            if (::poll(polls, 2, 100) <= 0)
+                continue;
+            for (int i = 0; i < 2; ++i) {
+                if (polls[i].revents == 0)
+                    continue;
+                char buffer[4096];
+                const ssize_t n = ::read(mRead[i], buffer, sizeof(buffer));
+                if (n < 0 && errno == EINTR)
+                    continue;
+                if (n <= 0) {
+                    open[i] = false;
+                    continue;
+                }
+                pending[i].append(buffer, static_cast<std::size_t>(n));
+                std::size_t from = 0;
+                for (std::size_t feed; (feed = pending[i].find('\n', from)) != std::string::npos; from = feed + 1)
+                    emit(i, std::string_view(pending[i]).substr(from, feed - from));
+                pending[i].erase(0, from);
+            }
+        }
+        for (int i = 0; i < 2; ++i)
+            if (!pending[i].empty())
+                emit(i, pending[i]);
+    }
+
+    int mRead[2] = {-1, -1};
+    std::atomic<bool> mStop{false};
+    std::thread mThread;
+};
 
 // The child's side: runs the processes of one job in order and reports
-// each one; returns the exit status of the child.
-int run_job(const std::string &workdir, const Factories &factories, int pipe) {
+// each one; returns the exit status of the child. `time_limit` is the
+// launcher's option (negative: none given, the settings decide).
+int run_job(const std::string &workdir, const Factories &factories, int pipe, std::int64_t time_limit) {
     auto &console = ORN::console();
+    const OutputCapture capture;
     for (std::size_t i = 0; i < factories.size(); ++i) {
         const auto &[name, factory] = factories[i];
-        tell(pipe, static_cast<char>(i));
+        tell(pipe, EVENT::START, static_cast<std::int64_t>(i));
         try {
             ORN::StrongRef<ZARN::Process> process = factory();
-            process->initialize(workdir);
+            ORN::GlobalRuntime::set_time_limit(0);
+            const bool enabled = process->initialize(workdir);
+            tell(pipe, EVENT::LIMIT, time_limit >= 0 ? time_limit : ORN::GlobalRuntime::time_limit());
             process->execute();
+            tell(pipe, enabled ? EVENT::DONE : EVENT::SKIPPED);
         } catch (const std::exception &e) {
             console.error(name, " error");
             console.error(e.what());
-            tell(pipe, FAILED);
+            tell(pipe, EVENT::FAILED);
             return EXIT_FAILED;
         }
-        tell(pipe, DONE);
     }
     return EXIT_DONE;
 }
 
-// The launcher's side: runs one job in a child process, so that a library
-// that ends or crashes the program takes only that child with it. A child
-// that stops in the middle of a process, whatever the way, fails that
-// process.
-int run_job_isolated(const std::string &workdir, const Factories &factories) {
+// Waits for the child; after `grace` seconds (negative: no end) it is
+// killed with its process group.
+int wait_child(pid_t child, double grace) {
+    const ORN::TimePoint start = ORN::TimePoint::now();
+    int status = 0;
+    for (;;) {
+        const pid_t r = ::waitpid(child, &status, grace < 0 ? 0 : WNOHANG);
+        if (r == child || (r < 0 && errno != EINTR))
+            return status;
+        if (r == 0) {
+            if (start.elapsed().seconds() > grace) {
+                ::kill(-child, SIGKILL);
+                grace = -1;
+            } else {
+                ::usleep(20000);
+            }
+        }
+    }
+}
+
+// How long a child that is asked to stop by the signal the launcher was sent
+// may take before it is killed.
+constexpr double STOP_GRACE_SECONDS = 10.0;
+
+// The launcher's side: runs one job in a child process (the leader of its
+// own process group, so that the job's programs can be signalled as one),
+// so that a library that ends or crashes the program takes only that child
+// with it. A child that stops in the middle of a process, whatever the way,
+// fails that process; one that passes its time limit is killed with its
+// process group (the kernel releases its job lock). A stop signal sent to
+// the launcher is passed on to the job's process group.
+int run_job_isolated(const std::string &workdir, const Factories &factories, std::int64_t time_limit,
+                     std::vector<OUTCOME> &outcomes) {
     auto &console = ORN::console();
+    const std::size_t first = outcomes.size();
+    for (const auto &f : factories)
+        outcomes.push_back({workdir, f.first});
     int channel[2];
     if (::pipe2(channel, O_CLOEXEC) != 0)
         throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
@@ -212,36 +408,108 @@ int run_job_isolated(const std::string &workdir, const Factories &factories) {
     if (child < 0)
         throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
     if (child == 0) {
+        ::setpgid(0, 0);
+        for (const int signal : STOP_SIGNALS)
+            ::signal(signal, SIG_DFL);
         ::close(channel[0]);
-        const int status = run_job(workdir, factories, channel[1]);
+        ::close(gWake[0]);
+        ::close(gWake[1]);
+        const int status = run_job(workdir, factories, channel[1], time_limit);
         std::fflush(nullptr);
         ::_exit(status);
     }
+    ::setpgid(child, child);
     ::close(channel[1]);
     int current = -1; // the process running in the child, -1 between processes
-    char event;
+    ORN::TimePoint started;
+    std::int64_t limit = 0;
+    const auto finish = [&](const char *state) {
+        if (current < 0)
+            return;
+        outcomes[first + current].mState = state;
+        outcomes[first + current].mSeconds = started.elapsed().seconds();
+        current = -1;
+    };
+    bool failed = false, timed_out = false;
+    int stopped_by = 0;
+    EVENT event;
+    std::size_t have = 0;
     for (;;) {
-        const ssize_t n = ::read(channel[0], &event, 1);
+        int wait = -1;
+        if (current >= 0 && limit > 0) {
+            const double left = static_cast<double>(limit) - started.elapsed().seconds();
+            if (left <= 0) {
+                timed_out = true;
+                break;
+            }
+            wait = static_cast<int>(left * 1000) + 1;
+        }
+        pollfd polls[2] = {{channel[0], POLLIN, 0}, {gWake[0], POLLIN, 0}};
+        const int ready = ::poll(polls, 2, wait);
+        if (gSignal != 0) {
+            stopped_by = gSignal;
+            break;
+        }
+        if (ready <= 0)
+            continue;
+        if (polls[0].revents == 0)
+            continue;
+        const ssize_t n = ::read(channel[0], reinterpret_cast<char *>(&event) + have, sizeof(event) - have);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
             break;
-        current = event == DONE || event == FAILED ? -1 : static_cast<unsigned char>(event);
-        if (event == FAILED) {
-            ::close(channel[0]);
-            int ignored;
-            while (::waitpid(child, &ignored, 0) < 0 && errno == EINTR) {
-            }
-            return EXIT_FAILED;
+        have += static_cast<std::size_t>(n);
+        if (have < sizeof(event))
+            continue;
+        have = 0;
+        switch (event.mKind) {
+        case EVENT::START:
+            current = static_cast<int>(event.mValue);
+            started = ORN::TimePoint::now();
+            limit = 0;
+            break;
+        case EVENT::LIMIT:
+            limit = event.mValue;
+            break;
+        case EVENT::DONE:
+            finish("done");
+            break;
+        case EVENT::SKIPPED:
+            finish("skipped");
+            break;
+        case EVENT::FAILED:
+            finish("failed");
+            failed = true;
+            break;
         }
+        if (failed)
+            break;
     }
     ::close(channel[0]);
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    const std::string name = current >= 0 ? factories[current].first : std::string("zarn");
+    if (timed_out) {
+        ::kill(-child, SIGKILL);
+        wait_child(child, -1);
+        console.error(name, " error");
+        console.error(name, " exceeded its time limit of ", limit, " s and was ended");
+        finish("failed");
+        return EXIT_FAILED;
     }
+    if (stopped_by != 0) {
+        ::kill(-child, stopped_by);
+        wait_child(child, STOP_GRACE_SECONDS);
+        console.error(name, " error");
+        console.error("zarn was sent signal ", stopped_by, " (", ::strsignal(stopped_by), ") during ", name,
+                      "; the job was stopped");
+        finish("failed");
+        return EXIT_FAILED;
+    }
+    const int status = wait_child(child, -1);
+    if (failed)
+        return EXIT_FAILED;
     if (current < 0 && WIFEXITED(status) && WEXITSTATUS(status) == EXIT_DONE)
         return EXIT_DONE;
-    const std::string name = current >= 0 ? factories[current].first : std::string("zarn");
     console.error(name, " error");
     if (WIFSIGNALED(status)) {
         const int signal = WTERMSIG(status);
@@ -249,7 +517,20 @@ int run_job_isolated(const std::string &workdir, const Factories &factories) {
     } else {
         console.error("a library ended the program with exit status ", WEXITSTATUS(status), " during ", name);
     }
+    finish("failed");
     return EXIT_FAILED;
+}
+
+// One line per job and process, failures first, each with its state and
+// time; the order of the run otherwise.
+void print_summary(const std::vector<OUTCOME> &outcomes) {
+    auto &console = ORN::console();
+    console.info("summary :");
+    for (const bool failures : {true, false})
+        for (const auto &o : outcomes)
+            if ((o.mState == "failed") == failures)
+                console.info(o.mState, " : ", o.mName, " : ", o.mWorkdir, " : ",
+                             ORN::Duration::from_seconds(o.mSeconds).text());
 }
 
 // The working directory made absolute; one that is missing or not a
@@ -301,10 +582,22 @@ int run(const Options &o) {
     ORN::JobLock::set_wait(!o.no_wait);
     ZARN::STLStreamLogger logger(console);
 
+    catch_stop_signals();
     int status = EXIT_DONE;
-    for (const auto &workdir : workdirs)
-        if (run_job_isolated(workdir, factories) != EXIT_DONE)
+    std::vector<OUTCOME> outcomes;
+    for (const auto &workdir : workdirs) {
+        if (gSignal != 0)
+            break;
+        if (run_job_isolated(workdir, factories, o.time_limit, outcomes) != EXIT_DONE)
             status = EXIT_FAILED;
+    }
+    for (const auto &workdir : workdirs)
+        if (std::none_of(outcomes.begin(), outcomes.end(), [&](const OUTCOME &c) { return c.mWorkdir == workdir; }))
+            for (const auto &f : factories)
+                outcomes.push_back({workdir, f.first});
+    print_summary(outcomes);
+    if (gSignal != 0)
+        return 128 + gSignal;
     return status;
 }
 

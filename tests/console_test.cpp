@@ -87,15 +87,87 @@ TEST(Console, ColoursOnlyOnATerminalWithoutNoColor) {
     ::unsetenv("NO_COLOR");
     // The terminal turns "\n" into "\r\n".
     EXPECT_EQ(shown([&] {
-                  service.fatal("blue");
+                  service.info("green");
                   service.print("grey");
               }),
-              "\x1b[94mblue\x1b[0m\r\ngrey\r\n");
+              "\x1b[92mgreen\x1b[0m\r\ngrey\r\n");
     ::setenv("NO_COLOR", "1", 1);
-    EXPECT_EQ(shown([&] { service.error("plain"); }), "plain\r\n");
+    EXPECT_EQ(shown([&] { service.warn("plain"); }), "plain\r\n");
     saved ? ::setenv("NO_COLOR", saved->c_str(), 1) : ::unsetenv("NO_COLOR");
     ::close(slave);
     ::close(master);
+}
+
+// What the service writes to descriptors 1 and 2 while `f` runs, apart.
+std::pair<std::string, std::string> streams_of(const std::function<void()> &f) {
+    TempDir dir;
+    std::fflush(nullptr);
+    int saved[2];
+    for (int fd : {1, 2}) {
+        saved[fd - 1] = ::dup(fd);
+        const int sink = ::open((dir / std::to_string(fd)).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        ::dup2(sink, fd);
+        ::close(sink);
+    }
+    f();
+    std::fflush(nullptr);
+    for (int fd : {1, 2}) {
+        ::dup2(saved[fd - 1], fd);
+        ::close(saved[fd - 1]);
+    }
+    return {read_file(dir / "1"), read_file(dir / "2")};
+}
+
+TEST(Console, FatalAndErrorLinesGoToStandardErrorTheOthersToStandardOutput) {
+    ORN::ConsoleService service;
+    const auto [out, err] = streams_of([&] {
+        service.info("one");
+        service.error("two");
+        service.print("three");
+        service.fatal("four");
+        service.warn("five");
+    });
+    EXPECT_EQ(out, "one\nthree\nfive\n");
+    EXPECT_EQ(err, "two\nfour\n");
+}
+
+TEST(Console, RedirectedLinesGoToCopiesOfTheGivenDescriptors) {
+    TempDir dir;
+    const int out = ::open((dir / "out").c_str(), O_WRONLY | O_CREAT, 0600);
+    const int err = ::open((dir / "err").c_str(), O_WRONLY | O_CREAT, 0600);
+    ORN::ConsoleService service;
+    service.redirect(out, err);
+    ::close(out);
+    ::close(err); // the service keeps copies
+    const auto [shown, shown_err] = streams_of([&] {
+        service.info("to the file");
+        service.error("to the error file");
+    });
+    EXPECT_EQ(shown + shown_err, "");
+    EXPECT_EQ(read_file(dir / "out"), "to the file\n");
+    EXPECT_EQ(read_file(dir / "err"), "to the error file\n");
+}
+
+TEST(ConsoleLog, ControlBytesAreWrittenOutOnTheScreenAndInTheLog) {
+    TempDir dir;
+    ORN::ConsoleService service;
+    const std::string forged = "plan\n[ERROR] forged\r\x1b[2J\t\x01\x7f end \xc3\xa9";
+    const std::string escaped = "plan\\n[ERROR] forged\\r\\x1b[2J\\t\\x01\\x7f end \xc3\xa9";
+    const std::string out = capture_stdout([&] {
+        service.attach_log(dir.str());
+        service.info(forged);
+        service.write_log_file("DEBUG", forged);
+        auto progress = service.progress(forged + " : ", 1);
+        progress.advance();
+        progress.finish();
+        service.detach_log();
+    });
+    EXPECT_EQ(out, escaped + "\n" + escaped + " : 1/1 100%" + out.substr(out.rfind(" 100%") + 5));
+    const Logged logged = log_of(dir);
+    ASSERT_EQ(logged.size(), 3u) << read_file(dir / "console.log");
+    EXPECT_EQ(logged[0], Logged::value_type("INFO", escaped));
+    EXPECT_EQ(logged[1], Logged::value_type("DEBUG", escaped));
+    EXPECT_TRUE(starts_with(logged[2].second, escaped + " : 1/1 100%")) << logged[2].second;
 }
 
 TEST(ConsoleLog, RotationKeepsOneGenerationAndFormatsLines) {

@@ -5,6 +5,7 @@
 #include "ZARN_Velda/ProcessFrame.h"
 
 #include <dlfcn.h>
+#include <signal.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -85,8 +86,10 @@ TEST(LauncherRun, EnabledProcessPrintsBannerRunsAndEndsAllDone) {
     EXPECT_TRUE(starts_with(lines[1], "BUILD-TIME = ")) << lines[1];
     // Working paths are made absolute and lose their trailing separator.
     EXPECT_EQ(lines[2], "in " + job.str() + " (" + job.path().filename().string() + ")");
-    EXPECT_TRUE(starts_with(lines[lines.size() - 2], "total time costs : "));
-    EXPECT_EQ(lines.back(), "all done");
+    EXPECT_TRUE(starts_with(lines[lines.size() - 4], "total time costs : "));
+    EXPECT_EQ(lines[lines.size() - 3], "all done");
+    EXPECT_EQ(lines[lines.size() - 2], "summary :");
+    EXPECT_TRUE(starts_with(lines.back(), "done : VideoROIProcess : " + job.str() + " : ")) << lines.back();
     EXPECT_FALSE(contains(r.output, "skip"));
 }
 
@@ -98,11 +101,12 @@ TEST(LauncherRun, MissingOrNullSectionSkipsAndTouchesNothing) {
         const auto r = zarn("run --process VideoROIProcess " + job.str());
         ASSERT_EQ(r.status, 0) << r.output;
         const auto lines = lines_of(r.output);
-        ASSERT_EQ(lines.size(), 6u) << r.output;
+        ASSERT_EQ(lines.size(), 8u) << r.output;
         EXPECT_EQ(lines[0], "VideoROIProcess:");
         EXPECT_EQ(lines[3], "skip VideoROIProcess");
         EXPECT_TRUE(starts_with(lines[4], "total time costs : "));
         EXPECT_EQ(lines[5], "all done");
+        EXPECT_TRUE(starts_with(lines[7], "skipped : VideoROIProcess : ")) << lines[7];
         EXPECT_EQ(snapshot(job.path()), before);
     }
 }
@@ -135,7 +139,13 @@ TEST(LauncherRun, MalformedSplitDataFailsThatJobOnlyAndExitsOne) {
     // No further process for the failed job; the next job runs whole.
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "VideoTransferProcess:"), 1);
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "all done"), 2);
-    EXPECT_EQ(lines.back(), "all done");
+    // The summary: the failure first, then the rest in the order of the run.
+    const auto summary = std::find(lines.begin(), lines.end(), "summary :");
+    ASSERT_EQ(lines.end() - summary, 5) << r.output;
+    EXPECT_TRUE(starts_with(summary[1], "failed : VideoROIProcess : " + bad.str() + " : ")) << summary[1];
+    EXPECT_TRUE(starts_with(summary[2], "not run : VideoTransferProcess : " + bad.str() + " : ")) << summary[2];
+    EXPECT_TRUE(starts_with(summary[3], "done : VideoROIProcess : " + good.str() + " : ")) << summary[3];
+    EXPECT_TRUE(starts_with(summary[4], "skipped : VideoTransferProcess : " + good.str() + " : ")) << summary[4];
 }
 
 TEST(LauncherRun, MissingSplitDataFailsWithTheLoadAssertion) {
@@ -230,6 +240,99 @@ TEST(LauncherGraph, PrintsTheDeclaredGraphWithoutRunningIt) {
     const auto missing = zarn("graph --process VeldaMainProcess " + job.str() + "/absent");
     EXPECT_EQ(missing.status, 2) << missing.output;
     EXPECT_EQ(missing.output, "zarn: working directory " + job.str() + "/absent does not exist\n");
+}
+
+// A reconstruction job for the reference library, which the fault injection
+// of the environment can make hang.
+class LauncherWatch : public ::testing::Test {
+protected:
+    fs::path job(const std::string &name) {
+        const fs::path dir = root.path() / name;
+        fs::create_directories(dir / "images");
+        for (const char *image : {"point_000_down.png", "point_000_up.png"})
+            fs::copy_file(fs::path(ZARN_SOURCE_DIR) / "examples/sample-job/images" / image, dir / "images" / image);
+        write_file(dir / "caches/split_data.json", R"({"VeldaMainProcess":{"Common":{"velda_type":"indoor"}}})");
+        return dir;
+    }
+    std::string command(const std::string &env, const std::string &arguments) const {
+        return "env -u ZARN_BACKEND_FAIL -u ZARN_BACKEND_THROW -u ZARN_BACKEND_HANG NO_COLOR=1 " + env + " " + quote(ZARN) +
+               " run --process VeldaMainProcess --libs " + quote(std::string(ZARN_BINARY_DIR) + "/backends") + " " +
+               arguments;
+    }
+    TempDir root, logs;
+};
+
+TEST_F(LauncherWatch, AHungLibraryIsEndedAtItsTimeLimitAndTheNextJobRuns) {
+    const fs::path hung = job("hung"), good = job("good");
+    write_file(good / "caches/split_data.json", "{}");
+    // The option, bounded from outside in case the limit is not kept.
+    const auto r = run("timeout 120 " + command("ZARN_BACKEND_HANG=run_velda_main", "--time-limit 2 --log " + logs.str() +
+                                                                                      " " + hung.string() + " " + good.string()));
+    EXPECT_EQ(r.status, 1) << r.output;
+    EXPECT_TRUE(contains(r.output, "VeldaMainProcess error\nVeldaMainProcess exceeded its time limit of 2 s and was ended\n"))
+        << r.output;
+    // What the library printed reached the console and the log as lines.
+    const std::string log = read_file(logs / "console.log");
+    EXPECT_TRUE(contains(log, "][PRINT] : run_velda_main : hanging\n")) << log;
+    EXPECT_TRUE(contains(log, "][WARN] : run_velda_main : hanging\n")) << log;
+    // The summary: failures first, then the rest in the order of the run.
+    const auto lines = lines_of(r.output);
+    const auto summary = std::find(lines.begin(), lines.end(), "summary :");
+    ASSERT_EQ(lines.end() - summary, 3) << r.output;
+    EXPECT_TRUE(starts_with(summary[1], "failed : VeldaMainProcess : " + hung.string() + " : 2.")) << summary[1];
+    EXPECT_TRUE(starts_with(summary[2], "skipped : VeldaMainProcess : " + good.string() + " : ")) << summary[2];
+    // Nothing of the hung job is left running: its lock is free at once.
+    const auto again = run("timeout 120 " + command("", "--no-wait " + hung.string()));
+    EXPECT_EQ(again.status, 0) << again.output;
+
+    // The same limit from the job's settings.
+    const fs::path set_job = job("set");
+    write_file(set_job / "setting.xml", "<_Lumora><VeldaMainProcess><mProcessTimeLimit value=\"1\"/></VeldaMainProcess></_Lumora>");
+    const auto set = run("timeout 120 " + command("ZARN_BACKEND_HANG=run_velda_main", set_job.string()));
+    EXPECT_EQ(set.status, 1) << set.output;
+    EXPECT_TRUE(contains(set.output, "VeldaMainProcess exceeded its time limit of 1 s and was ended\n")) << set.output;
+}
+
+TEST_F(LauncherWatch, AStopSignalReachesTheWholeJob) {
+    const fs::path hung = job("hung"), next = job("next");
+    const std::string pid = root / "pid", status = root / "status";
+    ASSERT_EQ(run("(" + command("ZARN_BACKEND_HANG=run_velda_main", "--log " + logs.str() + " " + hung.string() + " " +
+                                next.string()) +
+                  " > " + quote(root / "out") + " 2>&1 & echo $! > " + quote(pid) + "; wait $!; echo $? > " + quote(status) +
+                  ") > /dev/null 2>&1 &")
+                  .status,
+              0);
+    // Once the library hangs, the launcher is sent SIGTERM.
+    for (int i = 0; i < 600 && !contains(read_file(logs / "console.log"), "run_velda_main : hanging"); ++i)
+        ::usleep(100000);
+    ASSERT_TRUE(contains(read_file(logs / "console.log"), "run_velda_main : hanging"));
+    ASSERT_EQ(::kill(std::stoi(read_file(pid)), SIGTERM), 0);
+    for (int i = 0; i < 600 && read_file(status).empty(); ++i)
+        ::usleep(100000);
+    EXPECT_EQ(read_file(status), "143\n") << read_file(root / "out");
+    const std::string out = read_file(root / "out");
+    EXPECT_TRUE(contains(out, "zarn was sent signal 15 (Terminated) during VeldaMainProcess; the job was stopped\n")) << out;
+    EXPECT_TRUE(contains(out, "not run : VeldaMainProcess : " + next.string() + " : ")) << out;
+    EXPECT_FALSE(fs::exists(next / "caches/vision.json"));
+    // The job's child went with it: the lock is free.
+    const auto again = run("timeout 120 " + command("", "--no-wait " + hung.string()));
+    EXPECT_EQ(again.status, 0) << again.output;
+}
+
+TEST(LauncherRun, NamesFromAJobCannotForgeLinesOrMoveTheCursor) {
+    TempDir root, logs;
+    const fs::path job = root.path() / "job\n[ERROR] forged\x1b[2J";
+    write_file(job / "caches/split_data.json", R"({"VideoROIProcess":{}})");
+    const auto r = zarn("run --process VideoROIProcess --log " + logs.str() + " " + quote(job.string()));
+    ASSERT_EQ(r.status, 0) << r.output;
+    const std::string shown = "(job\\n[ERROR] forged\\x1b[2J)\n";
+    EXPECT_TRUE(contains(r.output, shown)) << r.output;
+    const std::string log = read_file(logs / "console.log");
+    EXPECT_TRUE(contains(log, shown)) << log;
+    for (const std::string &text : {r.output, log}) {
+        EXPECT_FALSE(contains(text, "\n[ERROR] forged")) << text;
+        EXPECT_FALSE(contains(text, "\x1b")) << text;
+    }
 }
 
 // Settings: the working directory's file, the current directory's (--libs)

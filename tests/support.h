@@ -100,27 +100,34 @@ inline RunResult run(const std::string &command) {
     return r;
 }
 
-// What `f` writes to standard output (file descriptor 1) while it runs.
+// What `f` writes to standard output and standard error (file descriptors
+// 1 and 2, in the order written: the console's error lines go to the
+// latter) while it runs.
 inline std::string capture_stdout(const std::function<void()> &f) {
     std::fflush(stdout);
+    std::fflush(stderr);
     TempDir dir;
     const std::string file = dir / "stdout";
-    const int saved = ::dup(1);
+    const int saved = ::dup(1), saved_error = ::dup(2);
     FILE *sink = std::fopen(file.c_str(), "w");
     ::dup2(fileno(sink), 1);
+    ::dup2(fileno(sink), 2);
+    const auto restore = [&] {
+        std::fflush(stdout);
+        std::fflush(stderr);
+        ::dup2(saved, 1);
+        ::dup2(saved_error, 2);
+        ::close(saved);
+        ::close(saved_error);
+        std::fclose(sink);
+    };
     try {
         f();
     } catch (...) {
-        std::fflush(stdout);
-        ::dup2(saved, 1);
-        ::close(saved);
-        std::fclose(sink);
+        restore();
         throw;
     }
-    std::fflush(stdout);
-    ::dup2(saved, 1);
-    ::close(saved);
-    std::fclose(sink);
+    restore();
     return read_file(file);
 }
 
