@@ -210,6 +210,42 @@ TEST_F(StitchMain, EveryCombinationOfTheSwitchesRunsItsSteps) {
     }
 }
 
+// The identifiers of caches/images.json: the SHA-256 of the job's and the
+// point's names laid out as a UUID version 8; two points of a job, and one
+// point of two jobs, differ in nearly every digit.
+TEST_F(StitchMain, PointIdentifiersAreHashesOfTheJobAndThePoint) {
+    std::vector<std::vector<std::string>> ids;
+    for (const char *name : {"a", "b"}) {
+        const fs::path job = make_job(name, 2, "draft", "--points 2 --videos 0");
+        write_file(job / "caches/split_data.json", R"({"StitchMainProcess":{"image_stitch":false}})");
+        ASSERT_EQ(stitch(job).status, 0);
+        const auto images = parse_json(job / "caches/images.json");
+        ids.push_back({images["images"][0]["uuid"].GetString(), images["images"][1]["uuid"].GetString()});
+    }
+    const auto digest = run("printf 'zarn-point\\000a\\000point_000\\000' | sha256sum");
+    ASSERT_EQ(digest.status, 0);
+    std::string hex = digest.output.substr(0, 32);
+    hex[12] = '8';
+    hex[16] = "89ab"[std::stoi(hex.substr(16, 1), nullptr, 16) & 3];
+    EXPECT_EQ(ids[0][0], hex.substr(0, 8) + "-" + hex.substr(8, 4) + "-" + hex.substr(12, 4) + "-" + hex.substr(16, 4) +
+                             "-" + hex.substr(20));
+    const auto differing = [](const std::string &x, const std::string &y) {
+        int n = 0;
+        for (std::size_t i = 0; i < x.size(); ++i)
+            n += x[i] != y[i];
+        return n;
+    };
+    EXPECT_GE(differing(ids[0][0], ids[0][1]), 24) << ids[0][0] << " " << ids[0][1];
+    EXPECT_GE(differing(ids[0][0], ids[1][0]), 24) << ids[0][0] << " " << ids[1][0];
+    EXPECT_GE(differing(ids[1][0], ids[1][1]), 24) << ids[1][0] << " " << ids[1][1];
+    for (const auto &job : ids)
+        for (const std::string &id : job) {
+            ASSERT_EQ(id.size(), 36u);
+            EXPECT_EQ(id[14], '8') << id;
+            EXPECT_NE(std::string("89ab").find(id[19]), std::string::npos) << id;
+        }
+}
+
 TEST_F(StitchMain, ResolutionOutsideOneToThreeStopsBeforeAnyLibraryCall) {
     const fs::path job = make_job("job");
     const std::string plan = read_file(job / "caches/stitch_data.json");
