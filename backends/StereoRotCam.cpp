@@ -72,8 +72,9 @@
 //   frame is KIVO_BAD_ARGUMENT.
 // - Inputs are checked against their view's capture size
 //   (KIVO_INPUT_MISMATCH); a missing or undecodable input or raw frame is
-//   KIVO_BAD_INPUT. Outputs are written under a temporary name in the
-//   target's directory and renamed into place; missing directories are made.
+//   KIVO_BAD_INPUT. Outputs are written to an exclusive temporary file in
+//   the target's directory and renamed into place (backend_support.h); the
+//   directory must exist.
 // - Execute entries may run on several threads at once on one object; the
 //   remap tables of each panorama size are built once, under a mutex, and
 //   every execute's result is the same whatever runs beside it.

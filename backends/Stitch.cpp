@@ -19,9 +19,11 @@
 // to the short streams measured on linear light (captures are encoded with
 // gamma ImageProc::capture_gamma ()).
 //
-// Outputs are written under a temporary name in the target's directory and
-// renamed into place, so a hard link published from an earlier output keeps
-// the earlier content; missing directories are made.
+// Outputs are written to an exclusive temporary file in the target's
+// directory and renamed into place (backend_support.h), so a hard link
+// published from an earlier output keeps the earlier content; the target's
+// directory must exist (the module makes it), and an output that cannot be
+// renamed into place (a directory there) is KIVO_WRITE_FAILED.
 //
 // Fault injection (backend_support.h): an injected failure code makes init
 // or execute return it and become the object's last result; on a get-code

@@ -360,9 +360,36 @@ void OutputFile::create() {
         mTemporary.clear();
 }
 
-OutputFile::~OutputFile() { discard(); }
+OutputFile::~OutputFile() {
+    discard();
+    remove_alias();
+}
 
-std::string OutputFile::descriptor_path() const { return "/proc/self/fd/" + std::to_string(mFile.get()); }
+std::string OutputFile::descriptor_path() {
+    if (!mOk || mFinished)
+        return {};
+    if (mAlias.empty()) {
+        const char *base = std::getenv("TMPDIR");
+        std::string pattern = std::string(base != nullptr && *base == '/' ? base : "/tmp") + "/zarn-output-XXXXXX";
+        if (::mkdtemp(pattern.data()) == nullptr)
+            return {};
+        const std::string alias = pattern + "/output" + extension_of(mName);
+        if (::symlink(("/proc/self/fd/" + std::to_string(mFile.get())).c_str(), alias.c_str()) != 0) {
+            ::rmdir(pattern.c_str());
+            return {};
+        }
+        mAlias = alias;
+    }
+    return mAlias;
+}
+
+void OutputFile::remove_alias() {
+    if (mAlias.empty())
+        return;
+    (void)::unlink(mAlias.c_str());
+    (void)::rmdir(mAlias.substr(0, mAlias.rfind('/')).c_str());
+    mAlias.clear();
+}
 
 bool OutputFile::write(const void *data, std::size_t size, std::size_t piece) {
     if (!mOk || mFinished)
@@ -382,6 +409,7 @@ bool OutputFile::write(const void *data, std::size_t size, std::size_t piece) {
 }
 
 bool OutputFile::finish() {
+    remove_alias();
     if (mOk && !mFinished) {
         mOk = ::fsync(mFile.get()) == 0;
         mOk = ::close(mFile.release()) == 0 && mOk;

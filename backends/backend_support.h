@@ -128,9 +128,12 @@ public:
     bool ok() const noexcept { return mOk; }
     // The temporary file's descriptor.
     int fd() const noexcept { return mFile.get(); }
-    // A path naming the open temporary file ("/proc/self/fd/N"), for
-    // writers that open files by name.
-    std::string descriptor_path() const;
+    // A path naming the open temporary file, for writers that open files by
+    // name and want the target's extension: a link to "/proc/self/fd/N" with
+    // that extension in a private folder of the system's temporary
+    // directory (made with mkdtemp, removed with the object). Empty when it
+    // cannot be made.
+    std::string descriptor_path();
     // Appends the bytes, in pieces of at most `piece` bytes (0: all at once).
     bool write(const void *data, std::size_t size, std::size_t piece = 0);
     // Flushes the temporary file to the disk and closes it.
@@ -144,9 +147,10 @@ public:
 private:
     Descriptor mDirectory;
     Descriptor mFile;
-    std::string mName, mTemporary;
+    std::string mName, mTemporary, mAlias;
     bool mOk = false, mFinished = false, mCommitted = false;
     void create();
+    void remove_alias();
 };
 
 // The temporary name of a target's output for a process and a number.

@@ -29,9 +29,12 @@
 // cameras (interior_scene.h), with as many surface points as the split
 // data's VeldaMainProcess.Common.dense_points asks for (200000 when absent,
 // not an integer, or outside 0..100000000). The output depends on nothing
-// but the images and that number, so it is the same on every run. Files are
-// written whole and renamed into place; the cloud's files are streamed to
-// their temporary names first, and mesh.json, which lists them, comes last.
+// but the images and that number, so it is the same on every run. The
+// images are read from the job without following links; files are written
+// whole to exclusive temporary files and renamed into place
+// (backend_support.h), their folders made without following links; the
+// cloud's files are streamed through the job's durable writer first, and
+// mesh.json, which lists them, comes last.
 //
 // Results: 0 done; 1 not three arguments; 2 empty type; 3 the working
 // directory does not exist; 4 no images; 5 an image does not decode; 6 an
@@ -40,8 +43,10 @@
 #include "backend_support.h"
 #include "interior_scene.h"
 
+#include "ZARN_Common/ImageProc.h"
 #include "ZARN_Common/PlyWriter.h"
 #include "__ORN__/orn_filesystem.h"
+#include "__ORN__/orn_images.h"
 #include "__ORN__/orn_serialization.h"
 
 #include <opencv2/core.hpp>
@@ -82,6 +87,7 @@ constexpr int PLAN_PIXELS_PER_METRE = 40;
 constexpr std::int64_t DEFAULT_DENSE_POINTS = 200000;
 constexpr std::int64_t MAX_DENSE_POINTS = 100000000;
 constexpr ORN::INDEX PLY_BUFFER = ORN::INDEX(1) << 20;
+constexpr std::size_t IMAGE_LIMIT = std::size_t(1) << 30; // bytes of an image file
 
 struct Shot {
     std::string mFile; // relative to the working directory
@@ -119,21 +125,30 @@ bool image_name(const fs::path &file) {
     return ext == ".png" || ext == ".jpg" || ext == ".jpeg";
 }
 
-std::vector<fs::path> list_images(const fs::path &work) {
-    std::vector<fs::path> files;
-    std::error_code ec;
-    for (fs::directory_iterator it(work / "images", ec), end; !ec && it != end; it.increment(ec))
-        if (it->is_regular_file(ec) && image_name(it->path()))
-            files.push_back(it->path());
-    std::sort(files.begin(), files.end());
+// The images of the job: regular files of "images/" reached without links.
+std::vector<std::string> list_images(int job) {
+    std::vector<std::string> files;
+    for (const std::string &name : zarn_backend::list_files_at(job, "images"))
+        if (image_name(name))
+            files.push_back(name);
     return files;
 }
 
 // Reads every image, makes its thumbnail and places its camera.
-int survey(const std::vector<fs::path> &files, std::vector<Shot> &shots) {
+int survey(int job, const std::vector<std::string> &files, std::vector<Shot> &shots) {
     std::map<std::string, int> points;
-    for (const fs::path &file : files) {
-        const cv::Mat image = cv::imread(file.string(), cv::IMREAD_COLOR);
+    for (const std::string &name : files) {
+        const fs::path file(name);
+        std::vector<unsigned char> bytes;
+        const zarn_backend::Descriptor input = zarn_backend::open_file_at(job, "images/" + name);
+        if (!input || !zarn_backend::read_all(input.get(), bytes, IMAGE_LIMIT))
+            return BAD_IMAGE;
+        ORN::Image decoded;
+        if (!ORN::try_run([&] {
+                decoded = ORN::Image::decode(bytes.data(), static_cast<ORN::INDEX>(bytes.size()), ORN::ImageReadMode::COLOR);
+            }))
+            return BAD_IMAGE;
+        const cv::Mat image = ZARN::ImageProc::mat(decoded);
         if (image.empty())
             return BAD_IMAGE;
         Shot s;
@@ -333,7 +348,7 @@ std::string truth_json(const zarn_interior::Scene &scene, const std::vector<zarn
 
 // The chunks and the room mesh (streamed, durable), the truth; mesh.json is
 // left to the caller, to be written after them.
-bool write_dense(const fs::path &work, const zarn_interior::Scene &scene,
+bool write_dense(const fs::path &work, int dense, const zarn_interior::Scene &scene,
                  const std::vector<zarn_interior::Chunk> &chunks) {
     const ORN::JobDirectory job(work.string());
     return ORN::try_run([&] {
@@ -341,7 +356,7 @@ bool write_dense(const fs::path &work, const zarn_interior::Scene &scene,
                    write_chunk(job, i, chunks[i]);
                write_room_mesh(job, scene);
            }) &&
-           zarn_backend::write_file(work / "caches/dense/truth.json", truth_json(scene, chunks));
+           zarn_backend::write_file_at(dense, "truth.json", truth_json(scene, chunks));
 }
 
 cv::Mat floorplan_image(const Room &r, const std::vector<Shot> &shots) {
@@ -410,21 +425,25 @@ std::string png(const cv::Mat &image) {
 }
 
 int reconstruct(const std::string &type, const fs::path &work) {
-    std::error_code ec;
-    if (!fs::is_directory(work, ec))
+    const zarn_backend::Descriptor job = zarn_backend::open_directory(work);
+    if (!job)
         return NO_WORKING_DIRECTORY;
-    const std::vector<fs::path> files = list_images(work);
+    const std::vector<std::string> files = list_images(job.get());
     if (files.empty())
         return NO_IMAGES;
     std::vector<Shot> shots;
-    if (const int r = survey(files, shots); r != DONE)
+    if (const int r = survey(job.get(), files, shots); r != DONE)
         return r;
     const Room room = room_around(shots);
-    const fs::path caches = work / "caches";
 
+    // Each output in its folder of caches/, made without following links.
     bool written = true;
     auto put = [&](const std::string &relative, const std::string &data) {
-        written = written && zarn_backend::write_file(caches / relative, data);
+        const auto slash = relative.rfind('/');
+        const std::string folder = "caches" + (slash == std::string::npos ? "" : "/" + relative.substr(0, slash));
+        const zarn_backend::Descriptor directory = zarn_backend::open_directory_at(job.get(), folder, true);
+        written = written && directory &&
+                  zarn_backend::write_file_at(directory.get(), relative.substr(slash + 1), data);
     };
     std::vector<std::string> updown = {"updown/poses.txt"};
     put("updown/poses.txt", poses_text(shots));
@@ -444,7 +463,8 @@ int reconstruct(const std::string &type, const fs::path &work) {
         const double footprint_min[2] = {room.mMin[0], room.mMin[1]}, footprint_max[2] = {room.mMax[0], room.mMax[1]};
         const zarn_interior::Scene scene = zarn_interior::make_scene(footprint_min, footprint_max);
         const std::vector<zarn_interior::Chunk> chunks = zarn_interior::sample_chunks(scene, dense_points(work));
-        written = written && write_dense(work, scene, chunks);
+        const zarn_backend::Descriptor dense = zarn_backend::open_directory_at(job.get(), "caches/dense", true);
+        written = written && dense && write_dense(work, dense.get(), scene, chunks);
         put("mesh.json", mesh_json(scene, chunks));
     }
     put("upload.part3.json", manifest_json(updown));

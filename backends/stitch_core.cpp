@@ -46,60 +46,8 @@ bool image_extension(const std::string &ext) {
 
 bool given(const char *text) { return text != nullptr && *text != '\0'; }
 
-fs::path temporary_beside(const fs::path &path) {
-    static std::atomic<unsigned long> counter{0};
-    std::string name(1, '.');
-    name += path.filename().string();
-    name += '.';
-    name += std::to_string(::getpid());
-    name += '.';
-    name += std::to_string(counter.fetch_add(1));
-    name += ".part";
-    name += path.extension().string();
-    return path.parent_path() / name;
-}
-
-bool make_parent(const fs::path &path) {
-    std::error_code ec;
-    if (!path.has_parent_path())
-        return true;
-    fs::create_directories(path.parent_path(), ec);
-    return fs::is_directory(path.parent_path(), ec);
-}
-
-bool rename_into_place(const fs::path &temporary, const fs::path &path) {
-    std::error_code ec;
-    fs::rename(temporary, path, ec);
-    if (ec)
-        fs::remove(temporary, ec);
-    return !ec;
-}
-
 bool write_whole(const fs::path &path, const unsigned char *bytes, std::size_t size, std::size_t piece) {
-    if (!make_parent(path))
-        return false;
-    const fs::path temporary = temporary_beside(path);
-    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (fd < 0)
-        return false;
-    if (piece == 0)
-        piece = size;
-    bool ok = true;
-    for (std::size_t done = 0; ok && done < size;) {
-        const ssize_t n = ::write(fd, bytes + done, std::min(piece, size - done));
-        if (n < 0 && errno == EINTR)
-            continue;
-        ok = n > 0;
-        if (ok)
-            done += static_cast<std::size_t>(n);
-    }
-    ok = ::close(fd) == 0 && ok;
-    if (!ok) {
-        std::error_code ec;
-        fs::remove(temporary, ec);
-        return false;
-    }
-    return rename_into_place(temporary, path);
+    return zarn_backend::write_file(path, bytes, size, piece);
 }
 
 bool write_whole(const fs::path &path, const ORN::Buffer<unsigned char> &bytes) {
@@ -253,18 +201,17 @@ int Stitcher::execute_video(const char *upper, const char *lower, const char *up
         fps = DEFAULT_FPS;
     const std::shared_ptr<const PanoramaMaps> panorama = maps(mWidth, mHeight);
 
-    const fs::path path(output);
-    if (!make_parent(path))
-        return Lib::KIVO_WRITE_FAILED;
-    const fs::path temporary = temporary_beside(path);
+    // The writer opens the output's temporary file through a name of its
+    // descriptor.
+    zarn_backend::OutputFile file{fs::path(output)};
+    const std::string named = file.descriptor_path();
     cv::VideoWriter writer;
     const auto discard = [&](int code) {
         writer.release();
-        std::error_code ec;
-        fs::remove(temporary, ec);
+        file.discard();
         return code;
     };
-    if (!writer.open(temporary.string(), cv::CAP_OPENCV_MJPEG, cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), fps,
+    if (named.empty() || !writer.open(named, cv::CAP_OPENCV_MJPEG, cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), fps,
                      cv::Size(mWidth, mHeight), true))
         return discard(Lib::KIVO_WRITE_FAILED);
 
@@ -309,7 +256,7 @@ int Stitcher::execute_video(const char *upper, const char *lower, const char *up
     if (frames == 0)
         return discard(Lib::KIVO_BAD_INPUT);
     writer.release();
-    if (!rename_into_place(temporary, path))
+    if (!file.commit())
         return discard(Lib::KIVO_WRITE_FAILED);
     if (hdr_value != nullptr)
         *hdr_value = short_light > 0 ? normal_light / short_light : 1.0;

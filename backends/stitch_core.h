@@ -42,17 +42,11 @@ std::string lower_extension(const std::filesystem::path &path);
 bool image_extension(const std::string &ext);
 // Not null and not empty.
 bool given(const char *text);
-// A name for a temporary file beside `path`, unique in this process and
-// among processes; it keeps the target's extension.
-std::filesystem::path temporary_beside(const std::filesystem::path &path);
-// Makes the missing parent directories; false when they cannot be made.
-bool make_parent(const std::filesystem::path &path);
-// Renames the temporary file into place; on failure it is removed.
-bool rename_into_place(const std::filesystem::path &temporary, const std::filesystem::path &path);
-// Writes the bytes under a temporary name beside `path` and renames them
-// into place, in pieces of at most `piece` bytes (0: all at once), so that a
-// hard link to an earlier file keeps the earlier content. Missing parent
-// directories are made. False when anything fails (no temporary is left).
+// Writes the bytes as an output of backend_support (an exclusive temporary
+// file in the target's directory, renamed over the target), in pieces of at
+// most `piece` bytes (0: all at once), so that a hard link to an earlier
+// file keeps the earlier content. The target's directory must exist. False
+// when anything fails (no temporary is left).
 bool write_whole(const std::filesystem::path &path, const unsigned char *bytes, std::size_t size, std::size_t piece = 0);
 bool write_whole(const std::filesystem::path &path, const ORN::Buffer<unsigned char> &bytes);
 

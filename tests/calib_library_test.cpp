@@ -631,4 +631,56 @@ TEST(CalibLibrary, OutputsAreTheSameOnEveryRun) {
             << name;
 }
 
+// The library reaches the views it finds itself without links, and writes
+// its results into the job only: a linked view folder, linked views, a
+// linked result folder and links planted at temporary names all leave the
+// canary outside the job as it was.
+TEST(CalibLibrary, NoLinkInTheJobIsFollowed) {
+    TempDir dir;
+    const fs::path outside = dir.path() / "outside";
+    copy_views(outside, seen); // outside/caches/calibration/...
+    write_file(outside / "canary.txt", "canary");
+    const auto canary = [&] { return std::make_pair(tree(outside), read_file(outside / "canary.txt")); };
+    const auto before = canary();
+
+    // The view folder a link to views outside the job.
+    const fs::path linked = dir.path() / "linked";
+    fs::create_directories(linked / "caches");
+    fs::create_directory_symlink(outside / "caches/calibration", linked / "caches/calibration");
+    EXPECT_EQ(calibrate(linked), Lib::CALIB_NO_VIEWS);
+    // Each view a link to a view outside.
+    const fs::path views = dir.path() / "views";
+    fs::create_directories(views / "caches/calibration");
+    for (const auto &e : fs::directory_iterator(outside / "caches/calibration"))
+        fs::create_symlink(e.path(), views / "caches/calibration" / e.path().filename());
+    EXPECT_EQ(calibrate(views), Lib::CALIB_NO_VIEWS);
+    EXPECT_TRUE(files_in(views / "caches/calib_result").empty());
+
+    // The result folder a link out of the job.
+    const std::string chart = at("captures/chart_00.jpg");
+    const fs::path results = dir.path() / "results";
+    fs::create_directories(results / "caches");
+    fs::create_directory_symlink(outside, results / "caches/calib_result");
+    EXPECT_EQ(api().mAnalysis(chart.c_str(), "", "", "", results.c_str(), 1), Lib::CALIB_WRITE_FAILED);
+
+    // Links at the temporary names (the former ".<file>.<pid>.part" and
+    // this process's next ones) and at a target.
+    const fs::path planted = dir.path() / "planted";
+    const fs::path folder = planted / "caches/calib_result";
+    fs::create_directories(folder);
+    const std::string pid = std::to_string(::getpid());
+    for (const std::string name : {"colorCalibrate.txt", "colorCalibrate.jpg"}) {
+        const std::string hidden = std::string(".") + name + std::string(".") + pid;
+        fs::create_symlink(outside / "canary.txt", folder / (hidden + std::string(".part")));
+        for (int n = 0; n < 8; ++n)
+            fs::create_symlink(outside / "canary.txt", folder / (hidden + std::string(".") + std::to_string(n) +
+                                                                 std::string(".part") + name.substr(name.rfind('.'))));
+    }
+    fs::create_symlink(outside / "canary.txt", folder / "colorCalibrate.txt");
+    ASSERT_EQ(api().mAnalysis(chart.c_str(), "", "", "", planted.c_str(), 1), Lib::CALIB_OK);
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(folder / "colorCalibrate.txt")));
+    EXPECT_TRUE(starts_with(read_file(folder / "colorCalibrate.txt"), "#"));
+    EXPECT_EQ(canary(), before);
+}
+
 } // namespace

@@ -118,6 +118,7 @@ const fs::path &job() {
             EXPECT_EQ(r.status, 0) << r.output;
             const ORN::JsonParser plan(read_file(dir / "caches/stitch_data.json"));
             const auto h = api().mCreate();
+            fs::create_directories(dir / "developed"); // the module makes the output folders
             for (int p = 0; p < 2; ++p) {
                 const ORN::JsonParser record = plan.child("stitch_main_param").child("image_file").children()[p];
                 double gain[3];
@@ -283,6 +284,7 @@ TEST(StereoLibrary, IspUndoesTheCastAndFollowsTheMosaic) {
     write_file(dir / "frame.pgm", pgm(72, 24, sample));
     const double gain[3] = {1 / CAST[0], 1 / CAST[1], 1 / CAST[2]};
     const auto h = api().mCreate(); // no init: development needs no table
+    fs::create_directories(dir.path() / "out");
     ASSERT_EQ(api().mIsp(h, (dir / "frame.pgm").c_str(), (dir / "out/frame.png").c_str(), gain), Code::KIVO_OK);
     ASSERT_EQ(api().mIsp(h, (dir / "frame.pgm").c_str(), (dir / "frame.jpg").c_str(), gain), Code::KIVO_OK);
     EXPECT_EQ(api().mCode(h), Code::KIVO_OK);
@@ -346,6 +348,7 @@ TEST(StereoLibrary, VideoStitchesTheLensesAtTheFirstPosition) {
     ASSERT_EQ(api().mInitVideo(v, TABLE, WIDTH, HEIGHT, 8), Code::KIVO_OK);
     const std::string stem = at("captures/stereo_video_000_");
     double hdr = 0, fov = 0;
+    fs::create_directories(out.path() / "v");
     ASSERT_EQ(api().mExecuteVideo(v, (stem + "up.avi").c_str(), (stem + "down.avi").c_str(),
                                   (stem + "up_short.avi").c_str(), (stem + "down_short.avi").c_str(),
                                   (out / "v/fused.avi").c_str(), &hdr, &fov),
@@ -435,6 +438,7 @@ TEST(StereoLibrary, FilterHidesTheRegionsAndLeavesTheRestAlone) {
     ASSERT_GE(c.mRects.size(), 8u); // the picture across the panorama's edges, and more
     const ORN::Image input = ORN::Image::read(c.mInput);
     const DETAIL before = detail(input, c, 8);
+    fs::create_directories(c.mDir.path() / "out");
     for (int type : {Lib::FILTER_BLUR, Lib::FILTER_PIXELATE, Lib::FILTER_FILL}) {
         const std::string out = c.mDir / named("out/filtered%d.png", type);
         const std::string preview = c.mDir / named("out/preview%d.jpg", type);

@@ -172,6 +172,7 @@ TEST(StitchLibrary, PanoramasMatchTheTruthWhereBothLensesSee) {
     TempDir out;
     Stitcher s;
     const ORN::Image both = overlap(WIDTH, HEIGHT);
+    fs::create_directories(out.path() / "nested/dir"); // the module makes the output's folder
     for (int point = 0; point < 2; ++point)
         for (const char *format : {".png", ".jpg"}) {
             const std::string file = out / ("nested/dir/p" + std::to_string(point) + format);
@@ -239,6 +240,7 @@ TEST(StitchLibrary, VideoFramesHdrValueAndFieldOfView) {
     const std::string up_short = at("captures/video_000_up_short.avi"), down_short = at("captures/video_000_down_short.avi");
     double hdr = 0, fov = 0;
     const std::string fused = out / "videos/fused.avi";
+    fs::create_directories(out.path() / "videos"); // the module makes the output's folder
     ASSERT_EQ(api().mExecuteVideo(video, up.c_str(), down.c_str(), up_short.c_str(), down_short.c_str(), fused.c_str(),
                                   &hdr, &fov),
               Lib::KIVO_OK);
@@ -330,6 +332,58 @@ TEST(StitchLibrary, AReplacedOutputLeavesAPublishedLinkAlone) {
     EXPECT_EQ(std::distance(fs::directory_iterator(out.path()), fs::directory_iterator()), 2);
 }
 
+// Outputs never follow a link: neither one planted at the temporary names
+// this process takes next, nor one at the target, nor a linked folder; and
+// the temporaries an interrupted run of another process left beside a
+// target are removed before it is written.
+TEST(StitchLibrary, OutputsFollowNoLinkAndClearInterruptedTemporaries) {
+    TempDir dir;
+    const fs::path outside = dir.path() / "outside", job = dir.path() / "job";
+    write_file(outside / "canary.jpg", "canary");
+    fs::create_directories(job / "videos");
+    const auto canary = [&] { return std::make_pair(tree(outside), read_file(outside / "canary.jpg")); };
+    const auto before = canary();
+    const std::string pid = std::to_string(::getpid());
+    for (int n = 0; n < 40; ++n) {
+        fs::create_symlink(outside / "canary.jpg", job / (".p.jpg." + pid + "." + std::to_string(n) + ".part.jpg"));
+        fs::create_symlink(outside / "canary.jpg",
+                           job / ("videos/.video_000.avi." + pid + "." + std::to_string(n) + ".part.avi"));
+    }
+    fs::create_symlink(outside / "canary.jpg", job / "p.jpg");
+    // Left by interrupted runs: a process that is gone, one that lives (not
+    // this one), and a temporary of another target, which stays.
+    for (const char *stale : {".video_000.avi.999999999.0.part.avi", ".video_000.avi.1.7.part.avi"})
+        write_file(job / "videos" / stale, "partial");
+    write_file(job / "videos/.video_001.avi.999999999.0.part.avi", "partial");
+
+    Stitcher s;
+    ASSERT_EQ(s.stitch(0, (job / "p.jpg").string()), Lib::KIVO_OK);
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(job / "p.jpg")));
+    EXPECT_TRUE(starts_with(read_file(job / "p.jpg"), "\xff\xd8"));
+
+    const auto video = api().mCreateVideo();
+    ASSERT_EQ(api().mInitVideo(video, at("caches/table_Up.bin").c_str(), at("caches/table_Down.bin").c_str(), WIDTH,
+                               HEIGHT, 8),
+              Lib::KIVO_OK);
+    const std::string up = at("captures/video_000_up.avi"), down = at("captures/video_000_down.avi");
+    const std::string output = (job / "videos/video_000.avi").string();
+    ASSERT_EQ(api().mExecuteVideo(video, up.c_str(), down.c_str(), nullptr, nullptr, output.c_str(), nullptr, nullptr),
+              Lib::KIVO_OK);
+    EXPECT_EQ(read_avi(output).mFrames.size(), 3u);
+    EXPECT_FALSE(fs::exists(job / "videos/.video_000.avi.999999999.0.part.avi"));
+    EXPECT_FALSE(fs::exists(job / "videos/.video_000.avi.1.7.part.avi"));
+    EXPECT_TRUE(fs::exists(job / "videos/.video_001.avi.999999999.0.part.avi"));
+
+    // A folder that is a link out of the job.
+    fs::create_directory_symlink(outside, job / "linked");
+    EXPECT_EQ(s.stitch(0, (job / "linked/p.jpg").string()), Lib::KIVO_WRITE_FAILED);
+    EXPECT_EQ(api().mExecuteVideo(video, up.c_str(), down.c_str(), nullptr, nullptr, (job / "linked/v.avi").c_str(),
+                                  nullptr, nullptr),
+              Lib::KIVO_WRITE_FAILED);
+    api().mDestroyVideo(video);
+    EXPECT_EQ(canary(), before);
+}
+
 TEST(StitchLibrary, EveryFailureHasItsCode) {
     TempDir dir;
     const std::string up = at("caches/table_Up.bin"), down = at("caches/table_Down.bin");
@@ -371,6 +425,13 @@ TEST(StitchLibrary, EveryFailureHasItsCode) {
         EXPECT_EQ(exec(u, dir / "small.jpg", o), Lib::KIVO_INPUT_MISMATCH);
         EXPECT_EQ(api().mCode(h), Lib::KIVO_INPUT_MISMATCH);
         EXPECT_EQ(exec(u, d, dir / "file/o.jpg"), Lib::KIVO_WRITE_FAILED);
+        // An output that cannot be renamed into place: a directory there.
+        fs::create_directories(dir.path() / "folder.jpg/inside");
+        EXPECT_EQ(exec(u, d, dir / "folder.jpg"), Lib::KIVO_WRITE_FAILED);
+        EXPECT_TRUE(fs::is_directory(dir.path() / "folder.jpg/inside"));
+        // A missing folder is not made: the module makes the output folders.
+        EXPECT_EQ(exec(u, d, dir / "absent/o.jpg"), Lib::KIVO_WRITE_FAILED);
+        EXPECT_FALSE(fs::exists(dir.path() / "absent"));
         EXPECT_EQ(exec(u, d, dir / "o.gif"), Lib::KIVO_BAD_ARGUMENT);
         EXPECT_EQ(exec(u, d, o, nullptr), Lib::KIVO_BAD_ARGUMENT);
         const int zero[2] = {0, 0};
