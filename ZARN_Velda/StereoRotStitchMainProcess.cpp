@@ -3,7 +3,7 @@
 // The stereo rotating camera takes six views per capture (two lenses, three
 // head positions) as raw sensor frames, in up to three exposure groups. The
 // run: read the stitch plan and the capture record; develop every raw frame
-// the records use (the ISP pass, into "caches/<frame name>.png"); merge each
+// the records use (the ISP pass, into "caches/isp/<frame name>.png"); merge each
 // view's exposures and stitch the six views into the panorama (the HDR pass,
 // or the plain stitch of one exposure when HDR is off); inpaint the tripod
 // area of the panoramas with the converter script beside the module; then
@@ -37,13 +37,14 @@ String<char> shell_word(const String<char> &word) {
     return quoted + "'";
 }
 
-// "caches/" + the frame's name with the extension ".png": where the ISP
-// pass develops a raw frame.
+// Where the ISP pass develops a raw frame: "caches/isp/" + the frame's name
+// in the job with the extension ".png", inside the process's own folder
+// whatever folder the plan keeps its frames in.
 String<char> developed_name(const String<char> &frame) {
     const String<char> name = FileSystemProc::file_name(frame);
     const auto dot = name.find_last_of('.');
     const String<char> folder = folder_of(frame);
-    return "caches/" + (folder.empty() ? String<char>() : folder + "/") +
+    return "caches/isp/" + (folder.empty() ? String<char>() : folder + "/") +
            (dot == String<char>::npos ? name : name.substr(0, dot)) + ".png";
 }
 
@@ -179,7 +180,7 @@ public:
     }
 
     // The ISP pass: every raw frame the stitch reads, developed with the
-    // record's gain into "caches/<frame name>.png".
+    // record's gain into "caches/isp/<frame name>.png".
     struct ACT_mImageStitchISP {
         ORN_NODE(ACT_mImageStitchISP);
         const SUB_mOptFlowStitchHandle *mHandles = nullptr;

@@ -151,6 +151,10 @@ public:
                                                                             "results/videos"};
     static constexpr std::string_view STITCH_DATA = "caches/stitch_data.json";
     static constexpr std::string_view HDR_PARAM_FILE = "videos_hdr_param.json";
+    // Where the plan's outputs go: "dst1" directly in PANORAMA_FOLDER,
+    // "dst4" directly in VIDEO_FOLDER.
+    static constexpr std::string_view PANORAMA_FOLDER = "caches/images";
+    static constexpr std::string_view VIDEO_FOLDER = "caches/videos";
 
     // The settings of both processes.
     struct SETTING {
@@ -206,6 +210,7 @@ public:
             const auto &json = tree.stack<CON_mStitchDataJson>();
             tree.once([this, &json] {
                 const ORN::JsonParser param = json.mSelf.child("stitch_main_param");
+                ORN::Set<String<char>> outputs;
                 for (const ORN::JsonParser &e : param.child("image_file").children()) {
                     const auto &image = mImage.append(e);
                     if (image.resolution < 1 || image.resolution > 3) {
@@ -214,13 +219,33 @@ public:
                         _DYNAMIC_ASSERT_(false);
                     }
                     check_names(image.names());
+                    check_output(image.dst1, PANORAMA_FOLDER, outputs);
                 }
                 for (const ORN::JsonParser &e : param.child("video_file").children()) {
                     const NDS_mStitchDataVideo &video = mVideo.append(e);
                     check_names({&video.dst4, &video.src1, &video.src2, &video.src3, &video.src4});
+                    check_output(video.dst4, VIDEO_FOLDER, outputs);
                 }
                 ORN::console().info("stitch data : ", mImage.size(), " images, ", mVideo.size(), " videos");
             });
+        }
+
+    public:
+        // An output of the plan is a file of the process's own folder,
+        // directly in it, named once: a panorama anywhere else could replace
+        // another process's files or results, and a video elsewhere would
+        // escape its publication.
+        static void check_output(const String<char> &name, std::string_view folder, ORN::Set<String<char>> &outputs) {
+            const String<char> file = FileSystemProc::file_name(name);
+            const bool inside = folder_of(name) == folder && !file.empty() && file != "." && file != "..";
+            if (!inside)
+                ORN::console().error("stitch plan output outside ", folder, "/ : ", name);
+            _DYNAMIC_ASSERT_(inside);
+            const bool once = outputs.find(name) == ORN::VAR_NONE;
+            if (!once)
+                ORN::console().error("stitch plan names one output twice : ", name);
+            _DYNAMIC_ASSERT_(once);
+            outputs.insert(name);
         }
 
     private:

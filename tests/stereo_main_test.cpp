@@ -82,7 +82,7 @@ TEST_F(StereoMain, DevelopsMergesStitchesInpaintsAndKeepsTheRecord) {
     EXPECT_EQ(std::count(called.begin(), called.end(), "KIVO_ExecuteISPHandle"), 36);
     EXPECT_EQ(std::count(called.begin(), called.end(), "KIVO_ExecuteOptFlowStitchHDRHandle"), 2);
     EXPECT_EQ(std::count(called.begin(), called.end(), "KIVO_ExecuteOptFlowStitchHandle"), 0);
-    EXPECT_TRUE(fs::exists(job / "caches/captures/stereo_000_g0_v0.png"));
+    EXPECT_TRUE(fs::exists(job / "caches/isp/captures/stereo_000_g0_v0.png"));
     EXPECT_TRUE(fs::exists(job / "caches/images/stereo_001.jpg"));
 
     // The record by the rules of the reconstruction's: fields kept, not
@@ -111,7 +111,7 @@ TEST_F(StereoMain, TheGatesChooseThePasses) {
     // first run developed).
     const fs::path developed = make_job("developed", R"("image_isp":false,"image_inpainting":false)");
     fs::create_directories(developed / "developed");
-    for (const auto &e : fs::directory_iterator(plain / "caches/captures"))
+    for (const auto &e : fs::directory_iterator(plain / "caches/isp/captures"))
         fs::copy_file(e.path(), developed / "developed" / e.path().filename());
     std::string plan = read_file(developed / "caches/stitch_data.json");
     for (auto i = plan.find("captures/"); i != std::string::npos; i = plan.find("captures/", i))
@@ -165,6 +165,25 @@ TEST_F(StereoMain, EveryCombinationOfTheSwitchesRunsItsSteps) {
             EXPECT_EQ(traced().empty(), points == 0 && !video) << name;
         }
     }
+}
+
+// Developed frames go to the process's own folder caches/isp/, whatever
+// folder the plan keeps its raw frames in: frames in a folder "mesh" do not
+// reach the mesh process's caches/mesh/.
+TEST_F(StereoMain, DevelopedFramesStayInTheProcesssFolder) {
+    const fs::path job = make_job("job", R"("image_hdr":false,"image_inpainting":false)");
+    fs::rename(job / "captures", job / "mesh");
+    std::string plan = read_file(job / "caches/stitch_data.json");
+    for (auto i = plan.find("\"captures/"); i != std::string::npos; i = plan.find("\"captures/", i))
+        plan.replace(i + 1, 9, "mesh/");
+    write_file(job / "caches/stitch_data.json", plan);
+    write_file(job / "caches/mesh/stereo_000_g1_v0.png", "canary");
+    const auto r = stitch(job);
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_EQ(read_file(job / "caches/mesh/stereo_000_g1_v0.png"), "canary");
+    EXPECT_EQ(tree(job / "caches/mesh").size(), 1u);
+    EXPECT_TRUE(fs::exists(job / "caches/isp/mesh/stereo_000_g1_v0.png"));
+    EXPECT_TRUE(contains(traced(), job.string() + "/caches/isp/mesh/stereo_001_g1_v5.png")) << traced();
 }
 
 TEST_F(StereoMain, AFailingConverterEndsTheProcessAndKeepsTheRecord) {

@@ -246,6 +246,46 @@ TEST_F(StitchMain, PointIdentifiersAreHashesOfTheJobAndThePoint) {
         }
 }
 
+// Outputs of the plan stay in the process's own folders: a panorama directly
+// in caches/images/, a video directly in caches/videos/, each named once.
+// Anything else stops the process before any library call, and the other
+// processes' results stay as they were.
+TEST_F(StitchMain, PlanOutputsAreConfinedToTheProcesssFolders) {
+    const fs::path job = make_job("job");
+    write_file(job / "results/mesh/floor_0.png", "floor");
+    write_file(job / "results/calib/up.jpg", "calibration");
+    write_file(job / "results/videos/kept.avi", "video");
+    const std::string plan = read_file(job / "caches/stitch_data.json");
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"caches/images/point_000.jpg", "results/mesh/floor_0.png"},
+        {"caches/images/point_001.jpg", "results/calib/up.jpg"},
+        {"caches/images/point_001.jpg", "caches/images/sub/point_001.jpg"},
+        {"caches/images/point_001.jpg", "caches/images/"},
+        {"caches/images/point_001.jpg", "caches/images/point_000.jpg"},
+        {"caches/videos/video_000.avi", "results/videos/kept.avi"},
+        {"caches/videos/video_000.avi", "caches/mesh/video_000.avi"},
+    };
+    for (const auto &[from, to] : cases) {
+        std::string text = plan;
+        const auto at = text.find("\"" + from + "\"");
+        ASSERT_NE(at, std::string::npos) << from;
+        text.replace(at + 1, from.size(), to);
+        write_file(job / "caches/stitch_data.json", text);
+        fs::remove(trace());
+        const auto r = stitch(job);
+        EXPECT_EQ(r.status, 1) << r.output;
+        const std::string line = to == "caches/images/point_000.jpg" ? "stitch plan names one output twice : " + to
+                                 : starts_with(from, "caches/videos") ? "stitch plan output outside caches/videos/ : " + to
+                                                                       : "stitch plan output outside caches/images/ : " + to;
+        EXPECT_TRUE(contains(r.output, "\n" + line + "\nStitchMainProcess error\n")) << to << "\n" << r.output;
+        EXPECT_EQ(traced(), "") << to;
+    }
+    EXPECT_EQ(read_file(job / "results/mesh/floor_0.png"), "floor");
+    EXPECT_EQ(read_file(job / "results/calib/up.jpg"), "calibration");
+    EXPECT_EQ(read_file(job / "results/videos/kept.avi"), "video");
+    EXPECT_FALSE(fs::exists(job / "caches/mesh"));
+}
+
 TEST_F(StitchMain, ResolutionOutsideOneToThreeStopsBeforeAnyLibraryCall) {
     const fs::path job = make_job("job");
     const std::string plan = read_file(job / "caches/stitch_data.json");
