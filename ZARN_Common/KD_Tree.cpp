@@ -62,6 +62,14 @@ namespace {
 // treat equal distances differently, and the answers follow FLANN's.
 constexpr std::size_t HEAP_THRESHOLD = KNN_HEAP_THRESHOLD;
 
+// The bound the tree's walk prunes with, for a set whose worst held
+// distance is `worst`. FLANN enters a branch whose distance equals the
+// bound, although no point there could be taken: with many points at one
+// place the worst distance is 0 and every query would walk the whole tree.
+// Once the set holds k points at distance 0, nothing can be taken, and a
+// negative bound says so.
+inline double searched(double worst) noexcept { return worst > 0 ? worst : -1.0; }
+
 // The k nearest points seen so far, nearest first, in caller-provided
 // storage. Same policy as FLANN's own simple k-nearest set (a point at the
 // current worst distance is not taken; equal distances keep arrival order),
@@ -73,7 +81,7 @@ public:
 
     std::size_t size() const noexcept { return mCount; }
     bool full() const override { return mCount == mCapacity; }
-    double worstDist() const override { return mWorst; }
+    double worstDist() const override { return searched(mWorst); }
     void addPoint(double dist, std::size_t index) override {
         if (dist >= mWorst)
             return;
@@ -117,7 +125,7 @@ public:
 
     std::size_t size() const noexcept { return mCount; }
     bool full() const override { return mFull; }
-    double worstDist() const override { return mWorst; }
+    double worstDist() const override { return searched(mWorst); }
     void addPoint(double dist, std::size_t index) override {
         if (dist >= mWorst)
             return;

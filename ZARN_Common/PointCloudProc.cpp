@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 namespace ZARN::PointCloudProc {
@@ -17,73 +18,79 @@ constexpr INDEX BLOCK = 8192;
 
 INDEX block_count(INDEX n) { return (n + BLOCK - 1) / BLOCK; }
 
-struct BOX {
-    double mMin[3] = {std::numeric_limits<double>::max(), std::numeric_limits<double>::max(),
-                      std::numeric_limits<double>::max()};
-    double mMax[3] = {std::numeric_limits<double>::lowest(), std::numeric_limits<double>::lowest(),
-                      std::numeric_limits<double>::lowest()};
-
-    void add(const float *p) {
-        for (int a = 0; a < 3; ++a) {
-            mMin[a] = std::min<double>(mMin[a], p[a]);
-            mMax[a] = std::max<double>(mMax[a], p[a]);
-        }
-    }
-    bool contains(const float *p, double margin) const {
-        for (int a = 0; a < 3; ++a)
-            if (p[a] < mMin[a] - margin || p[a] > mMax[a] + margin)
-                return false;
-        return true;
-    }
-    bool meets(const BOX &other, double margin) const {
-        for (int a = 0; a < 3; ++a)
-            if (other.mMax[a] < mMin[a] - margin || other.mMin[a] > mMax[a] + margin)
-                return false;
-        return true;
-    }
-};
-
-BOX box_of(const CLOUD &cloud) {
-    BOX box;
-    for (INDEX i = 0; i < cloud.size(); ++i)
-        box.add(&cloud.mPosition[3 * i]);
-    return box;
-}
-
-// The points of one chunk that lie in a region, hashed into cubic cells at
-// least `radius` wide, so that every point within `radius` of a query lies
-// in the query's cell or one of its 26 neighbours.
-class CELL_GRID {
+// The merge's grid: cubic cells `radius` wide over the points of every
+// chunk, so that every point within `radius` of a query lies in the query's
+// cell or one of its 26 neighbours. A cell is named by its integer
+// coordinates, kept as doubles (exact at any distance from the origin, so a
+// far point never widens the cells of the others), and found by a 64-bit
+// hash of them in one array sorted by hash. Points at one same position keep
+// one entry, that of the earliest chunk, and the entries of a cell run in
+// chunk order: a query scans only what earlier chunks hold there, and
+// coinciding points cost one entry however many they are.
+class MERGE_GRID {
 public:
-    CELL_GRID(const CLOUD &cloud, const BOX &region, double radius) : mCloud(cloud) {
-        for (int a = 0; a < 3; ++a)
-            mOrigin[a] = region.mMin[a];
-        double extent = 0;
-        for (int a = 0; a < 3; ++a)
-            extent = std::max(extent, region.mMax[a] - region.mMin[a]);
-        // Cell coordinates keep to 20 bits, with room for the neighbours.
-        mCell = std::max(radius, extent / double(1 << 20));
-        for (INDEX i = 0; i < cloud.size(); ++i) {
-            const float *p = &cloud.mPosition[3 * i];
-            if (region.contains(p, 0))
-                mEntry.append(ENTRY{key(p, 0, 0, 0), static_cast<std::uint32_t>(i)});
+    MERGE_GRID(const ORN::Array<CLOUD> &chunks, double radius, ORN::WorkThread &workers)
+        : mChunks(chunks), mRadius(radius) {
+        ORN::Array<INDEX> offset(chunks.size() + 1);
+        for (INDEX c = 0; c < chunks.size(); ++c)
+            offset[c + 1] = offset[c] + chunks[c].size();
+        mEntry = ORN::Array<ENTRY>(offset[chunks.size()]);
+        workers.parallel_for(chunks.size(), [&](INDEX c) {
+            const CLOUD &cloud = chunks[c];
+            for (INDEX i = 0; i < cloud.size(); ++i) {
+                double cell[3];
+                cell_of(&cloud.mPosition[3 * i], cell);
+                mEntry[offset[c] + i] = ENTRY{hash(cell), static_cast<std::uint32_t>(i), static_cast<std::uint16_t>(c)};
+            }
+        });
+        // By cell, then position, then chunk: one entry per position, the
+        // earliest chunk's; then each cell's entries in chunk order.
+        std::sort(mEntry.begin(), mEntry.end(), [this](const ENTRY &a, const ENTRY &b) {
+            if (a.mKey != b.mKey)
+                return a.mKey < b.mKey;
+            const int order = compare_position(a, b);
+            if (order != 0)
+                return order < 0;
+            return a.mChunk != b.mChunk ? a.mChunk < b.mChunk : a.mIndex < b.mIndex;
+        });
+        const auto last = std::unique(mEntry.begin(), mEntry.end(), [this](const ENTRY &a, const ENTRY &b) {
+            return a.mKey == b.mKey && compare_position(a, b) == 0;
+        });
+        mEntry.resize(static_cast<INDEX>(last - mEntry.begin()));
+        for (auto run = mEntry.begin(); run != mEntry.end();) {
+            const auto end = std::find_if(run, mEntry.end(), [&](const ENTRY &e) { return e.mKey != run->mKey; });
+            std::sort(run, end, [](const ENTRY &a, const ENTRY &b) {
+                return a.mChunk != b.mChunk ? a.mChunk < b.mChunk : a.mIndex < b.mIndex;
+            });
+            run = end;
         }
-        std::sort(mEntry.begin(), mEntry.end(), [](const ENTRY &a, const ENTRY &b) { return a.mKey < b.mKey; });
     }
 
-    // True when a point of the grid lies within `radius` of p.
-    bool near(const float *p, double radius) const {
-        const double r2 = radius * radius;
+    // True when a point of a chunk before `chunk` lies within the radius of p.
+    bool near(const float *p, std::uint16_t chunk) const {
+        const double r2 = mRadius * mRadius;
+        double cell[3];
+        cell_of(p, cell);
         // The query's own cell first: exact copies end the search at once.
-        static constexpr int ORDER[3] = {0, -1, 1};
-        for (int dz : ORDER)
-            for (int dy : ORDER)
-                for (int dx : ORDER) {
-                    const std::uint64_t k = key(p, dx, dy, dz);
+        // Far from the origin c - 1 or c + 1 may equal c: each cell once.
+        double around[3][3];
+        int count[3];
+        for (int a = 0; a < 3; ++a) {
+            const double candidate[3] = {cell[a], cell[a] - 1, cell[a] + 1};
+            count[a] = 0;
+            for (double v : candidate)
+                if (std::find(around[a], around[a] + count[a], v) == around[a] + count[a])
+                    around[a][count[a]++] = v;
+        }
+        for (int z = 0; z < count[2]; ++z)
+            for (int y = 0; y < count[1]; ++y)
+                for (int x = 0; x < count[0]; ++x) {
+                    const double at[3] = {around[0][x], around[1][y], around[2][z]};
+                    const std::uint64_t k = hash(at);
                     auto it = std::lower_bound(mEntry.begin(), mEntry.end(), k,
                                                [](const ENTRY &e, std::uint64_t v) { return e.mKey < v; });
-                    for (; it != mEntry.end() && it->mKey == k; ++it) {
-                        const float *q = &mCloud.mPosition[3 * INDEX(it->mIndex)];
+                    for (; it != mEntry.end() && it->mKey == k && it->mChunk < chunk; ++it) {
+                        const float *q = position(*it);
                         const double d0 = double(p[0]) - q[0], d1 = double(p[1]) - q[1], d2 = double(p[2]) - q[2];
                         if (d0 * d0 + d1 * d1 + d2 * d2 <= r2)
                             return true;
@@ -96,21 +103,37 @@ private:
     struct ENTRY {
         std::uint64_t mKey;
         std::uint32_t mIndex;
+        std::uint16_t mChunk;
     };
 
-    std::uint64_t key(const float *p, int dx, int dy, int dz) const {
-        std::uint64_t k = 0;
-        const int d[3] = {dx, dy, dz};
+    void cell_of(const float *p, double cell[3]) const {
+        for (int a = 0; a < 3; ++a)
+            cell[a] = std::floor(double(p[a]) / mRadius) + 0.0; // + 0.0: no negative zero
+    }
+    // A 64-bit mix of the three coordinates (splitmix64's finaliser).
+    static std::uint64_t hash(const double cell[3]) {
+        std::uint64_t h = 0x9e3779b97f4a7c15ull;
         for (int a = 0; a < 3; ++a) {
-            const double c = std::floor((p[a] - mOrigin[a]) / mCell) + 2 + d[a];
-            k = (k << 21) | static_cast<std::uint64_t>(std::clamp(c, 0.0, double((1 << 21) - 1)));
+            std::uint64_t bits;
+            std::memcpy(&bits, &cell[a], sizeof(bits));
+            h ^= bits + 0x9e3779b97f4a7c15ull + (h << 6) + (h >> 2);
+            h = (h ^ (h >> 30)) * 0xbf58476d1ce4e5b9ull;
+            h = (h ^ (h >> 27)) * 0x94d049bb133111ebull;
+            h ^= h >> 31;
         }
-        return k;
+        return h;
+    }
+    const float *position(const ENTRY &e) const { return &mChunks[e.mChunk].mPosition[3 * INDEX(e.mIndex)]; }
+    int compare_position(const ENTRY &a, const ENTRY &b) const {
+        const float *p = position(a), *q = position(b);
+        for (int k = 0; k < 3; ++k)
+            if (p[k] != q[k])
+                return p[k] < q[k] ? -1 : 1;
+        return 0;
     }
 
-    const CLOUD &mCloud;
-    double mOrigin[3];
-    double mCell;
+    const ORN::Array<CLOUD> &mChunks;
+    double mRadius;
     ORN::Array<ENTRY> mEntry;
 };
 
@@ -212,9 +235,16 @@ CLOUD read_chunk(const ORN::String<char> &path, std::uint16_t chunk) {
         const double *axis[3] = {ply.get_values(vertex, x).data(), ply.get_values(vertex, y).data(),
                                  ply.get_values(vertex, z).data()};
         float *p = cloud.mPosition.data();
-        for (INDEX i = 0; i < n; ++i, p += 3)
+        for (INDEX i = 0; i < n; ++i, p += 3) {
             for (int a = 0; a < 3; ++a)
                 p[a] = static_cast<float>(axis[a][i]);
+            // Positions are finite single-precision numbers: everything after
+            // (merging, searches, surfaces) measures distances between them.
+            const bool r1x = std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]);
+            if (!r1x)
+                ORN::console().error("PLY position not finite : ", path, " : vertex ", i);
+            _DYNAMIC_ASSERT_(r1x);
+        }
     }
     float *nn = cloud.mNormal.data();
     if (has_normal) {
@@ -244,34 +274,21 @@ CLOUD read_chunk(const ORN::String<char> &path, std::uint16_t chunk) {
 }
 
 MERGED merge_chunks(ORN::Array<CLOUD> &chunks, double radius, ORN::WorkThread &workers) {
+    _DYNAMIC_ASSERT_(radius > 0);
+    _DYNAMIC_ASSERT_(chunks.size () <= 65536);
     const INDEX count = chunks.size();
-    ORN::Array<BOX> box(count);
-    workers.parallel_for(count, [&](INDEX c) { box[c] = box_of(chunks[c]); });
-
     // keep[c][i]: point i of chunk c is no copy of a point of an earlier chunk.
     ORN::Array<ORN::Array<std::uint8_t>> keep(count);
-    workers.parallel_for(count, [&](INDEX c) {
-        const CLOUD &later = chunks[c];
-        ORN::Array<std::uint8_t> &mask = keep[c];
-        mask = ORN::Array<std::uint8_t>(later.size());
-        std::fill(mask.begin(), mask.end(), std::uint8_t(1));
-        for (INDEX a = 0; a < c; ++a) {
-            if (!box[a].meets(box[c], radius))
-                continue;
-            // Only the overlap of the two boxes can hold copies.
-            BOX region;
-            for (int k = 0; k < 3; ++k) {
-                region.mMin[k] = std::max(box[a].mMin[k], box[c].mMin[k]) - radius;
-                region.mMax[k] = std::min(box[a].mMax[k], box[c].mMax[k]) + radius;
-            }
-            const CELL_GRID grid(chunks[a], region, radius);
-            for (INDEX i = 0; i < later.size(); ++i) {
-                const float *p = &later.mPosition[3 * i];
-                if (mask[i] && region.contains(p, 0) && grid.near(p, radius))
-                    mask[i] = 0;
-            }
-        }
-    });
+    {
+        const MERGE_GRID grid(chunks, radius, workers);
+        workers.parallel_for(count, [&](INDEX c) {
+            const CLOUD &later = chunks[c];
+            ORN::Array<std::uint8_t> &mask = keep[c];
+            mask = ORN::Array<std::uint8_t>(later.size());
+            for (INDEX i = 0; i < later.size(); ++i)
+                mask[i] = !grid.near(&later.mPosition[3 * i], static_cast<std::uint16_t>(c));
+        });
+    }
 
     MERGED merged;
     INDEX total = 0;

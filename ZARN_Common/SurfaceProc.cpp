@@ -42,7 +42,7 @@ MESH compact(const MESH &mesh, const ORN::Array<std::uint8_t> &keep) {
 
 } // namespace
 
-int surface_depth(const PointCloudProc::CLOUD &points, double spacing) {
+double extent(const PointCloudProc::CLOUD &points) {
     float low[3] = {std::numeric_limits<float>::max(), std::numeric_limits<float>::max(),
                     std::numeric_limits<float>::max()};
     float high[3] = {std::numeric_limits<float>::lowest(), std::numeric_limits<float>::lowest(),
@@ -52,9 +52,14 @@ int surface_depth(const PointCloudProc::CLOUD &points, double spacing) {
             low[a] = std::min(low[a], points.mPosition[3 * i + a]);
             high[a] = std::max(high[a], points.mPosition[3 * i + a]);
         }
-    double extent = 0;
-    for (int a = 0; a < 3; ++a)
-        extent = std::max(extent, double(high[a]) - low[a]);
+    double out = 0;
+    for (int a = 0; a < 3 && points.size() > 0; ++a)
+        out = std::max(out, double(high[a]) - low[a]);
+    return out;
+}
+
+int surface_depth(const PointCloudProc::CLOUD &points, double spacing) {
+    const double extent = SurfaceProc::extent(points);
     // Open3D's Poisson grid spans 1.1 times the extent.
     const double cells = 1.1 * extent / std::max(2 * spacing, 1e-6);
     const int depth = static_cast<int>(std::ceil(std::log2(std::max(cells, 1.0))));
@@ -62,6 +67,7 @@ int surface_depth(const PointCloudProc::CLOUD &points, double spacing) {
 }
 
 MESH reconstruct(const PointCloudProc::CLOUD &points, int depth, int threads) {
+    _DYNAMIC_ASSERT_(extent (points) > 0);
     open3d::geometry::PointCloud cloud;
     cloud.points_.resize(static_cast<std::size_t>(points.size()));
     cloud.normals_.resize(static_cast<std::size_t>(points.size()));

@@ -24,11 +24,19 @@ struct MESH {
     INDEX triangle_count() const noexcept { return mTriangle.size() / 3; }
 };
 
+// The largest side of the points' bounding box (0 without points).
+double extent(const PointCloudProc::CLOUD &points);
+
 // Octree depth of the reconstruction: cells about twice the point spacing
 // over the points' extent, from 5 to 10.
 int surface_depth(const PointCloudProc::CLOUD &points, double spacing);
 
-// The watertight Poisson surface of the points with their normals.
+// The watertight Poisson surface of the points with their normals, which
+// must span some extent (points at one place fail "extent (points) > 0":
+// the solver cannot scale them into its grid). The solver's parallel
+// reductions sum in an order that varies from run to run: with one thread
+// the surface is the same on every run, with more it may differ in the
+// last bits of its vertices and, through them, in its triangles.
 MESH reconstruct(const PointCloudProc::CLOUD &points, int depth, int threads);
 
 // The surface without what the points do not support: a triangle stays

@@ -12,7 +12,12 @@
 
 #include <cmath>
 #include <cstdint>
+#include <fstream>
 #include <stdexcept>
+
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -82,6 +87,131 @@ TEST(PlyWriter, AFailingFillLeavesTheOldFileAndNoTemporary) {
                  std::runtime_error);
     EXPECT_EQ(read_file(dir.path() / "m.ply"), "old content");
     EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 1);
+}
+
+// Runs `work` in a child process given `seconds` of time (SIGALRM ends it)
+// and `megabytes` more address space than it holds at the start; returns
+// "ok", the text of an exception the work threw, or how the child ended.
+std::string bounded(unsigned seconds, long long megabytes, const std::function<std::string()> &work) {
+    int ends[2];
+    if (::pipe(ends) != 0)
+        return "no pipe";
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::close(ends[0]);
+        std::ifstream status("/proc/self/status");
+        long long size = 0;
+        for (std::string line; std::getline(status, line);)
+            if (line.rfind("VmSize:", 0) == 0)
+                size = std::stoll(line.substr(7)) * 1024;
+        const rlimit limit{rlim_t(size + (megabytes << 20)), rlim_t(size + (megabytes << 20))};
+        ::setrlimit(RLIMIT_AS, &limit);
+        ::alarm(seconds);
+        std::string text;
+        try {
+            text = work();
+        } catch (const std::exception &e) {
+            text = e.what();
+        }
+        [[maybe_unused]] const auto n = ::write(ends[1], text.data(), text.size());
+        ::_exit(0);
+    }
+    ::close(ends[1]);
+    std::string text;
+    char buffer[512];
+    for (ssize_t n; (n = ::read(ends[0], buffer, sizeof(buffer))) > 0;)
+        text.append(buffer, static_cast<std::size_t>(n));
+    ::close(ends[0]);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    if (WIFSIGNALED(status))
+        return "ended by signal " + std::to_string(WTERMSIG(status));
+    return text;
+}
+
+// n points at one place, in chunk `chunk`.
+CLOUD coinciding(INDEX n, float x, std::uint16_t chunk, float y = 2) {
+    CLOUD c;
+    c.resize(n);
+    for (INDEX i = 0; i < n; ++i) {
+        c.mPosition[3 * i] = x;
+        c.mPosition[3 * i + 1] = y;
+        c.mPosition[3 * i + 2] = 3;
+        c.mChunk[i] = chunk;
+    }
+    return c;
+}
+
+// A flat grid of n points 1 cm apart, and one point far away.
+CLOUD grid_and_far_point(INDEX n, std::uint16_t chunk) {
+    CLOUD c;
+    c.resize(n + 1);
+    const INDEX side = static_cast<INDEX>(std::sqrt(double(n))) + 1;
+    for (INDEX i = 0; i < n; ++i) {
+        c.mPosition[3 * i] = 0.01f * float(i % side);
+        c.mPosition[3 * i + 1] = 0.01f * float(i / side);
+        c.mChunk[i] = chunk;
+    }
+    c.mPosition[3 * n] = 1e9f;
+    c.mChunk[n] = chunk;
+    return c;
+}
+
+// Points at one place, and a far point per chunk, cost about as much as any
+// other points: each of these took minutes (the searches walked every point
+// or every cell) and is given seconds here, in a child.
+TEST(PointCloud, DegenerateCloudsAreSearchedAndMergedInNearLinearTime) {
+    constexpr INDEX N = 200000;
+    EXPECT_EQ(bounded(30, 512,
+                      [] {
+                          const CLOUD c = coinciding(N, 1, 0);
+                          const ZARN::KD_Tree tree = ZARN::PointCloudProc::build_tree(c);
+                          ORN::WorkThread workers(2);
+                          const ORN::Array<float> d = ZARN::PointCloudProc::neighbour_distance(tree, c, 8, workers);
+                          return std::all_of(d.begin(), d.end(), [](float v) { return v == 0; }) ? "ok" : "distance";
+                      }),
+              "ok");
+    // One place in both chunks: every later point is a copy. One place in
+    // each, 0.8 radii apart along x and y (1.13 radii): none is.
+    for (const float x : {1.0f, 1.0008f}) {
+        SCOPED_TRACE(x);
+        EXPECT_EQ(bounded(30, 512,
+                          [x] {
+                              ORN::Array<CLOUD> chunks;
+                              chunks.append(coinciding(N, 1, 0));
+                              chunks.append(coinciding(N, x, 1, x == 1.0f ? 2.0f : 2.0008f));
+                              ORN::WorkThread workers(2);
+                              const auto merged = ZARN::PointCloudProc::merge_chunks(chunks, 0.001, workers);
+                              return std::to_string(merged.mCloud.size());
+                          }),
+                  std::to_string(x == 1.0f ? N : 2 * N));
+    }
+    // Two copies of one grid, each with a point far away on the same side:
+    // the copy goes whole, the two far points stay.
+    EXPECT_EQ(bounded(30, 512,
+                      [] {
+                          ORN::Array<CLOUD> chunks;
+                          chunks.append(grid_and_far_point(N, 0));
+                          chunks.append(grid_and_far_point(N, 1));
+                          chunks[1].mPosition[3 * N + 1] = 5;
+                          ORN::WorkThread workers(2);
+                          const auto merged = ZARN::PointCloudProc::merge_chunks(chunks, 0.001, workers);
+                          return std::to_string(merged.mCloud.size());
+                      }),
+              std::to_string(N + 2));
+}
+
+TEST(Surface, PointsAtOnePlaceAreRefusedBeforeTheSolver) {
+    // The solver itself ends the program with SIGSEGV on them.
+    const std::string text = bounded(60, 4096, [] {
+        CLOUD c = coinciding(1000, 1, 0);
+        for (INDEX i = 0; i < c.size(); ++i)
+            c.mNormal[3 * i + 2] = 1;
+        ZARN::SurfaceProc::reconstruct(c, 6, 1);
+        return std::string("reconstructed");
+    });
+    EXPECT_TRUE(starts_with(text, "dynamic_assert failed : extent (points) > 0 : at ")) << text;
+    EXPECT_TRUE(contains(text, " in ZARN_Common/SurfaceProc.cpp ,")) << text;
 }
 
 // ---------------------------------------------------------------------------
