@@ -17,6 +17,7 @@
 // The library is opened only when a stage is enabled.
 
 #include "ZARN_Common/CalibLibrary.h"
+#include "ZARN_Common/Fingerprint.h"
 #include "ZARN_Common/export.h"
 #include "ZARN_Velda/ProcessFrame.h"
 
@@ -62,6 +63,9 @@ constexpr std::array<CALIB_FILE, 1> SHADING_FILES = {{
 // The description of the calibration target, resolved by the library
 // against the current directory.
 constexpr std::string_view CALIB_TARGET = "asset/calib_target.txt";
+
+// The fingerprints of the stages' inputs when their files were last made.
+constexpr std::string_view FINGERPRINTS = "caches/fingerprints/CalibMainProcess.json";
 
 } // namespace
 
@@ -162,14 +166,42 @@ public:
         return inputs;
     }
 
-    // Removes a stage's results of an earlier run from "caches/calib_result/"
-    // before the stage runs, so that a file the library leaves out this time
-    // is missing instead of passing for this run's.
-    template <std::size_t N>
-    static void clear_stage(const String<char> &working_path, const std::array<CALIB_FILE, N> &files) {
+    // Runs a stage unless it is up to date: its files were made from inputs
+    // with this very fingerprint and are all still in "caches/calib_result/".
+    // Otherwise the stage's files of an earlier run are removed first, so
+    // that a file the library leaves out this time is missing instead of
+    // passing for this run's, and the stage's fingerprint is recorded once
+    // it has succeeded.
+    template <std::size_t N, class CALL>
+    static ORN::int64 run_stage(const String<char> &working_path, std::string_view title, std::string_view entry,
+                                const std::array<CALIB_FILE, N> &files, Fingerprint fingerprint, CALL &&call) {
         const ORN::JobDirectory job(working_path);
+        ORN::Array<String<char>> outputs;
         for (const CALIB_FILE &file : files)
-            job.erase_file("caches/calib_result/" + String<char>(file.mName));
+            outputs.append("caches/calib_result/" + String<char>(file.mName));
+        FingerprintRecord record(job, String<char>(FINGERPRINTS));
+        const String<char> key = fingerprint.add(entry).text();
+        if (record.up_to_date(entry, key, outputs)) {
+            ORN::console().info("calibration stage : ", title, " : up to date");
+            return 0;
+        }
+        ORN::console().info("calibration stage : ", title);
+        record.set(entry, "");
+        for (const String<char> &output : outputs)
+            job.erase_file(output);
+        const ORN::int64 result = check_stage(entry, _CALL_TRY_(call));
+        record.set(entry, key);
+        return result;
+    }
+
+    // What a stage reads from the job: its given inputs.
+    static Fingerprint inputs_fingerprint(const String<char> &working_path, const std::array<String<char>, 4> &names) {
+        const ORN::JobDirectory job(working_path);
+        Fingerprint fingerprint;
+        for (const String<char> &name : names)
+            if (!name.empty())
+                fingerprint.add_file(job, name);
+        return fingerprint;
     }
 
     // The camera calibration itself: ("working path", "asset/calib_target.txt").
@@ -180,12 +212,14 @@ public:
             const auto &handle = tree.stack<CON_mCalibHandle>();
             const auto &path = tree.stack<VAR_mWorkingPath>();
             tree.once([this, &handle, &path] {
-                ORN::console().info("calibration stage : camera calibration");
-                clear_stage(path.mSelf, CALIB_FILES);
+                // The views, and the target's description (outside the job).
+                Fingerprint fingerprint;
+                fingerprint.add_folder(ORN::JobDirectory(path.mSelf), "caches/calibration");
+                ORN::try_run([&] { fingerprint.add(FileSystemProc::load_file(String<char>(CALIB_TARGET)).text()); });
                 const auto run = handle.mSelf->mRunCalibMain;
                 const String<char> target(CALIB_TARGET);
-                mMainReturnValue =
-                    check_stage("run_calib_main", _CALL_TRY_([&] { return run(path.mSelf.c_str(), target.c_str()); }));
+                mMainReturnValue = run_stage(path.mSelf, "camera calibration", "run_calib_main", CALIB_FILES,
+                                             fingerprint, [&] { return run(path.mSelf.c_str(), target.c_str()); });
             });
         }
     };
@@ -220,15 +254,14 @@ public:
                     return;
                 const auto &handle = tree.stack<CON_mCalibHandle>();
                 tree.then([this, &handle, &data, &path] {
-                    ORN::console().info("calibration stage : colour analysis");
-                    clear_stage(path.mSelf, ANALYSIS_FILES);
+                    const auto run = handle.mSelf->mRunAnalysisMain;
                     const auto in = stage_inputs(ORN::JobDirectory(path.mSelf), data.mAnalysisRaw);
                     const auto &src = in.mPaths;
-                    const auto run = handle.mSelf->mRunAnalysisMain;
-                    mMainReturnValue = check_stage("run_analysis_main", _CALL_TRY_([&] {
-                        return run(src[0].c_str(), src[1].c_str(), src[2].c_str(), src[3].c_str(), path.mSelf.c_str(),
-                                   in.mCount);
-                    }));
+                    mMainReturnValue = run_stage(path.mSelf, "colour analysis", "run_analysis_main", ANALYSIS_FILES,
+                                                 inputs_fingerprint(path.mSelf, data.mAnalysisRaw), [&] {
+                                                     return run(src[0].c_str(), src[1].c_str(), src[2].c_str(),
+                                                                src[3].c_str(), path.mSelf.c_str(), in.mCount);
+                                                 });
                 });
             });
         }
@@ -249,15 +282,17 @@ public:
                     return;
                 const auto &handle = tree.stack<CON_mCalibHandle>();
                 tree.then([this, &handle, &data, &path] {
-                    ORN::console().info("calibration stage : shading");
-                    clear_stage(path.mSelf, SHADING_FILES);
-                    const auto in = stage_inputs(ORN::JobDirectory(path.mSelf), {data.mShadingRaw, "", "", ""});
-                    const auto &src = in.mPaths;
                     const auto run = handle.mSelf->mRunShadingMain;
-                    mMainReturnValue = check_stage("run_shading_main", _CALL_TRY_([&] {
-                        return run(src[0].c_str(), src[1].c_str(), src[2].c_str(), src[3].c_str(), path.mSelf.c_str(),
-                                   in.mCount, CalibLibrary::SHADING_GRID);
-                    }));
+                    const std::array<String<char>, 4> names = {data.mShadingRaw, "", "", ""};
+                    Fingerprint fingerprint = inputs_fingerprint(path.mSelf, names);
+                    fingerprint.add(CalibLibrary::SHADING_GRID);
+                    const auto in = stage_inputs(ORN::JobDirectory(path.mSelf), names);
+                    const auto &src = in.mPaths;
+                    mMainReturnValue =
+                        run_stage(path.mSelf, "shading", "run_shading_main", SHADING_FILES, fingerprint, [&] {
+                            return run(src[0].c_str(), src[1].c_str(), src[2].c_str(), src[3].c_str(),
+                                       path.mSelf.c_str(), in.mCount, CalibLibrary::SHADING_GRID);
+                        });
                 });
             });
         }

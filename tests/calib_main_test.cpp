@@ -223,7 +223,7 @@ TEST_F(CalibMain, InputsThroughLinksAndStaleOutputsAreRefused) {
     // from the cache, so the run fails and the published set stays whole.
     write_file(job / "caches/split_data.json", R"({"CalibMainProcess":{"enable_calib_main_analysis":true,)"
                                                R"("analysis_raw":{"src1":")" + chart + R"("}}})");
-    const auto r = calibrate(job, "ZARN_BACKEND_OMIT=colorCalibrate.jpg");
+    const auto r = calibrate(job, "ZARN_FORCE=1 ZARN_BACKEND_OMIT=colorCalibrate.jpg");
     EXPECT_EQ(r.status, 1) << r.output;
     EXPECT_TRUE(contains(r.output, "missing file : " + (job / "caches/calib_result/colorCalibrate.jpg").string()))
         << r.output;
@@ -235,6 +235,28 @@ TEST_F(CalibMain, InputsThroughLinksAndStaleOutputsAreRefused) {
     ASSERT_EQ(calibrate(job).status, 0);
     EXPECT_TRUE(files_in(job / "results/calib").empty());
     EXPECT_EQ(read_file(job / "caches/upload.part5.json"), R"({"upload":[]})");
+}
+
+// A stage whose inputs are unchanged keeps its results; a changed input, a
+// missing result or a forced run calls the library again.
+TEST_F(CalibMain, AnUpToDateStageIsKeptUnlessForced) {
+    const fs::path job = make_job("job", false, true, true);
+    ASSERT_EQ(calibrate(job).status, 0);
+    const auto published = tree(job / "results/calib");
+    fs::remove(trace());
+    const auto again = calibrate(job);
+    ASSERT_EQ(again.status, 0) << again.output;
+    EXPECT_EQ(traced(), "");
+    EXPECT_TRUE(contains(again.output, "calibration stage : colour analysis : up to date\n")) << again.output;
+    EXPECT_EQ(tree(job / "results/calib"), published);
+
+    fs::remove(job / "caches/calib_result/shadingCalibrate");
+    ASSERT_EQ(calibrate(job).status, 0);
+    EXPECT_TRUE(starts_with(traced(), "run_shading_main ")) << traced();
+    fs::remove(trace());
+    ASSERT_EQ(calibrate(job, "ZARN_FORCE=1").status, 0);
+    EXPECT_TRUE(starts_with(traced(), "run_analysis_main ")) << traced();
+    EXPECT_TRUE(contains(traced(), "\nrun_shading_main ")) << traced();
 }
 
 TEST_F(CalibMain, AMissingRawInputStopsBeforeItsStage) {
