@@ -75,7 +75,7 @@ public:
             tree.once([this, &path] {
                 const ORN::JobDirectory job(path.mSelf);
                 ConsistencyProc::check_file_existance(job, REGION_FILE);
-                mSelf = ORN::JsonParser(job.load_file(REGION_FILE));
+                mSelf = ORN::JsonParser(job.load_file(REGION_FILE).text(), job.path(REGION_FILE));
             });
         }
     };

@@ -28,7 +28,7 @@ ORN::JsonParser split_data_document(const ORN::String<char> &working_path) {
         return cache.mDocument;
     cache.mDocument = ORN::JsonParser(); // the old document goes before the new one is read
     cache.mStamp = {};
-    ORN::JsonParser document(job.load_file(SPLIT_DATA));
+    ORN::JsonParser document(job.load_file(SPLIT_DATA).text(), job.path(SPLIT_DATA));
     ORN::console().debug("split data read : ", job.path(SPLIT_DATA));
     cache.mPath = job.path(SPLIT_DATA);
     cache.mStamp = stamp;

@@ -115,7 +115,7 @@ PROJECT_RECORD read_project(const ORN::JobDirectory &job) {
     if (!job.exist(PROJECT_FILE))
         return PROJECT_RECORD();
     const auto text = job.load_file(PROJECT_FILE);
-    const ORN::JsonParser document(text);
+    const ORN::JsonParser document(text.text(), job.path(PROJECT_FILE));
     if (!document.object_type())
         ORN::console().error("capture record is not a JSON object : ", job.path(PROJECT_FILE));
     _DYNAMIC_ASSERT_(document.object_type ());

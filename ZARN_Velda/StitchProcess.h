@@ -196,7 +196,8 @@ public:
         ORN::JsonParser mSelf;
         explicit CON_mStitchDataJson(ORN::SyntaxTree &tree) {
             const auto &path = tree.stack<VAR_mWorkingPath>();
-            tree.once([this, &path] { mSelf = ORN::JsonParser(ORN::JobDirectory(path.mSelf).load_file(STITCH_DATA)); });
+            tree.once([this, &path] { const ORN::JobDirectory job(path.mSelf);
+                mSelf = ORN::JsonParser(job.load_file(STITCH_DATA).text(), job.path(STITCH_DATA)); });
         }
     };
 

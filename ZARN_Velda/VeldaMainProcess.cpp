@@ -51,7 +51,7 @@ struct SFMAR_KIND {
 ORN::Array<ORN::String<char>> read_manifest(const ORN::JobDirectory &job, std::string_view manifest,
                                             std::string_view kind) {
     ConsistencyProc::check_file_existance(job, manifest);
-    const ORN::JsonParser document(job.load_file(manifest));
+    const ORN::JsonParser document(job.load_file(manifest).text(), job.path(manifest));
     const ORN::JsonParser upload = document.child("upload");
     if (!upload.array_type())
         ORN::console().error("manifest without an \"upload\" array : ", job.path(manifest));

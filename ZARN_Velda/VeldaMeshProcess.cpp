@@ -12,6 +12,7 @@
 // "caches/upload.part4.json", sum it up in "caches/mesh_report.json", and
 // publish the listed files into "results/mesh/" by hard link.
 
+#include "ZARN_Common/Fingerprint.h"
 #include "ZARN_Common/KD_Tree.h"
 #include "ZARN_Common/MeshRender.h"
 #include "ZARN_Common/PlyReader.h"
@@ -180,7 +181,7 @@ bool plain_file_name(const ORN::String<char> &name) {
 // The names under "mesh/" that a manifest lists, relative to that folder.
 ORN::Array<ORN::String<char>> read_manifest(const ORN::JobDirectory &job) {
     ConsistencyProc::check_file_existance(job, MANIFEST);
-    const ORN::JsonParser upload = ORN::JsonParser(job.load_file(MANIFEST)).child("upload");
+    const ORN::JsonParser upload = ORN::JsonParser(job.load_file(MANIFEST).text(), job.path(MANIFEST)).child("upload");
     if (!upload.array_type())
         ORN::console().error("manifest without an \"upload\" array : ", job.path(MANIFEST));
     _DYNAMIC_ASSERT_(upload.array_type ());
@@ -192,28 +193,6 @@ ORN::Array<ORN::String<char>> read_manifest(const ORN::JobDirectory &job) {
     }
     return names;
 }
-
-// 64-bit FNV-1a, to tell one run's inputs from another's.
-struct Fingerprint {
-    ORN::uint64 mHash = 14695981039346656037ull;
-    Fingerprint &add(const void *data, std::size_t size) {
-        const auto *bytes = static_cast<const unsigned char *>(data);
-        for (std::size_t i = 0; i < size; ++i)
-            mHash = (mHash ^ bytes[i]) * 1099511628211ull;
-        return *this;
-    }
-    Fingerprint &add(std::string_view text) { return add(text.data(), text.size()).add("\0", 1); }
-    template <class T>
-        requires std::is_arithmetic_v<T>
-    Fingerprint &add(T value) {
-        return add(&value, sizeof(value));
-    }
-    ORN::String<char> text() const {
-        char out[17];
-        std::snprintf(out, sizeof(out), "%016llx", static_cast<unsigned long long>(mHash));
-        return out;
-    }
-};
 
 // A mesh as binary PLY: positions, colours where known, triangles.
 void write_mesh(const ORN::JobDirectory &job, std::string_view relative, const MESH &mesh, INDEX buffer) {
@@ -348,7 +327,7 @@ public:
                 ConsistencyProc::check_file_existance(job, MESH_JSON);
                 mText = ORN::String<char>(job.load_file(MESH_JSON).text());
                 const ORN::String<char> file = job.path(MESH_JSON);
-                const STRICT_VALUE json{file, "", ORN::JsonParser(mText)};
+                const STRICT_VALUE json{file, "", ORN::JsonParser(mText, file)};
                 json.object();
                 const STRICT_VALUE chunks = json.child("chunks");
                 chunks.required();
@@ -439,7 +418,7 @@ public:
                 if (!listing.mRoomMesh.empty())
                     stamp(listing.mRoomMesh);
                 mKey = key.text();
-                if (!job.find_file(REPORT) || !job.find_file(MANIFEST))
+                if (FingerprintRecord::forced() || !job.find_file(REPORT) || !job.find_file(MANIFEST))
                     return;
                 // An unreadable report only means the run is not done.
                 const ORN::String<char> last = ORN::try_invoke(

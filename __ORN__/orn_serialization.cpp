@@ -1,4 +1,5 @@
 #include "orn_serialization.h"
+#include "orn_debugger.h"
 
 #include <pugixml.hpp>
 
@@ -290,6 +291,10 @@ public:
     explicit Generator(TABLE<NODE> &table) noexcept
         : mRis(table.mText.get()), mBegin(table.mText.get()), mEnd(table.mText.get() + table.mTextSize),
           mNodeSet(table.mNodeSet.data()), mTable(table) {}
+
+    // Where the parse stands in the text (offsets of the unread part are
+    // those of the original text: decoding never moves what lies ahead).
+    INDEX offset() const noexcept { return static_cast<INDEX>(mRis - mBegin); }
 
     // Parses the document; VAR_NONE for a blank text.
     INDEX generate() {
@@ -616,11 +621,20 @@ private:
     TABLE<NODE> &mTable;
 };
 
+// The offset at which the last parse of this thread failed.
+thread_local INDEX gFailureOffset = 0;
+
 // Parses `text` into a table of NODE; no table for a blank text.
 template <class NODE>
 StrongRef<const Implement> parse_table(std::string_view text, bool wide, INDEX &root) {
     auto table = std::make_shared<TABLE<NODE>>(text, wide);
-    root = Generator<NODE>(*table).generate();
+    Generator<NODE> generator(*table);
+    try {
+        root = generator.generate();
+    } catch (...) {
+        gFailureOffset = generator.offset();
+        throw;
+    }
     if (root == VAR_NONE)
         return {};
     return StrongRef<const Implement>(std::shared_ptr<const Implement>(std::move(table)));
@@ -647,6 +661,23 @@ JsonParser::JsonParser(std::string_view text) {
         return;
     mTable = std::move(table);
     mIndex = root;
+}
+
+JsonParser::JsonParser(std::string_view text, std::string_view name) {
+    try {
+        *this = JsonParser(text);
+    } catch (...) {
+        // Line and column (in bytes), both from 1, of where the text stops
+        // being JSON; the parser's own assertion follows.
+        const auto at = static_cast<std::size_t>(std::min<INDEX>(gFailureOffset, static_cast<INDEX>(text.size())));
+        const std::string_view before = text.substr(0, at);
+        const auto line = std::count(before.begin(), before.end(), '\n') + 1;
+        const auto start = before.find_last_of('\n');
+        const auto column = at - (start == std::string_view::npos ? 0 : start + 1) + 1;
+        console().error(name, " : line ", static_cast<INDEX>(line), ", column ", static_cast<INDEX>(column),
+                        " : not valid JSON");
+        throw;
+    }
 }
 
 JsonParser::JsonParser(const StrongRef<const Private::Implement> &table, INDEX index) noexcept : mTable(table), mIndex(index) {}

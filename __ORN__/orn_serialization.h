@@ -114,6 +114,10 @@ public:
     explicit JsonParser(const String<char> &text) : JsonParser(std::string_view(text)) {}
     explicit JsonParser(const char *text) : JsonParser(std::string_view(text)) {}
     explicit JsonParser(const Buffer<unsigned char> &text) : JsonParser(text.text()) {}
+    // The same for the content of a file: text that is no JSON is told as
+    // "<name> : line L, column C : not valid JSON" before the parser's
+    // assertion.
+    JsonParser(std::string_view text, std::string_view name);
 
     bool exist() const noexcept { return mIndex != VAR_NONE; }
     // The node kind (NODE_NULL .. NODE_OBJECT), NODE_EMPTY when absent.

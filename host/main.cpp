@@ -1,7 +1,7 @@
 // zarn: runs the module's processes over capture job directories.
 //
 //   zarn run [--process NAME]... [--libs DIR] [--log DIR] [--module FILE] [--no-wait] [--verbose]
-//            [--time-limit SECONDS] WORKDIR...
+//            [--time-limit SECONDS] [--force] WORKDIR...
 //   zarn graph --process NAME WORKDIR
 //   zarn list
 //   zarn --help | --version
@@ -49,7 +49,7 @@ constexpr std::array<std::string_view, 9> PROCESS_ORDER = {
 
 constexpr const char *USAGE = R"(usage:
   zarn run [--process NAME]... [--libs DIR] [--log DIR] [--module FILE]
-           [--no-wait] [--verbose] [--time-limit SECONDS] WORKDIR...
+           [--no-wait] [--verbose] [--time-limit SECONDS] [--force] WORKDIR...
   zarn graph --process NAME WORKDIR
   zarn list
   zarn --help | --version
@@ -73,6 +73,9 @@ list     prints the nine process names in the default order
 --time-limit SECONDS
                ends a process that runs longer (0: no limit); without it,
                the setting mProcessTimeLimit of each process decides
+--force        redoes all work, also what is up to date (work whose inputs
+               and parameters are those of the files it made last time is
+               otherwise kept)
 
 Each working directory runs in a child process of its own: a library that
 ends the program (exit, _exit) or crashes it (a signal) fails that job's
@@ -107,6 +110,7 @@ struct Options {
     std::string module;
     bool no_wait = false;
     bool verbose = false;
+    bool force = false;
     std::int64_t time_limit = -1; // seconds; negative: the settings decide
     std::vector<std::string> workdirs;
 };
@@ -168,6 +172,8 @@ Options parse(int argc, char **argv) {
             o.no_wait = true;
         } else if (a == "--verbose" && o.command == "run") {
             o.verbose = true;
+        } else if (a == "--force" && o.command == "run") {
+            o.force = true;
         } else if (a == "--time-limit" && o.command == "run") {
             std::string text;
             value(text);
@@ -580,6 +586,10 @@ int run(const Options &o) {
         }
     }
     ORN::JobLock::set_wait(!o.no_wait);
+    // The module and its libraries learn it from the environment, which
+    // every job's child inherits.
+    if (o.force)
+        ::setenv("ZARN_FORCE", "1", 1);
     ZARN::STLStreamLogger logger(console);
 
     catch_stop_signals();

@@ -84,6 +84,23 @@ TEST(JsonParse, RejectedFormsNameTheFailedCondition) {
     EXPECT_EQ(inner.size(), 3);
 }
 
+// A file's text that is no JSON is told by name, line and column (of the
+// first byte the parser could not take, after any decoded escapes), then
+// the parser's own assertion; a good text says nothing.
+TEST(JsonParse, AFileThatIsNoJsonNamesItsLineAndColumn) {
+    for (const auto &[text, place] : {std::pair{"{\"a\":1,\n  \"b\": tru\n}", "line 2, column 8"},
+                                      std::pair{"{\"a\":\"\\u00e9x\",\n\n\"b\" 1}", "line 3, column 5"},
+                                      std::pair{"[1,2", "line 1, column 5"}}) {
+        std::string failure;
+        const std::string out = capture_stdout([&] { failure = failure_of([&] { ORN::JsonParser(text, "job/x.json"); }); });
+        EXPECT_EQ(out, std::string("job/x.json : ") + place + " : not valid JSON\n") << text;
+        EXPECT_TRUE(starts_with(failure, "dynamic_assert failed : ")) << failure;
+    }
+    std::string failure;
+    EXPECT_EQ(capture_stdout([&] { failure = failure_of([&] { ORN::JsonParser("{\"a\":[1]}", "x.json"); }); }), "");
+    EXPECT_EQ(failure, "");
+}
+
 TEST(JsonParse, StringEscapesDecodeInPlace) {
     EXPECT_EQ(JsonParser("\"\x7f\xc3\xa9\xff\"").value(), "\x7f\xc3\xa9\xff"); // DEL and high bytes untouched
     EXPECT_EQ(JsonParser(R"("a\"b\\c\/d\be\ff\ng\rh\ti")").value(), "a\"b\\c/d\be\ff\ng\rh\ti");
