@@ -38,6 +38,14 @@ enum class ImageReadMode : int {
 // Colour conversions. Colour images are blue-green-red(-alpha), as decoded.
 enum class ImageColor : int { BGR_TO_GRAY, GRAY_TO_BGR, BGR_TO_RGB, RGB_TO_BGR, BGRA_TO_BGR, BGR_TO_BGRA };
 
+// What an encoded image's header says: its format ("JPEG", "PNG", "TIFF",
+// "BMP", "WebP", "PNM") and the size the decoder would allocate.
+struct IMAGE_HEADER {
+    String<char> mFormat;
+    INDEX mWidth = 0;
+    INDEX mHeight = 0;
+};
+
 class ORN_API Image {
 public:
     struct Private {
@@ -100,8 +108,19 @@ public:
     // A copy with pixels of its own, rows unpadded.
     Image clone() const;
 
+    // The header of an encoded image, read without decoding; false when the
+    // bytes are none of the formats above or the header is cut short.
+    static bool probe(const unsigned char *bytes, INDEX size, IMAGE_HEADER &header);
+    // Empty when the header can be read and claims a size within
+    // max_side () and max_pixels (); otherwise the reason: "not a decodable
+    // image", or "claims <w> x <h> pixels, beyond the limits (32768 per
+    // side, 134217728 in all)". Every decode checks this first, so that a
+    // small file claiming gigabytes is refused before anything is allocated.
+    static String<char> check_header(const unsigned char *bytes, INDEX size);
+
     // Decodes the file ("read_image : <path> : no such file" when missing,
-    // "... : not a decodable image" when its content is no image).
+    // "... : not a decodable image" when its content is no image, "... :
+    // claims ..." when its header is beyond the limits).
     static Image read(const String<char> &path, ImageReadMode mode = ImageReadMode::COLOR);
     // Encodes the image in the format its extension names (.jpg, .png,
     // .tif, .bmp, ...) and writes it to the path, which is replaced.

@@ -160,7 +160,9 @@ Image Image::read(const String<char> &path, ImageReadMode mode) {
         reason = "cannot be read";
     else if (bytes.size() > INT_MAX)
         reason = "too large";
-    else if (!bytes.empty())
+    else if (const String<char> refused = check_header(bytes.data(), bytes.size()); !refused.empty())
+        reason = refused;
+    else
         try {
             const cv::Mat encoded(1, static_cast<int>(bytes.size()), CV_8U, bytes.data());
             r1x = cv::imdecode(encoded, read_flags(mode));
@@ -220,6 +222,8 @@ Image Image::decode(const unsigned char *bytes, INDEX size, ImageReadMode mode) 
         reason = "no bytes";
     else if (size > INT_MAX)
         reason = "too large";
+    else if (const String<char> refused = check_header(bytes, size); !refused.empty())
+        reason = refused;
     else
         try {
             const cv::Mat encoded(1, static_cast<int>(size), CV_8U, const_cast<unsigned char *>(bytes));

@@ -194,6 +194,11 @@ int Stitcher::execute_video(const char *upper, const char *lower, const char *up
         // machine), then whatever else can read the file.
         if (!s.mCapture.open(names[i], cv::CAP_OPENCV_MJPEG) && !s.mCapture.open(names[i], cv::CAP_ANY))
             return Lib::KIVO_BAD_INPUT;
+        // The frame size the stream's header claims is the lens's, checked
+        // before any frame is decoded.
+        if (s.mCapture.get(cv::CAP_PROP_FRAME_WIDTH) != s.mLens->mWidth ||
+            s.mCapture.get(cv::CAP_PROP_FRAME_HEIGHT) != s.mLens->mHeight)
+            return Lib::KIVO_INPUT_MISMATCH;
         streams.push_back(std::move(s));
     }
     double fps = streams[0].mCapture.get(cv::CAP_PROP_FPS);

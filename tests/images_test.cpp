@@ -4,6 +4,8 @@
 #include "ZARN_Common/ImageProc.h"
 #include "__ORN__/orn_images.h"
 
+#include <sys/resource.h>
+
 #include <cmath>
 #include <cstring>
 #include <numbers>
@@ -171,6 +173,69 @@ ImageProc::LENS_TABLE lens() {
                 t.mRotation[3 * i + j] += r[3 * i + k] * n[3 * k + j];
     t.mMaxAngle = 100;
     return t;
+}
+
+// The header probe reads the size every format claims, without decoding.
+TEST(Images, HeadersTellTheSizeOfEveryFormat) {
+    const Image image = pattern(37, 23, 3);
+    for (const char *ext : {".jpg", ".png", ".tif", ".bmp", ".webp", ".ppm", ".pfm"}) {
+        const Image source = std::string(ext) == ".pfm" ? image.convert(ImageDepth::F32, 1.0 / 255) : image;
+        const auto bytes = Image::encode(ext, source);
+        ORN::IMAGE_HEADER header;
+        ASSERT_TRUE(Image::probe(bytes.data(), bytes.size(), header)) << ext;
+        EXPECT_EQ(header.mWidth, 37) << ext;
+        EXPECT_EQ(header.mHeight, 23) << ext;
+        EXPECT_EQ(Image::check_header(bytes.data(), bytes.size()), "") << ext;
+    }
+    const auto grey = Image::encode(".pgm", pattern(5, 300, 1));
+    EXPECT_EQ(Image::check_header(grey.data(), grey.size()), "");
+    EXPECT_EQ(Image::check_header(reinterpret_cast<const unsigned char *>("garbage"), 7), "not a decodable image");
+}
+
+// A 60000 x 17000 JPEG of a few hundred bytes: refused from its header,
+// under an address space limit far below what a decode would take.
+TEST(Images, ADecompressionBombIsRefusedBeforeDecoding) {
+    const auto small = Image::encode(".jpg", pattern(8, 8, 3));
+    std::string bomb(reinterpret_cast<const char *>(small.data()), static_cast<std::size_t>(small.size()));
+    const auto sof = bomb.find("\xFF\xC0");
+    ASSERT_NE(sof, std::string::npos);
+    bomb[sof + 5] = char(17000 >> 8), bomb[sof + 6] = char(17000 & 255);
+    bomb[sof + 7] = char(60000 >> 8), bomb[sof + 8] = char(60000 & 255);
+    ASSERT_LT(bomb.size(), 1000u);
+    TempDir dir;
+    write_file(dir / "bomb.jpg", bomb);
+    const std::string claims = "claims 60000 x 17000 pixels, beyond the limits (32768 per side, 134217728 in all)";
+    EXPECT_EQ(Image::check_header(reinterpret_cast<const unsigned char *>(bomb.data()), ORN::INDEX(bomb.size())), claims);
+
+    // Each call in a child whose address space may grow by 512 MiB only.
+    const auto limited = [](const std::function<void()> &f) {
+        int ends[2];
+        EXPECT_EQ(::pipe(ends), 0);
+        const pid_t child = ::fork();
+        if (child == 0) {
+            std::ifstream status("/proc/self/status");
+            long long size = 0;
+            for (std::string line; std::getline(status, line);)
+                if (line.rfind("VmSize:", 0) == 0)
+                    size = std::stoll(line.substr(7)) * 1024;
+            const rlimit limit{rlim_t(size + (512 << 20)), rlim_t(size + (512 << 20))};
+            ::setrlimit(RLIMIT_AS, &limit);
+            const auto [said, text] = failure(f);
+            [[maybe_unused]] const auto n = ::write(ends[1], said.data(), said.size());
+            ::_exit(0);
+        }
+        ::close(ends[1]);
+        std::string said;
+        char buffer[512];
+        for (ssize_t n; (n = ::read(ends[0], buffer, sizeof(buffer))) > 0;)
+            said.append(buffer, static_cast<std::size_t>(n));
+        ::close(ends[0]);
+        ::waitpid(child, nullptr, 0);
+        return said;
+    };
+    EXPECT_EQ(limited([&] { Image::read(dir / "bomb.jpg"); }), "read_image : " + (dir / "bomb.jpg") + " : " + claims + "\n");
+    EXPECT_EQ(limited([&] { Image::decode(reinterpret_cast<const unsigned char *>(bomb.data()), ORN::INDEX(bomb.size())); }),
+              "decode_image : <memory> : " + claims + "\n");
 }
 
 TEST(ImageProc, LensTablesRoundTripAndMalformedOnesAreRefused) {
