@@ -44,6 +44,7 @@
 #include "interior_scene.h"
 
 #include "ZARN_Common/ImageProc.h"
+#include "ZARN_Common/VeldaLibrary.h"
 #include "ZARN_Common/PlyWriter.h"
 #include "__ORN__/orn_filesystem.h"
 #include "__ORN__/orn_images.h"
@@ -68,15 +69,8 @@ namespace fs = std::filesystem;
 using zarn_backend::json_string;
 using zarn_backend::number_text;
 
-enum RESULT : int {
-    DONE = 0,
-    BAD_ARGUMENTS = 1,
-    EMPTY_TYPE = 2,
-    NO_WORKING_DIRECTORY = 3,
-    NO_IMAGES = 4,
-    BAD_IMAGE = 5,
-    WRITE_FAILED = 6,
-};
+// The result codes are the interface's (ZARN_Common/VeldaLibrary.h).
+using namespace ZARN::VeldaLibrary;
 
 constexpr double POINT_SPACING = 1.5;
 constexpr int POINTS_PER_ROW = 4;
@@ -142,15 +136,15 @@ int survey(int job, const std::vector<std::string> &files, std::vector<Shot> &sh
         std::vector<unsigned char> bytes;
         const zarn_backend::Descriptor input = zarn_backend::open_file_at(job, "images/" + name);
         if (!input || !zarn_backend::read_all(input.get(), bytes, IMAGE_LIMIT))
-            return BAD_IMAGE;
+            return VELDA_BAD_IMAGE;
         ORN::Image decoded;
         if (!ORN::try_run([&] {
                 decoded = ORN::Image::decode(bytes.data(), static_cast<ORN::INDEX>(bytes.size()), ORN::ImageReadMode::COLOR);
             }))
-            return BAD_IMAGE;
+            return VELDA_BAD_IMAGE;
         const cv::Mat image = ZARN::ImageProc::mat(decoded);
         if (image.empty())
-            return BAD_IMAGE;
+            return VELDA_BAD_IMAGE;
         Shot s;
         s.mFile = "images/" + file.filename().string();
         s.mStem = file.stem().string();
@@ -179,7 +173,7 @@ int survey(int job, const std::vector<std::string> &files, std::vector<Shot> &sh
         s.mRotation[0] = std::cos(s.mYaw / 2);
         s.mRotation[3] = std::sin(s.mYaw / 2);
     }
-    return DONE;
+    return VELDA_OK;
 }
 
 struct Room {
@@ -427,12 +421,12 @@ std::string png(const cv::Mat &image) {
 int reconstruct(const std::string &type, const fs::path &work) {
     const zarn_backend::Descriptor job = zarn_backend::open_directory(work);
     if (!job)
-        return NO_WORKING_DIRECTORY;
+        return VELDA_NO_WORKING_DIRECTORY;
     const std::vector<std::string> files = list_images(job.get());
     if (files.empty())
-        return NO_IMAGES;
+        return VELDA_NO_IMAGES;
     std::vector<Shot> shots;
-    if (const int r = survey(job.get(), files, shots); r != DONE)
+    if (const int r = survey(job.get(), files, shots); r != VELDA_OK)
         return r;
     const Room room = room_around(shots);
 
@@ -469,7 +463,7 @@ int reconstruct(const std::string &type, const fs::path &work) {
     }
     put("upload.part3.json", manifest_json(updown));
     put("upload.part9.json", manifest_json(ar));
-    return written ? DONE : WRITE_FAILED;
+    return written ? VELDA_OK : VELDA_WRITE_FAILED;
 }
 
 } // namespace
@@ -481,8 +475,8 @@ ZARN_BACKEND_ENTRY int run_velda_main(int argc, char **argv) {
     if (const auto code = zarn_backend::enter("run_velda_main", arguments))
         return *code;
     if (argc != 3 || argv == nullptr || argv[1] == nullptr || argv[2] == nullptr)
-        return BAD_ARGUMENTS;
+        return VELDA_BAD_ARGUMENTS;
     if (arguments[1].empty())
-        return EMPTY_TYPE;
+        return VELDA_EMPTY_TYPE;
     return reconstruct(arguments[1], fs::path(arguments[2]));
 }
