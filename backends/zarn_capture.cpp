@@ -49,14 +49,25 @@
 // panoramas: rectangles around the picture, the light switch and the door's
 // upper panel, which stand for faces and number plates.
 //
-// With --dense N, the split data "caches/split_data.json" asks the
-// reconstruction for N dense points: "dense_points": N in the member
-// "VeldaMainProcess"."Common" (the member is made, with "velda_type"
-// "indoor", when the file has none). Whenever the generator writes the split
-// data, it makes sure the mesh process's member "VeldaMeshProcess" is there
-// ({} when missing); the file's other members are kept as they are. Without
-// --dense a job without split data gets none, and one whose split data
-// already has that member is left alone.
+// With --dense N, also the reconstruction's input images "images/" (per
+// capture point its two captures at the normal exposure, or the stereo
+// camera's panorama) and the split data asks the reconstruction for N dense
+// points: "dense_points": N in the member "VeldaMainProcess"."Common" (the
+// member is made, with "velda_type" "indoor", when the file has none).
+//
+// The split data "caches/split_data.json" is always written, so that the
+// job runs as generated: it switches on every process the job holds work
+// for, with the member shown when the file has none for it (members already
+// there are kept as they are):
+//
+//   StitchMainProcess {} (StereoRotStitchMainProcess {} with --stereo)
+//   CalibMainProcess (--calibration): all three stages, the chart captures
+//       as "analysis_raw", the first flat field as "shading_raw" (the
+//       process hands the shading stage its "src1" only)
+//   ImageFilterProcess {} (--regions, with at least one point)
+//   VeldaMainProcess (--dense), VeldaMeshProcess {} (--dense N with N at
+//       least 1000; below 8000 {"minimum_floor_points": N / 8}, as the
+//       default 1000 would not be met)
 //
 // The panorama width W (default 512, or 1024 with --calibration: the boards
 // at the horizon span less than 20 degrees and need that many pixels to be
@@ -83,6 +94,8 @@
 #include <exception>
 #include <numbers>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -1198,6 +1211,45 @@ void velda_member(ORN::JsonWriter &out, const ORN::JsonParser &velda, int dense)
     out.raw("}");
 }
 
+// Dense clouds smaller than SMALL_CLOUD get their own least floor size; the
+// mesh process is switched on from MESH_CLOUD points.
+constexpr int SMALL_CLOUD = 8000, MESH_CLOUD = 1000;
+
+// The member of each process the job holds work for, as the generator
+// writes it when the split data has none: name and JSON text.
+std::vector<std::pair<std::string, std::string>> job_members(const OPTIONS &o) {
+    std::vector<std::pair<std::string, std::string>> members;
+    if (o.mCalibration) {
+        std::string calib = R"({"enable_calib_main_calib":true,"enable_calib_main_analysis":true,)"
+                            R"("enable_calib_main_shading":true)";
+        for (const auto &[key, stem, count] :
+             {std::tuple{"analysis_raw", "chart", CHART_CAPTURES}, std::tuple{"shading_raw", "flat", 1}}) {
+            calib += std::string(",\"") + key + "\":{";
+            for (int i = 0; i < count; ++i) {
+                char source[64];
+                std::snprintf(source, sizeof(source), "%s\"src%d\":\"captures/%s_%02d.jpg\"", i ? "," : "", i + 1, stem, i);
+                calib += source;
+            }
+            calib += "}";
+        }
+        members.emplace_back("CalibMainProcess", calib + "}");
+    }
+    members.emplace_back(o.mStereo ? "StereoRotStitchMainProcess" : "StitchMainProcess", "{}");
+    if (o.mRegions && o.mPoints > 0)
+        members.emplace_back("ImageFilterProcess", "{}");
+    // A small cloud puts fewer points on a floor than the mesh process asks
+    // for by default (1000): it is told to take an eighth of them. Below
+    // MESH_CLOUD points there is no surface to mesh.
+    if (o.mDense >= MESH_CLOUD)
+        members.emplace_back("VeldaMeshProcess", o.mDense >= SMALL_CLOUD
+                                                     ? std::string("{}")
+                                                     : "{\"minimum_floor_points\":" + std::to_string(o.mDense / 8) + "}");
+    return members;
+}
+
+// The split data: the members of an existing file are kept as they are
+// ("dense_points" set with --dense), and every process the job holds work
+// for gets its member when it has none.
 void write_split_data(const OPTIONS &o) {
     const ORN::String<char> caches = FileSystemProc::join_path(o.mJob, "caches");
     const ORN::String<char> path = FileSystemProc::join_path(caches, "split_data.json");
@@ -1207,9 +1259,6 @@ void write_split_data(const OPTIONS &o) {
         if (old.exist() && !old.object_type())
             throw std::runtime_error(path + " is not a JSON object");
     }
-    const bool has_mesh = old.child("VeldaMeshProcess").exist();
-    if (o.mDense < 0 && (!old.exist() || has_mesh))
-        return;
     ORN::JsonWriter out;
     out.raw("{");
     bool first = true, velda = false;
@@ -1232,13 +1281,33 @@ void write_split_data(const OPTIONS &o) {
         member("VeldaMainProcess");
         velda_member(out, ORN::JsonParser(), o.mDense);
     }
-    if (!has_mesh) {
-        member("VeldaMeshProcess");
-        out.raw("{}");
-    }
+    for (const auto &[name, text] : job_members(o))
+        if (!old.child(name).exist()) {
+            member(name);
+            out.raw(text);
+        }
     out.raw("}\n");
     FileSystemProc::build_directory(caches);
     FileSystemProc::save_file(path, std::string_view(out.text()));
+}
+
+// The reconstruction's input images (--dense): per capture point, the two
+// lenses' captures at the normal exposure ("images/point_NNN_up.jpg",
+// "_down.jpg"), or for the stereo camera its panorama
+// ("images/stereo_NNN_pano.png"); the reconstruction places the images of
+// one point (the text before the last '_') together.
+void write_images(const OPTIONS &o) {
+    const auto at = [&](std::string_view relative) { return FileSystemProc::join_path(o.mJob, relative); };
+    FileSystemProc::build_directory(at("images"));
+    for (int p = 0; p < o.mPoints; ++p) {
+        const std::string name = numbered(o.mStereo ? "stereo" : "point", p);
+        if (o.mStereo) {
+            FileSystemProc::save_file(at("images/" + name + "_pano.png"), FileSystemProc::load_file(at("truth/" + name + ".png")));
+            continue;
+        }
+        for (const char *lens : {"_up.jpg", "_down.jpg"})
+            FileSystemProc::save_file(at("images/" + name + lens), FileSystemProc::load_file(at("captures/" + name + lens)));
+    }
 }
 
 bool number_option(const char *text, int low, int high, int &out) {
@@ -1261,8 +1330,11 @@ constexpr const char *USAGE =
     "  --calibration  also the calibration captures and their truth\n"
     "  --stereo     the stereo rotating camera's job instead of the two-lens one\n"
     "  --regions    also the region file extras/image-ROI.json of the panoramas\n"
-    "  --dense N    N dense points asked of the reconstruction, 0..100000000: \"dense_points\"\n"
-    "               in the split data's VeldaMainProcess.Common (with \"VeldaMeshProcess\")\n";
+    "  --dense N    also the reconstruction's images/ and N dense points asked of it,\n"
+    "               0..100000000: \"dense_points\" in the split data's VeldaMainProcess.Common\n"
+    "               (and \"VeldaMeshProcess\" from 1000 points on); needs a capture point\n"
+    "The split data caches/split_data.json switches on every process the job holds\n"
+    "work for; members already there are kept.\n";
 
 } // namespace
 
@@ -1303,6 +1375,10 @@ int main(int argc, char **argv) {
     }
     if (o.mCalibration && !width_given)
         o.mWidth = 1024;
+    if (o.mDense >= 0 && o.mPoints == 0) {
+        std::fprintf(stderr, "zarn_capture: --dense needs a capture point to reconstruct\n%s", USAGE);
+        return 2;
+    }
     if (o.mJob.empty()) {
         std::fputs(USAGE, stderr);
         return 2;
@@ -1316,6 +1392,8 @@ int main(int argc, char **argv) {
             make_calibration(o);
         if (o.mRegions)
             make_regions(o);
+        if (o.mDense >= 0)
+            write_images(o);
         write_split_data(o);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "zarn_capture: %s\n", e.what());

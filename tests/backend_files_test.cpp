@@ -262,4 +262,57 @@ TEST(BackendFiles, TheReconstructionReadsNoImageThroughALinkAndWritesOnlyInTheJo
     EXPECT_TRUE(canary.intact());
 }
 
+// --- Generated jobs.
+
+const std::string ZARN = std::string(ZARN_BINARY_DIR) + "/bin/zarn";
+const std::string CAPTURE = std::string(ZARN_BINARY_DIR) + "/bin/zarn_capture";
+
+// A job of each camera, made by the generator and run as it was made: every
+// process the job holds work for is switched on and ends with a result.
+TEST(GeneratedJobs, RunAsGenerated) {
+    TempDir dir;
+    const fs::path lens = dir.path() / "lens", stereo = dir.path() / "stereo", calib = dir.path() / "calib";
+    for (const auto &[job, options] :
+         {std::pair{lens, "--width 128 --points 2 --videos 1 --frames 2 --regions --dense 2000"},
+          std::pair{stereo, "--stereo --width 128 --points 1 --videos 0 --dense 1000"},
+          std::pair{calib, "--calibration --points 1 --videos 0"}}) {
+        const auto made = run(quote(CAPTURE) + " " + quote(job.string()) + " " + options);
+        ASSERT_EQ(made.status, 0) << made.output;
+    }
+    EXPECT_EQ(read_file(lens / "caches/split_data.json"),
+              R"({"VeldaMainProcess":{"Common":{"velda_type":"indoor","dense_points":2000}},"StitchMainProcess":{},)"
+              R"("ImageFilterProcess":{},"VeldaMeshProcess":{"minimum_floor_points":250}})"
+              "\n");
+    EXPECT_EQ(names_in(lens / "images"), (std::vector<std::string>{"point_000_down.jpg", "point_000_up.jpg",
+                                                                    "point_001_down.jpg", "point_001_up.jpg"}));
+    EXPECT_EQ(names_in(stereo / "images"), std::vector<std::string>{"stereo_000_pano.png"});
+
+    const auto r = run("env -u ZARN_BACKEND_FAIL -u ZARN_BACKEND_THROW NO_COLOR=1 " + quote(ZARN) + " run --libs " +
+                       quote(BACKENDS) + " " + quote(lens.string()) + " " + quote(stereo.string()) + " " +
+                       quote(calib.string()));
+    ASSERT_EQ(r.status, 0) << r.output;
+    // Each process's results: the filter's, the stitcher's video, the
+    // reconstruction's and the mesh process's.
+    for (const char *result : {"results/images/point_000.jpg", "results/images/point_001.jpg",
+                               "results/videos/video_000.avi", "results/updown/poses.txt", "results/ar/anchors.json",
+                               "results/mesh/floor_0_lod0.ply", "results/mesh/floor_1.png"})
+        EXPECT_TRUE(fs::is_regular_file(lens / result)) << result;
+    // The stereo stitcher's panorama, the reconstruction's and the mesh's.
+    for (const char *result : {"caches/images/stereo_000.jpg", "results/updown/poses.txt", "results/mesh/floor_0_lod0.ply"})
+        EXPECT_TRUE(fs::is_regular_file(stereo / result)) << result;
+    // The three calibration stages' results, and the panorama stitched with
+    // the calibrated tables.
+    for (const char *result : {"results/calib/tablea.bin", "results/calib/colorCalibrate.txt",
+                               "results/calib/shadingCalibrate", "caches/images/point_000.jpg"})
+        EXPECT_TRUE(fs::is_regular_file(calib / result)) << result;
+    EXPECT_TRUE(contains(r.output, "lens tables : ")) << r.output;
+}
+
+TEST(GeneratedJobs, DenseNeedsACapturePoint) {
+    TempDir dir;
+    const auto r = run(quote(CAPTURE) + " " + quote(dir / "job") + " --points 0 --dense 1000");
+    EXPECT_EQ(r.status, 2);
+    EXPECT_TRUE(starts_with(r.output, "zarn_capture: --dense needs a capture point to reconstruct\n")) << r.output;
+}
+
 } // namespace
