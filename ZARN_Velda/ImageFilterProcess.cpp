@@ -56,6 +56,9 @@ public:
     // The filtered images' JPEG quality and the previews' width.
     static constexpr int QUALITY = 95;
     static constexpr int PREVIEW_WIDTH = 512;
+    // Most rectangles one record may have; each costs the filter time in
+    // proportion to its area.
+    static constexpr INDEX MAX_RECTS = 256;
 
     // One record of the region file, read key by key in the file's order.
     struct NDS_mImageFilterData {
@@ -100,15 +103,26 @@ public:
                     NDS_mImageFilterData &r = mSelf.append();
                     r.mPanoId = e.child("panoId").value("");
                     r.mResolution = e.child("resolution").value(ORN::int64(0));
+                    const INDEX count = e.child("rect").array_type() ? e.child("rect").size() : 0;
+                    if (count > MAX_RECTS)
+                        refuse(mSelf.size() - 1, "more than " + std::to_string(MAX_RECTS) + " rectangles : ",
+                               std::to_string(count) + " for " + r.mPanoId);
+                    _DYNAMIC_ASSERT_(count <= MAX_RECTS);
+                    // Read whole and checked before they are cut to the
+                    // library's int.
+                    ORN::Array<ORN::int64> rects;
                     for (const ORN::JsonParser &rect : e.child("rect").children())
                         for (const char *key : {"x", "y", "w", "h"})
-                            r.mRect.append(static_cast<int>(rect.child(key).value(ORN::int64(-1))));
+                            rects.append(rect.child(key).value(ORN::int64(-1)));
                     r.mWidth = e.child("width").value(ORN::int64(0));
                     r.mHeight = e.child("height").value(ORN::int64(0));
                     r.mType = e.child("type").value(ORN::int64(-1));
                     r.mPreview = e.child("preview").value(false);
-                    check(job, mSelf.size() - 1, e, r);
+                    check(job, mSelf.size() - 1, e, r, rects);
+                    for (const ORN::int64 v : rects)
+                        r.mRect.append(static_cast<int>(v));
                 }
+                check_names(mSelf);
                 ORN::console().info(REGION_FILE, " : ", mSelf.size(), " images");
             });
         }
@@ -117,7 +131,27 @@ public:
         static void refuse(INDEX i, std::string_view what, const ORN::String<char> &detail) {
             ORN::console().error("region file, image [", i, "] : ", what, detail);
         }
-        static void check(const ORN::JobDirectory &job, INDEX i, const ORN::JsonParser &e, const NDS_mImageFilterData &r) {
+        // Each panorama is listed once, and no preview is written over the
+        // filtered panorama of another record ("<panoId>_preview").
+        static void check_names(const ORN::Array<NDS_mImageFilterData> &records) {
+            ORN::Set<ORN::String<char>> names;
+            for (INDEX i = 0; i < records.size(); ++i) {
+                const bool once = names.find(records[i].mPanoId) == ORN::VAR_NONE;
+                if (!once)
+                    refuse(i, "panorama listed twice : ", records[i].mPanoId);
+                _DYNAMIC_ASSERT_(once);
+                names.insert(records[i].mPanoId);
+            }
+            for (INDEX i = 0; i < records.size(); ++i) {
+                const ORN::String<char> preview = records[i].mPanoId + "_preview";
+                const bool apart = !records[i].mPreview || names.find(preview) == ORN::VAR_NONE;
+                if (!apart)
+                    refuse(i, "its preview would replace the filtered panorama of ", preview);
+                _DYNAMIC_ASSERT_(apart);
+            }
+        }
+        static void check(const ORN::JobDirectory &job, INDEX i, const ORN::JsonParser &e, const NDS_mImageFilterData &r,
+                          const ORN::Array<ORN::int64> &rects) {
             const bool plain = !r.mPanoId.empty() && r.mPanoId.find_first_of("/\\:") == ORN::String<char>::npos &&
                                r.mPanoId != "." && r.mPanoId != "..";
             if (!plain)
@@ -130,10 +164,12 @@ public:
             if (!known)
                 refuse(i, "resolution, type, frame or rect out of range for ", r.mPanoId);
             _DYNAMIC_ASSERT_(known);
-            for (INDEX k = 0; k < r.mRect.size(); k += 4) {
-                const int x = r.mRect[k], y = r.mRect[k + 1], w = r.mRect[k + 2], h = r.mRect[k + 3];
-                const bool inside = x >= 0 && y >= 0 && w > 0 && h > 0 && x + ORN::int64(w) <= r.mWidth &&
-                                    y + ORN::int64(h) <= r.mHeight;
+            for (INDEX k = 0; k < rects.size(); k += 4) {
+                const ORN::int64 x = rects[k], y = rects[k + 1], w = rects[k + 2], h = rects[k + 3];
+                // The frame is at most INT32_MAX each way, so the sums of
+                // values inside it cannot overflow.
+                const bool inside = x >= 0 && y >= 0 && w > 0 && h > 0 && x <= r.mWidth && y <= r.mHeight &&
+                                    w <= r.mWidth - x && h <= r.mHeight - y;
                 if (!inside)
                     refuse(i, "rectangle outside the image : ",
                            r.mPanoId + " " + std::to_string(x) + "," + std::to_string(y) + " " + std::to_string(w) +

@@ -105,6 +105,20 @@ TEST_F(ImageFilter, ABrokenRegionFileStopsBeforeAnythingIsWritten) {
          "region file, image [0] : rectangle outside the image : p0 0,0 0x10 in 512x256"},
         {std::string("{\"images\":[") + record("p0", "") + std::string(",") + record("nowhere", "") + "]}", "missing file : "},
         {std::string("{\"images\":[") + record("../p0", "") + "]}", "region file, image [0] : not a panorama name : ../p0"},
+        // A value beyond int is refused as it is, not cut to 0 first.
+        {std::string("{\"images\":[") + record("p0", R"({"x":4294967296,"y":0,"w":20,"h":10})") + "]}",
+         "region file, image [0] : rectangle outside the image : p0 4294967296,0 20x10 in 512x256"},
+        {std::string("{\"images\":[") + record("p0", R"({"x":0,"y":0,"w":4294967316,"h":10})") + "]}",
+         "region file, image [0] : rectangle outside the image : p0 0,0 4294967316x10 in 512x256"},
+        {std::string("{\"images\":[") + record("p0", "") + "," + record("p0", "") + "]}",
+         "region file, image [1] : panorama listed twice : p0"},
+        {std::string("{\"images\":[") + record("p0", [] {
+             std::string rects;
+             for (int k = 0; k < 257; ++k)
+                 rects += std::string(k ? "," : "") + R"({"x":0,"y":0,"w":512,"h":256})";
+             return rects;
+         }()) + "]}",
+         "region file, image [0] : more than 256 rectangles : 257 for p0"},
     };
     int n = 0;
     for (const auto &[text, line] : cases) {
@@ -118,6 +132,40 @@ TEST_F(ImageFilter, ABrokenRegionFileStopsBeforeAnythingIsWritten) {
         EXPECT_EQ(traced(), "") << "no library call for " << text;
         EXPECT_TRUE(fs::is_empty(job / "extras/images")) << text;
     }
+}
+
+// The preview of "p0" would be written over the filtered panorama of a
+// record "p0_preview": refused before anything is written.
+TEST_F(ImageFilter, APreviewThatWouldReplaceAnotherRecordIsRefused) {
+    const fs::path job = make_job("job", 1);
+    write_panorama(job / "caches/images/p0_preview.jpg", 7);
+    write_file(job / "extras/image-ROI.json",
+               std::string("{\"images\":[") + record("p0_preview", "") + "," + record("p0", "", true) + "]}");
+    auto r = filter(job);
+    EXPECT_EQ(r.status, 1) << r.output;
+    EXPECT_TRUE(contains(r.output, "region file, image [1] : its preview would replace the filtered panorama of "
+                                   "p0_preview\n"))
+        << r.output;
+    EXPECT_EQ(traced(), "");
+    EXPECT_TRUE(fs::is_empty(job / "extras/images"));
+    // Without the preview both are filtered.
+    write_file(job / "extras/image-ROI.json",
+               std::string("{\"images\":[") + record("p0_preview", "") + "," + record("p0", "") + "]}");
+    r = filter(job);
+    EXPECT_EQ(r.status, 0) << r.output;
+}
+
+// The most rectangles a record may have, each covering the whole frame,
+// filter within a time bound (the cost grows with their area, not more).
+TEST_F(ImageFilter, TheMostRectanglesOfTheWholeFrameFinishInBoundedTime) {
+    const fs::path job = make_job("job", 1);
+    std::string rects;
+    for (int k = 0; k < 256; ++k)
+        rects += std::string(k ? "," : "") + R"({"x":0,"y":0,"w":512,"h":256})";
+    write_file(job / "extras/image-ROI.json", std::string("{\"images\":[") + record("p0", rects) + "]}");
+    const auto r = filter(job, "timeout 60");
+    EXPECT_EQ(r.status, 0) << r.output;
+    EXPECT_TRUE(fs::exists(job / "results/images/p0.jpg"));
 }
 
 TEST_F(ImageFilter, AFailingImageStopsTheRunAfterTheRecordsInFlight) {
