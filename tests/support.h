@@ -85,10 +85,11 @@ struct RunResult {
     std::string output; // standard output and standard error together
 };
 
-// Runs a shell command line and collects its output and exit status.
+// Runs a shell command line and collects its output (standard error too,
+// of every command of the line) and exit status.
 inline RunResult run(const std::string &command) {
     RunResult r;
-    FILE *pipe = ::popen((command + " 2>&1").c_str(), "r");
+    FILE *pipe = ::popen(("{ " + command + "\n} 2>&1").c_str(), "r");
     if (pipe == nullptr)
         return r;
     char buffer[4096];
