@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <map>
 
 namespace ZARN::PointCloudProc {
 
@@ -492,46 +493,60 @@ ORN::Array<FLOOR> find_floors(const CLOUD &cloud) {
         low = std::min<double>(low, cloud.mPosition[3 * i + 2]);
         high = std::max<double>(high, cloud.mPosition[3 * i + 2]);
     }
-    // Histograms of the heights of points on horizontal surfaces, 5 cm bins.
+    // Histograms of the heights of points on horizontal surfaces, 5 cm bins
+    // counted from the lowest point. Only the bins that hold points are
+    // kept (a point far above the others adds one bin, not the bins of the
+    // whole range); a bin is named by its index, kept as a double so that
+    // no height range overflows it.
     constexpr double BIN = 0.05;
-    const INDEX bins = static_cast<INDEX>((high - low) / BIN) + 1;
-    ORN::Array<INDEX> up(bins), down(bins);
-    ORN::Array<double> up_sum(bins), down_sum(bins);
+    struct BIN_COUNT {
+        INDEX mCount = 0;
+        double mSum = 0;
+    };
+    using HISTOGRAM = std::map<double, BIN_COUNT>;
+    HISTOGRAM up, down;
     for (INDEX i = 0; i < cloud.size(); ++i) {
         const float nz = cloud.mNormal[3 * i + 2];
         const double z = cloud.mPosition[3 * i + 2];
-        const INDEX b = std::min(bins - 1, static_cast<INDEX>((z - low) / BIN));
-        if (nz > 0.9f)
-            ++up[b], up_sum[b] += z;
-        else if (nz < -0.9f)
-            ++down[b], down_sum[b] += z;
+        const double b = std::floor((z - low) / BIN);
+        if (nz > 0.9f) {
+            ++up[b].mCount;
+            up[b].mSum += z;
+        } else if (nz < -0.9f) {
+            ++down[b].mCount;
+            down[b].mSum += z;
+        }
     }
     // Slabs: bins holding at least a third of the fullest bin of their
-    // kind and more than either neighbour (ties go to the lower bin).
-    const auto peaks = [bins](const ORN::Array<INDEX> &h) {
-        const INDEX top = *std::max_element(h.begin(), h.end());
-        ORN::Array<INDEX> found;
-        for (INDEX b = 0; b < bins && top > 0; ++b) {
-            const INDEX before = b > 0 ? h[b - 1] : 0;
-            const INDEX after = b + 1 < bins ? h[b + 1] : 0;
-            if (3 * h[b] >= top && h[b] > before && h[b] >= after)
-                found.append(b);
+    // kind and more than either neighbour (ties go to the lower bin); each
+    // at the mean height of its bin's points.
+    const auto peaks = [](const HISTOGRAM &h) {
+        INDEX top = 0;
+        for (const auto &[b, count] : h)
+            top = std::max(top, count.mCount);
+        const auto count_at = [&h](double b) {
+            const auto it = h.find(b);
+            return it == h.end() ? INDEX(0) : it->second.mCount;
+        };
+        ORN::Array<double> found;
+        for (const auto &[b, count] : h) {
+            const INDEX before = b - 1 != b ? count_at(b - 1) : 0;
+            const INDEX after = b + 1 != b ? count_at(b + 1) : 0;
+            if (3 * count.mCount >= top && count.mCount > before && count.mCount >= after)
+                found.append(count.mSum / double(count.mCount));
         }
         return found;
     };
-    const ORN::Array<INDEX> slab = peaks(up);
-    const ORN::Array<INDEX> ceiling = peaks(down);
-    // A slab's height is the mean height of its bin's points.
-    const auto slab_height = [&](INDEX b) { return up_sum[b] / double(up[b]); };
-    const auto ceiling_height = [&](INDEX b) { return down_sum[b] / double(down[b]); };
+    const ORN::Array<double> slab = peaks(up);
+    const ORN::Array<double> ceiling = peaks(down);
     for (INDEX s = 0; s < slab.size(); ++s) {
-        const double next = s + 1 < slab.size() ? slab_height(slab[s + 1]) : std::numeric_limits<double>::max();
+        const double next = s + 1 < slab.size() ? slab[s + 1] : std::numeric_limits<double>::max();
         // The highest ceiling between this floor slab and the next.
         bool covered = false;
         double top = 0;
-        for (INDEX c : ceiling)
-            if (ceiling_height(c) > slab_height(slab[s]) && ceiling_height(c) < next) {
-                top = ceiling_height(c);
+        for (double c : ceiling)
+            if (c > slab[s] && c < next) {
+                top = c;
                 covered = true;
             }
         if (!covered)

@@ -327,6 +327,18 @@ TEST(PointCloud, FloorsFromSlabsAndTheNearestRangeRule) {
     // Outside every range: the nearest floor.
     EXPECT_EQ(ZARN::PointCloudProc::floor_of(floors, -3.0), 0);
     EXPECT_EQ(ZARN::PointCloudProc::floor_of(floors, 40.0), 1);
+    // A point far above, facing up, is one bin of its own: the same floors
+    // (the last one reaching up to it), in bounded memory.
+    CLOUD far = c;
+    far.resize(401);
+    far.mPosition[3 * 400 + 2] = 1e30f;
+    far.mNormal[3 * 400 + 2] = 1;
+    EXPECT_EQ(bounded(30, 256,
+                      [&far] {
+                          const auto found = ZARN::PointCloudProc::find_floors(far);
+                          return std::to_string(found.size()) + " " + std::to_string(found[0].mMax);
+                      }),
+              "2 " + std::to_string(floors[0].mMax));
     // No slab facing up: no floor.
     for (INDEX i = 0; i < 400; ++i)
         c.mNormal[3 * i + 2] = -1;
