@@ -278,6 +278,9 @@ public:
             for (const auto &image : data.mImage)
                 job.build_directory(folder_of(image.dst1));
             LIBRARY_CLOCK clock;
+            COUNTDOWN left(configs.mSelf.size());
+            for (const auto &image : data.mImage)
+                left.add(configs.mConfigSet.map(image.config));
             const ORN::int64 task_bytes = largest_panorama(data, sizes) * BYTES_PER_PANORAMA_PIXEL;
             run_on_workers(setting.mThreadConcurrency, "image stitch : ", data.mImage.size(), task_bytes, clock,
                            [&](INDEX i) {
@@ -304,6 +307,8 @@ public:
                     });
                 });
                 check_result(result, [&] { return library.mGetOptFlowStitchCode(me); });
+                if (left.done(configs.mConfigSet.map(image.config)))
+                    mHandles->release(configs.mConfigSet.map(image.config));
             });
         }
     };

@@ -286,6 +286,37 @@ TEST_F(StitchMain, PlanOutputsAreConfinedToTheProcesssFolders) {
     EXPECT_FALSE(fs::exists(job / "caches/mesh"));
 }
 
+// Each configuration's stitcher goes with its last record; a plan asking
+// for more configurations than the limit stops before any library call.
+TEST_F(StitchMain, ConfigurationsAreReleasedWithTheirLastRecordAndBounded) {
+    const fs::path job = make_job("job", 1);
+    const auto records = [](int n, int configs) {
+        std::string text;
+        for (int i = 0; i < n; ++i)
+            text += std::string(i ? "," : "") + R"({"dst1":"caches/images/p)" + std::to_string(i) + R"(.jpg","name":"p)" +
+                    std::to_string(i) + R"(","raw1":"captures/point_000_up.jpg","raw2":"captures/point_000_down.jpg",)" +
+                    R"("config":"c)" + std::to_string(i * configs / n) + R"(","hdr":0,"resolution":1,"is_main":1})";
+        return R"({"stitch_main_param":{"image_file":[)" + text + "]}}";
+    };
+    write_file(job / "caches/stitch_data.json", records(3, 2)); // c0, c0, c1
+    const auto r = stitch(job);
+    ASSERT_EQ(r.status, 0) << r.output;
+    std::vector<std::string> order;
+    for (const auto &line : lines_of(traced()))
+        if (starts_with(line, "KIVO_ExecuteOptFlowStitchHandle ") || starts_with(line, "KIVO_DestroyOptFlowStitchHandle "))
+            order.push_back(line.substr(5, 7));
+    EXPECT_EQ(order, (std::vector<std::string>{"Execute", "Execute", "Destroy", "Execute", "Destroy"})) << traced();
+
+    write_file(job / "caches/stitch_data.json", records(17, 17));
+    fs::remove(trace());
+    const auto b = stitch(job);
+    EXPECT_EQ(b.status, 1) << b.output;
+    EXPECT_TRUE(contains(b.output, "\nstitch plan beyond its limits : 17 images (at most 10000), 0 videos (at most "
+                                   "1000), 17 image and 0 video configurations (at most 16 each)\n"))
+        << b.output;
+    EXPECT_EQ(traced(), "");
+}
+
 TEST_F(StitchMain, ResolutionOutsideOneToThreeStopsBeforeAnyLibraryCall) {
     const fs::path job = make_job("job");
     const std::string plan = read_file(job / "caches/stitch_data.json");
