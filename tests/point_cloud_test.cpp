@@ -199,6 +199,20 @@ TEST(PointCloud, DegenerateCloudsAreSearchedAndMergedInNearLinearTime) {
                           return std::to_string(merged.mCloud.size());
                       }),
               std::to_string(N + 2));
+    // 2000 copies of one chunk of 1000 points: each later copy goes whole,
+    // without comparing each chunk with every earlier one.
+    EXPECT_EQ(bounded(30, 1024,
+                      [] {
+                          ORN::Array<CLOUD> chunks;
+                          for (int c = 0; c < 2000; ++c) {
+                              chunks.append(grid_and_far_point(999, static_cast<std::uint16_t>(c)));
+                              chunks.back().mPosition[3 * 999 + 2] = float(c); // one point of its own
+                          }
+                          ORN::WorkThread workers(2);
+                          const auto merged = ZARN::PointCloudProc::merge_chunks(chunks, 0.001, workers);
+                          return std::to_string(merged.mCloud.size());
+                      }),
+              std::to_string(999 + 2000));
 }
 
 TEST(Surface, PointsAtOnePlaceAreRefusedBeforeTheSolver) {
