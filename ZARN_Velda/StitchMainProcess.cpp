@@ -70,8 +70,9 @@ public:
     // "caches/table_Down.bin".
     struct CON_mImageStitchDistortTableFile {
         ORN_NODE(CON_mImageStitchDistortTableFile);
-        ORN::PACK<String<char>, String<char>> mSelf;  // full paths
+        ORN::PACK<String<char>, String<char>> mSelf;  // the paths handed to the library
         ORN::PACK<String<char>, String<char>> mNames; // names in the job
+        ORN::JobDirectory::Input mUp, mDown;           // held open while the node lives
         ORN::Array<String<char>> mJobFiles;            // the same, for the required-file checks
         explicit CON_mImageStitchDistortTableFile(ORN::SyntaxTree &tree) {
             const auto &path = tree.stack<VAR_mWorkingPath>();
@@ -81,7 +82,9 @@ public:
                 mNames = calibrated ? ORN::PACK<String<char>, String<char>>{String<char>(CALIBRATED_UP),
                                                                              String<char>(CALIBRATED_DOWN)}
                                     : ORN::PACK<String<char>, String<char>>{String<char>(TABLE_UP), String<char>(TABLE_DOWN)};
-                mSelf = {job.path(mNames.mP1), job.path(mNames.mP2)};
+                mUp = job.open_input(mNames.mP1);
+                mDown = job.open_input(mNames.mP2);
+                mSelf = {mUp.path(), mDown.path()};
                 mJobFiles = {mNames.mP1, mNames.mP2};
                 ORN::console().info("lens tables : ", mNames.mP1, ", ", mNames.mP2);
             });
@@ -212,11 +215,11 @@ public:
                     ORN::console().info("processing image [", i, "] ", image.name);
                     int result;
                     if (image.brackets() == 0) {
-                        const String<char> upper = job.path(image.raw1), lower = job.path(image.raw2);
+                        const auto upper = job.open_input(image.raw1), lower = job.open_input(image.raw2);
                         double statistics[2] = {0, 0};
                         result = _CALL_TRY_([&] {
                             return clock.time([&] {
-                                return library.mExecuteOptFlowStitchHandle(me, upper.c_str(), lower.c_str(),
+                                return library.mExecuteOptFlowStitchHandle(me, upper.path().c_str(), lower.path().c_str(),
                                                                            output.c_str(), wh, statistics,
                                                                            image.name.c_str());
                             });
@@ -225,13 +228,13 @@ public:
                             ORN::console().debug("image [", i, "] lower gain ", statistics[0], ", seam difference ",
                                                  statistics[1]);
                     } else {
-                        std::array<String<char>, 8> paths;
+                        std::array<ORN::JobDirectory::Input, 8> inputs;
                         std::array<const char *, 8> p{};
                         for (int k = 0; k < image.brackets(); ++k) {
-                            paths[k] = job.path(image.src1[k]);
-                            paths[4 + k] = job.path(image.src2[k]);
-                            p[k] = paths[k].c_str();
-                            p[4 + k] = paths[4 + k].c_str();
+                            inputs[k] = job.open_input(image.src1[k]);
+                            inputs[4 + k] = job.open_input(image.src2[k]);
+                            p[k] = inputs[k].path().c_str();
+                            p[4 + k] = inputs[4 + k].path().c_str();
                         }
                         const auto brackets = static_cast<unsigned char>(image.brackets());
                         result = _CALL_TRY_([&] {

@@ -700,9 +700,12 @@ public:
                     const NDS_mStitchDataVideo &video = data.mVideo[i];
                     const auto me = mHandles->mSelf[mHandles->mConfigSet.map(video.con)].self().mP1;
                     ORN::console().info("processing video [", i, "] ", video.name);
-                    const String<char> src1 = job.path(video.src1), src2 = job.path(video.src2);
-                    const String<char> src3 = video.src3.empty() ? String<char>() : job.path(video.src3);
-                    const String<char> src4 = video.src4.empty() ? String<char>() : job.path(video.src4);
+                    const auto open = [&](const String<char> &name) {
+                        return name.empty() ? ORN::JobDirectory::Input() : job.open_input(name);
+                    };
+                    const auto in1 = open(video.src1), in2 = open(video.src2), in3 = open(video.src3),
+                               in4 = open(video.src4);
+                    const String<char> &src1 = in1.path(), &src2 = in2.path(), &src3 = in3.path(), &src4 = in4.path();
                     const String<char> output = job.path(video.dst4);
                     double hdr = 1.0, fov = 0.0;
                     const int result = _CALL_TRY_([&] {
