@@ -330,6 +330,41 @@ TEST_F(StitchMain, ConfigurationsAreReleasedWithTheirLastRecordAndBounded) {
     EXPECT_EQ(traced(), "");
 }
 
+// A panorama whose captures, lens tables and size are unchanged is kept; a
+// changed capture makes its panorama again, and --force all of them.
+TEST_F(StitchMain, UpToDatePanoramasAreKeptUnlessForced) {
+    const fs::path job = make_job("job", 2, "draft", "--points 2 --videos 0");
+    write_file(job / "caches/split_data.json", R"({"StitchMainProcess":{"video_stitch":false}})");
+    ASSERT_EQ(stitch(job).status, 0);
+    const auto point0 = inode_of(job / "caches/images/point_000.jpg");
+    const auto point1 = inode_of(job / "caches/images/point_001.jpg");
+    fs::remove(trace());
+    auto r = stitch(job);
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_TRUE(calls(traced(), "KIVO_CreateOptFlowStitchHandle").empty()) << traced();
+    EXPECT_TRUE(contains(r.output, "\nimage stitch : 2 of 2 panoramas up to date\n")) << r.output;
+    EXPECT_EQ(inode_of(job / "caches/images/point_000.jpg"), point0);
+
+    // A capture of the plain point replaced: that panorama only.
+    const auto plan = parse_json(job / "caches/stitch_data.json");
+    const std::string raw1 = plan["stitch_main_param"]["image_file"][0]["raw1"].GetString();
+    const std::string bytes = read_file(job / raw1);
+    fs::remove(job / raw1);
+    write_file(job / raw1, bytes);
+    fs::last_write_time(job / raw1, fs::file_time_type::clock::now() + std::chrono::seconds(5));
+    r = stitch(job);
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_TRUE(contains(r.output, "\nimage stitch : 1 of 2 panoramas up to date\n")) << r.output;
+    EXPECT_NE(inode_of(job / "caches/images/point_000.jpg"), point0);
+    EXPECT_EQ(inode_of(job / "caches/images/point_001.jpg"), point1);
+
+    fs::remove(trace());
+    ASSERT_EQ(stitch(job, "ZARN_FORCE=1").status, 0);
+    EXPECT_EQ(calls(traced(), "KIVO_ExecuteOptFlowStitchHandle").size() +
+                  calls(traced(), "KIVO_ExecuteOptFlowStitchHDRHandle").size(),
+              2u);
+}
+
 TEST_F(StitchMain, ResolutionOutsideOneToThreeStopsBeforeAnyLibraryCall) {
     const fs::path job = make_job("job");
     const std::string plan = read_file(job / "caches/stitch_data.json");
