@@ -725,6 +725,8 @@ public:
                         other[i] = group.mSelf[i] != f;
                     const CLOUD points = PointCloudProc::remove_points(final_cloud.mSelf, other);
                     const ORN::TimePoint start = ORN::TimePoint::now();
+                    console.info("surface reconstruction : floor ", f + 1, " of ", group.mFloor.size(), " (",
+                                 r.mFloor.mName, ", ", points.size(), " points)");
                     r.mDepth = SurfaceProc::surface_depth(points, outlier.mSelf.mSpacing);
                     // One solver thread: the same surface on every run.
                     const MESH surface = SurfaceProc::reconstruct(points, r.mDepth, 1);
