@@ -60,7 +60,7 @@ bool FingerprintRecord::up_to_date(std::string_view work, const ORN::String<char
     return true;
 }
 
-void FingerprintRecord::set(std::string_view work, const ORN::String<char> &fingerprint) {
+void FingerprintRecord::set(std::string_view work, const ORN::String<char> &fingerprint, bool save_now) {
     ORN::Array<ORN::PACK<ORN::String<char>, ORN::String<char>>> kept;
     for (auto &entry : mEntries)
         if (entry.mP1 != work)
@@ -68,6 +68,11 @@ void FingerprintRecord::set(std::string_view work, const ORN::String<char> &fing
     if (!fingerprint.empty())
         kept.append(ORN::PACK<ORN::String<char>, ORN::String<char>>{ORN::String<char>(work), fingerprint});
     mEntries = std::move(kept);
+    if (save_now)
+        save();
+}
+
+void FingerprintRecord::save() const {
     ORN::JsonWriter writer(64 + 48 * mEntries.size());
     writer.raw("{");
     for (ORN::INDEX i = 0; i < mEntries.size(); ++i) {

@@ -52,8 +52,9 @@ public:
     bool up_to_date(std::string_view work, const ORN::String<char> &fingerprint,
                     const ORN::Array<ORN::String<char>> &outputs) const;
     // Records `work` as made with `fingerprint` (an empty one forgets it), and
-    // saves the record.
-    void set(std::string_view work, const ORN::String<char> &fingerprint);
+    // saves the record unless told not to.
+    void set(std::string_view work, const ORN::String<char> &fingerprint, bool save_now = true);
+    void save() const;
 
     // Whether this run redoes everything (ZARN_FORCE=1 in the environment).
     static bool forced();

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <map>
 
 namespace ZARN::PointCloudProc {
 
@@ -18,31 +19,103 @@ constexpr INDEX BLOCK = 8192;
 
 INDEX block_count(INDEX n) { return (n + BLOCK - 1) / BLOCK; }
 
-// The merge's grid: cubic cells `radius` wide over the points of every
-// chunk, so that every point within `radius` of a query lies in the query's
-// cell or one of its 26 neighbours. A cell is named by its integer
-// coordinates, kept as doubles (exact at any distance from the origin, so a
-// far point never widens the cells of the others), and found by a 64-bit
-// hash of them in one array sorted by hash. Points at one same position keep
-// one entry, that of the earliest chunk, and the entries of a cell run in
-// chunk order: a query scans only what earlier chunks hold there, and
-// coinciding points cost one entry however many they are.
+struct BOX {
+    double mMin[3] = {std::numeric_limits<double>::max(), std::numeric_limits<double>::max(),
+                      std::numeric_limits<double>::max()};
+    double mMax[3] = {std::numeric_limits<double>::lowest(), std::numeric_limits<double>::lowest(),
+                      std::numeric_limits<double>::lowest()};
+
+    void add(const float *p) {
+        for (int a = 0; a < 3; ++a) {
+            mMin[a] = std::min<double>(mMin[a], p[a]);
+            mMax[a] = std::max<double>(mMax[a], p[a]);
+        }
+    }
+    bool contains(const float *p, double margin) const {
+        for (int a = 0; a < 3; ++a)
+            if (p[a] < mMin[a] - margin || p[a] > mMax[a] + margin)
+                return false;
+        return true;
+    }
+    bool meets(const BOX &other, double margin) const {
+        for (int a = 0; a < 3; ++a)
+            if (other.mMax[a] < mMin[a] - margin || other.mMin[a] > mMax[a] + margin)
+                return false;
+        return true;
+    }
+};
+
+// Which points of the chunks can be copies, or have copies: chunk c's
+// points near the box of an earlier chunk whose box meets c's, and chunk
+// a's points near the box of a later chunk whose box meets a's. Where a
+// chunk meets more than SHORT_LIST others, its points are all taken, so
+// that the test costs a few box checks per point whatever the chunks.
+class MERGE_BOXES {
+public:
+    static constexpr INDEX SHORT_LIST = 16;
+
+    MERGE_BOXES(const ORN::Array<CLOUD> &chunks, double radius, ORN::WorkThread &workers)
+        : mRadius(radius), mBox(chunks.size()), mEarlier(chunks.size()), mLater(chunks.size()) {
+        workers.parallel_for(chunks.size(), [&](INDEX c) {
+            for (INDEX i = 0; i < chunks[c].size(); ++i)
+                mBox[c].add(&chunks[c].mPosition[3 * i]);
+        });
+        for (INDEX c = 0; c < chunks.size(); ++c)
+            for (INDEX a = 0; a < c; ++a)
+                if (chunks[a].size() > 0 && chunks[c].size() > 0 && mBox[a].meets(mBox[c], radius)) {
+                    mEarlier[c].append(a);
+                    mLater[a].append(c);
+                }
+    }
+    // Point p of chunk c may be a copy of a point of an earlier chunk.
+    bool may_be_copy(INDEX c, const float *p) const { return near_any(mEarlier[c], p); }
+    // Point p of chunk a may have a copy in a later chunk.
+    bool may_have_copy(INDEX a, const float *p) const { return near_any(mLater[a], p); }
+
+private:
+    bool near_any(const ORN::Array<INDEX> &list, const float *p) const {
+        if (list.size() > SHORT_LIST)
+            return true;
+        return std::any_of(list.begin(), list.end(), [&](INDEX b) { return mBox[b].contains(p, mRadius); });
+    }
+
+    double mRadius;
+    ORN::Array<BOX> mBox;
+    ORN::Array<ORN::Array<INDEX>> mEarlier, mLater;
+};
+
+// The merge's grid over the points that may have copies: cubic cells two
+// radii wide, so that every point within `radius` of a query lies in at
+// most two cells along each axis (8 in all). A cell is named by its
+// integer coordinates, kept as doubles (exact at any distance from the
+// origin, so a far point never widens the cells of the others), and found
+// through a 64-bit hash of them: the entries are sorted by hash, and a
+// directory indexed by the hash's top bits points at each cell's run.
+// Points at one same position keep one entry, that of the earliest chunk,
+// and the entries of a cell run in chunk order: a query scans only what
+// earlier chunks hold there, and coinciding points cost one entry however
+// many they are.
 class MERGE_GRID {
 public:
-    MERGE_GRID(const ORN::Array<CLOUD> &chunks, double radius, ORN::WorkThread &workers)
-        : mChunks(chunks), mRadius(radius) {
-        ORN::Array<INDEX> offset(chunks.size() + 1);
-        for (INDEX c = 0; c < chunks.size(); ++c)
-            offset[c + 1] = offset[c] + chunks[c].size();
-        mEntry = ORN::Array<ENTRY>(offset[chunks.size()]);
+    MERGE_GRID(const ORN::Array<CLOUD> &chunks, const MERGE_BOXES &boxes, double radius, ORN::WorkThread &workers)
+        : mChunks(chunks), mRadius(radius), mCell(2 * radius) {
+        ORN::Array<ORN::Array<ENTRY>> part(chunks.size());
         workers.parallel_for(chunks.size(), [&](INDEX c) {
             const CLOUD &cloud = chunks[c];
             for (INDEX i = 0; i < cloud.size(); ++i) {
+                const float *p = &cloud.mPosition[3 * i];
+                if (!boxes.may_have_copy(c, p))
+                    continue;
                 double cell[3];
-                cell_of(&cloud.mPosition[3 * i], cell);
-                mEntry[offset[c] + i] = ENTRY{hash(cell), static_cast<std::uint32_t>(i), static_cast<std::uint16_t>(c)};
+                cell_of(p, cell);
+                part[c].append(ENTRY{hash(cell), static_cast<std::uint32_t>(i), static_cast<std::uint16_t>(c)});
             }
         });
+        for (ORN::Array<ENTRY> &entries : part) {
+            for (const ENTRY &e : entries)
+                mEntry.append(e);
+            entries = ORN::Array<ENTRY>();
+        }
         // By cell, then position, then chunk: one entry per position, the
         // earliest chunk's; then each cell's entries in chunk order.
         std::sort(mEntry.begin(), mEntry.end(), [this](const ENTRY &a, const ENTRY &b) {
@@ -64,6 +137,18 @@ public:
             });
             run = end;
         }
+        // The directory: about one slot per entry; slot b starts at the
+        // first entry whose hash has the top bits b.
+        mBits = 1;
+        while (mBits < 30 && (INDEX(1) << mBits) < mEntry.size())
+            ++mBits;
+        mDirectory = ORN::Array<INDEX>((INDEX(1) << mBits) + 1);
+        INDEX e = 0;
+        for (INDEX b = 0; b < mDirectory.size(); ++b) {
+            while (e < mEntry.size() && INDEX(mEntry[e].mKey >> (64 - mBits)) < b)
+                ++e;
+            mDirectory[b] = e;
+        }
     }
 
     // True when a point of a chunk before `chunk` lies within the radius of p.
@@ -71,26 +156,30 @@ public:
         const double r2 = mRadius * mRadius;
         double cell[3];
         cell_of(p, cell);
-        // The query's own cell first: exact copies end the search at once.
-        // Far from the origin c - 1 or c + 1 may equal c: each cell once.
-        double around[3][3];
+        // Along each axis the point's own cell, and the neighbour on the
+        // side the point is within the radius of (far from the origin the
+        // neighbour may be the cell itself: each cell once).
+        double around[3][2];
         int count[3];
         for (int a = 0; a < 3; ++a) {
-            const double candidate[3] = {cell[a], cell[a] - 1, cell[a] + 1};
-            count[a] = 0;
-            for (double v : candidate)
-                if (std::find(around[a], around[a] + count[a], v) == around[a] + count[a])
-                    around[a][count[a]++] = v;
+            around[a][0] = cell[a];
+            count[a] = 1;
+            const double offset = double(p[a]) - cell[a] * mCell;
+            const double side = offset < mRadius ? cell[a] - 1 : (offset > mCell - mRadius ? cell[a] + 1 : cell[a]);
+            if (side != cell[a])
+                around[a][count[a]++] = side;
         }
         for (int z = 0; z < count[2]; ++z)
             for (int y = 0; y < count[1]; ++y)
                 for (int x = 0; x < count[0]; ++x) {
                     const double at[3] = {around[0][x], around[1][y], around[2][z]};
                     const std::uint64_t k = hash(at);
-                    auto it = std::lower_bound(mEntry.begin(), mEntry.end(), k,
-                                               [](const ENTRY &e, std::uint64_t v) { return e.mKey < v; });
-                    for (; it != mEntry.end() && it->mKey == k && it->mChunk < chunk; ++it) {
-                        const float *q = position(*it);
+                    const INDEX slot = INDEX(k >> (64 - mBits));
+                    for (INDEX e = mDirectory[slot]; e < mDirectory[slot + 1]; ++e) {
+                        const ENTRY &it = mEntry[e];
+                        if (it.mKey != k || it.mChunk >= chunk)
+                            continue;
+                        const float *q = position(it);
                         const double d0 = double(p[0]) - q[0], d1 = double(p[1]) - q[1], d2 = double(p[2]) - q[2];
                         if (d0 * d0 + d1 * d1 + d2 * d2 <= r2)
                             return true;
@@ -108,7 +197,7 @@ private:
 
     void cell_of(const float *p, double cell[3]) const {
         for (int a = 0; a < 3; ++a)
-            cell[a] = std::floor(double(p[a]) / mRadius) + 0.0; // + 0.0: no negative zero
+            cell[a] = std::floor(double(p[a]) / mCell) + 0.0; // + 0.0: no negative zero
     }
     // A 64-bit mix of the three coordinates (splitmix64's finaliser).
     static std::uint64_t hash(const double cell[3]) {
@@ -134,7 +223,10 @@ private:
 
     const ORN::Array<CLOUD> &mChunks;
     double mRadius;
+    double mCell;
     ORN::Array<ENTRY> mEntry;
+    int mBits = 1;
+    ORN::Array<INDEX> mDirectory;
 };
 
 // Eigenvector of the smallest eigenvalue of a symmetric 3 x 3 matrix
@@ -280,13 +372,16 @@ MERGED merge_chunks(ORN::Array<CLOUD> &chunks, double radius, ORN::WorkThread &w
     // keep[c][i]: point i of chunk c is no copy of a point of an earlier chunk.
     ORN::Array<ORN::Array<std::uint8_t>> keep(count);
     {
-        const MERGE_GRID grid(chunks, radius, workers);
+        const MERGE_BOXES boxes(chunks, radius, workers);
+        const MERGE_GRID grid(chunks, boxes, radius, workers);
         workers.parallel_for(count, [&](INDEX c) {
             const CLOUD &later = chunks[c];
             ORN::Array<std::uint8_t> &mask = keep[c];
             mask = ORN::Array<std::uint8_t>(later.size());
-            for (INDEX i = 0; i < later.size(); ++i)
-                mask[i] = !grid.near(&later.mPosition[3 * i], static_cast<std::uint16_t>(c));
+            for (INDEX i = 0; i < later.size(); ++i) {
+                const float *p = &later.mPosition[3 * i];
+                mask[i] = !(boxes.may_be_copy(c, p) && grid.near(p, static_cast<std::uint16_t>(c)));
+            }
         });
     }
 
@@ -492,46 +587,60 @@ ORN::Array<FLOOR> find_floors(const CLOUD &cloud) {
         low = std::min<double>(low, cloud.mPosition[3 * i + 2]);
         high = std::max<double>(high, cloud.mPosition[3 * i + 2]);
     }
-    // Histograms of the heights of points on horizontal surfaces, 5 cm bins.
+    // Histograms of the heights of points on horizontal surfaces, 5 cm bins
+    // counted from the lowest point. Only the bins that hold points are
+    // kept (a point far above the others adds one bin, not the bins of the
+    // whole range); a bin is named by its index, kept as a double so that
+    // no height range overflows it.
     constexpr double BIN = 0.05;
-    const INDEX bins = static_cast<INDEX>((high - low) / BIN) + 1;
-    ORN::Array<INDEX> up(bins), down(bins);
-    ORN::Array<double> up_sum(bins), down_sum(bins);
+    struct BIN_COUNT {
+        INDEX mCount = 0;
+        double mSum = 0;
+    };
+    using HISTOGRAM = std::map<double, BIN_COUNT>;
+    HISTOGRAM up, down;
     for (INDEX i = 0; i < cloud.size(); ++i) {
         const float nz = cloud.mNormal[3 * i + 2];
         const double z = cloud.mPosition[3 * i + 2];
-        const INDEX b = std::min(bins - 1, static_cast<INDEX>((z - low) / BIN));
-        if (nz > 0.9f)
-            ++up[b], up_sum[b] += z;
-        else if (nz < -0.9f)
-            ++down[b], down_sum[b] += z;
+        const double b = std::floor((z - low) / BIN);
+        if (nz > 0.9f) {
+            ++up[b].mCount;
+            up[b].mSum += z;
+        } else if (nz < -0.9f) {
+            ++down[b].mCount;
+            down[b].mSum += z;
+        }
     }
     // Slabs: bins holding at least a third of the fullest bin of their
-    // kind and more than either neighbour (ties go to the lower bin).
-    const auto peaks = [bins](const ORN::Array<INDEX> &h) {
-        const INDEX top = *std::max_element(h.begin(), h.end());
-        ORN::Array<INDEX> found;
-        for (INDEX b = 0; b < bins && top > 0; ++b) {
-            const INDEX before = b > 0 ? h[b - 1] : 0;
-            const INDEX after = b + 1 < bins ? h[b + 1] : 0;
-            if (3 * h[b] >= top && h[b] > before && h[b] >= after)
-                found.append(b);
+    // kind and more than either neighbour (ties go to the lower bin); each
+    // at the mean height of its bin's points.
+    const auto peaks = [](const HISTOGRAM &h) {
+        INDEX top = 0;
+        for (const auto &[b, count] : h)
+            top = std::max(top, count.mCount);
+        const auto count_at = [&h](double b) {
+            const auto it = h.find(b);
+            return it == h.end() ? INDEX(0) : it->second.mCount;
+        };
+        ORN::Array<double> found;
+        for (const auto &[b, count] : h) {
+            const INDEX before = b - 1 != b ? count_at(b - 1) : 0;
+            const INDEX after = b + 1 != b ? count_at(b + 1) : 0;
+            if (3 * count.mCount >= top && count.mCount > before && count.mCount >= after)
+                found.append(count.mSum / double(count.mCount));
         }
         return found;
     };
-    const ORN::Array<INDEX> slab = peaks(up);
-    const ORN::Array<INDEX> ceiling = peaks(down);
-    // A slab's height is the mean height of its bin's points.
-    const auto slab_height = [&](INDEX b) { return up_sum[b] / double(up[b]); };
-    const auto ceiling_height = [&](INDEX b) { return down_sum[b] / double(down[b]); };
+    const ORN::Array<double> slab = peaks(up);
+    const ORN::Array<double> ceiling = peaks(down);
     for (INDEX s = 0; s < slab.size(); ++s) {
-        const double next = s + 1 < slab.size() ? slab_height(slab[s + 1]) : std::numeric_limits<double>::max();
+        const double next = s + 1 < slab.size() ? slab[s + 1] : std::numeric_limits<double>::max();
         // The highest ceiling between this floor slab and the next.
         bool covered = false;
         double top = 0;
-        for (INDEX c : ceiling)
-            if (ceiling_height(c) > slab_height(slab[s]) && ceiling_height(c) < next) {
-                top = ceiling_height(c);
+        for (double c : ceiling)
+            if (c > slab[s] && c < next) {
+                top = c;
                 covered = true;
             }
         if (!covered)

@@ -8,6 +8,7 @@
 // "extras/images/<panoId>_preview.jpg" where the record asks for one), and
 // publish the filtered panoramas into "results/images/" by hard link.
 
+#include "ZARN_Common/Fingerprint.h"
 #include "ZARN_Common/StereoRotCamLibrary.h"
 #include "ZARN_Common/export.h"
 #include "ZARN_Velda/ProcessFrame.h"
@@ -18,6 +19,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <mutex>
 #include <string_view>
 
 namespace ZARN {
@@ -53,6 +55,8 @@ public:
     static constexpr std::array<std::string_view, 3> WORKING_DIRECTORIES = {"caches/images", "results/images",
                                                                             "extras/images"};
     static constexpr std::string_view REGION_FILE = "extras/image-ROI.json";
+    // The fingerprints of the filtered panoramas' inputs when last made.
+    static constexpr std::string_view FINGERPRINTS = "caches/fingerprints/ImageFilterProcess.json";
     // The filtered images' JPEG quality and the previews' width.
     static constexpr int QUALITY = 95;
     static constexpr int PREVIEW_WIDTH = 512;
@@ -223,11 +227,31 @@ public:
         _DYNAMIC_ASSERT_(mFilterReturnValue == 0);
     }
 
-    // Filters every record on the workers, then publishes the results.
+    // What a filtered panorama is made from: the panorama and the record.
+    static ORN::String<char> filter_fingerprint(const ORN::JobDirectory &job, const NDS_mImageFilterData &r) {
+        Fingerprint fingerprint;
+        fingerprint.add_file(job, "caches/images/" + r.mPanoId + ".jpg");
+        fingerprint.add(r.mResolution).add(r.mWidth).add(r.mHeight).add(r.mType).add(r.mPreview);
+        fingerprint.add(QUALITY).add(PREVIEW_WIDTH);
+        for (const int v : r.mRect)
+            fingerprint.add(v);
+        return fingerprint.text();
+    }
+    static ORN::Array<ORN::String<char>> filter_outputs(const NDS_mImageFilterData &r) {
+        ORN::Array<ORN::String<char>> outputs = {"extras/images/" + r.mPanoId + ".jpg"};
+        if (r.mPreview)
+            outputs.append("extras/images/" + r.mPanoId + "_preview.jpg");
+        return outputs;
+    }
+
+    // Filters every record that is not up to date on the workers, then
+    // publishes the results.
     struct ACT_mImageFilter {
         ORN_NODE(ACT_mImageFilter);
         const SUB_mOptFlowStitchHandle *mFilter = nullptr;
         const CON_mImageFilterHandle *mLibrary = nullptr;
+        ORN::Array<INDEX> mTodo;
+        ORN::Array<ORN::String<char>> mKeys;
         explicit ACT_mImageFilter(ORN::SyntaxTree &tree) {
             tree.stack<ACT_mWorkingPath>();
             const auto &data = tree.stack<CON_mImageFilterData>();
@@ -236,8 +260,23 @@ public:
             tree.maybe<CON_mImageFilterHandle>();
             tree.maybe<SUB_mOptFlowStitchHandle>();
             tree.once([this, &tree, &data, &setting, &path] {
-                if (data.mSelf.empty())
-                    return publish(ORN::JobDirectory(path.mSelf), data);
+                const ORN::JobDirectory job(path.mSelf);
+                FingerprintRecord record(job, ORN::String<char>(FINGERPRINTS));
+                for (INDEX i = 0; i < data.mSelf.size(); ++i) {
+                    const NDS_mImageFilterData &r = data.mSelf[i];
+                    const ORN::String<char> key = filter_fingerprint(job, r);
+                    if (record.up_to_date(r.mPanoId, key, filter_outputs(r)))
+                        continue;
+                    mTodo.append(i);
+                    mKeys.append(key);
+                    record.set(r.mPanoId, ORN::String<char>(), false); // until it is made again
+                }
+                record.save();
+                if (mTodo.size() < data.mSelf.size())
+                    ORN::console().info("image filter : ", data.mSelf.size() - mTodo.size(), " of ", data.mSelf.size(),
+                                        " images up to date");
+                if (mTodo.empty())
+                    return publish(job, data);
                 mFilter = &tree.stack<SUB_mOptFlowStitchHandle>();
                 mLibrary = &tree.stack<CON_mImageFilterHandle>();
                 tree.then([this, &data, &setting, &path] { filter(data, setting, path); });
@@ -249,19 +288,23 @@ public:
             const ImageFilterHandle &library = *mLibrary->mSelf;
             const auto me = mFilter->mSelf.self().mP1;
             const ORN::JobDirectory job(path.mSelf);
-            const INDEX n = data.mSelf.size();
+            const INDEX n = mTodo.size();
             const ORN::TimePoint start = ORN::TimePoint::now();
+            FingerprintRecord record(job, ORN::String<char>(FINGERPRINTS));
+            std::mutex record_mutex;
             // A task holds the decoded panorama, its filtered regions and the
             // encoded output: about 16 bytes per pixel of the largest frame.
             ORN::int64 pixels = 0;
-            for (const NDS_mImageFilterData &r : data.mSelf)
-                pixels = std::max<ORN::int64>(pixels, std::min<ORN::int64>(r.mWidth * r.mHeight, ORN::Image::max_pixels()));
+            for (const INDEX i : mTodo)
+                pixels = std::max<ORN::int64>(
+                    pixels, std::min<ORN::int64>(data.mSelf[i].mWidth * data.mSelf[i].mHeight, ORN::Image::max_pixels()));
             const ORN::WORKER_PLAN plan = ORN::WorkThread::plan(setting.mThreadConcurrency, n, pixels * 16);
             console.info(plan.mReason);
             auto progress = console.progress("image filter : ", n);
             ORN::WorkThread workers(plan.mWorkers);
-            for (INDEX i = 0; i < n; ++i)
-                workers.submit([&, i] {
+            for (INDEX t = 0; t < n; ++t)
+                workers.submit([&, t] {
+                    const INDEX i = mTodo[t];
                     const NDS_mImageFilterData &r = data.mSelf[i];
                     console.info("processing image [", i, "] ", r.mPanoId);
                     const ORN::JobDirectory::Input input = job.open_input("caches/images/" + r.mPanoId + ".jpg");
@@ -275,6 +318,10 @@ public:
                                                             static_cast<int>(r.mType));
                     });
                     check_result(result, [&] { return library.mGetFilterCode(me); });
+                    {
+                        const std::lock_guard<std::mutex> hold(record_mutex);
+                        record.set(r.mPanoId, mKeys[t]);
+                    }
                     progress.advance();
                 });
             workers.wait();

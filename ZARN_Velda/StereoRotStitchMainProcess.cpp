@@ -226,10 +226,11 @@ public:
                 const ORN::Array<String<char>> raw = stitch_frames(image, false, hdr);
                 const ORN::Array<String<char>> developed = stitch_frames(image, true, hdr);
                 for (INDEX f = 0; f < raw.size(); ++f) {
-                    const String<char> input = job.path(raw[f]), output = job.path(developed[f]);
+                    const auto input = job.open_input(raw[f]);
+                    const String<char> output = job.path(developed[f]);
                     const int result = _CALL_TRY_([&] {
                         return clock.time([&] {
-                            return library.mExecuteISPHandle(me, input.c_str(), output.c_str(), image.gain.data());
+                            return library.mExecuteISPHandle(me, input.path().c_str(), output.c_str(), image.gain.data());
                         });
                     });
                     check_result(result, [&] { return library.mGetOptFlowStitchCode(me); });
@@ -278,6 +279,9 @@ public:
             for (const auto &image : data.mImage)
                 job.build_directory(folder_of(image.dst1));
             LIBRARY_CLOCK clock;
+            COUNTDOWN left(configs.mSelf.size());
+            for (const auto &image : data.mImage)
+                left.add(configs.mConfigSet.map(image.config));
             const ORN::int64 task_bytes = largest_panorama(data, sizes) * BYTES_PER_PANORAMA_PIXEL;
             run_on_workers(setting.mThreadConcurrency, "image stitch : ", data.mImage.size(), task_bytes, clock,
                            [&](INDEX i) {
@@ -287,12 +291,12 @@ public:
                 const int wh[2] = {size.mP1, size.mP2};
                 const String<char> output = job.path(image.dst1);
                 ORN::console().info("processing image [", i, "] ", image.name);
-                ORN::Array<String<char>> frames = stitch_frames(image, isp, hdr);
+                const ORN::Array<String<char>> frames = stitch_frames(image, isp, hdr);
+                std::vector<ORN::JobDirectory::Input> inputs;
+                inputs.reserve(frames.size());
                 std::vector<const char *> paths;
-                for (String<char> &frame : frames) {
-                    frame = job.path(frame);
-                    paths.push_back(frame.c_str());
-                }
+                for (const String<char> &frame : frames)
+                    paths.push_back(inputs.emplace_back(job.open_input(frame)).path().c_str());
                 const int result = _CALL_TRY_([&] {
                     return clock.time([&] {
                         if (hdr)
@@ -304,6 +308,8 @@ public:
                     });
                 });
                 check_result(result, [&] { return library.mGetOptFlowStitchCode(me); });
+                if (left.done(configs.mConfigSet.map(image.config)))
+                    mHandles->release(configs.mConfigSet.map(image.config));
             });
         }
     };

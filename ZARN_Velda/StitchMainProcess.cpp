@@ -14,7 +14,10 @@
 //   "always_inpaint"   every panorama marked for inpainting (default false)
 // The panorama size table is chosen by the setting mPanoramaQuality.
 
+#include "ZARN_Common/Fingerprint.h"
 #include "ZARN_Velda/StitchProcess.h"
+
+#include <mutex>
 
 namespace ZARN {
 
@@ -29,6 +32,8 @@ public:
     static constexpr std::string_view TABLE_DOWN = "caches/table_Down.bin";
     static constexpr std::string_view CALIBRATED_UP = "results/calib/tablea.bin";
     static constexpr std::string_view CALIBRATED_DOWN = "results/calib/tableb.bin";
+    // The fingerprints of the panoramas' inputs when they were last made.
+    static constexpr std::string_view FINGERPRINTS = "caches/fingerprints/StitchMainProcess.json";
 
     // One capture point's image set, read field by field (a field of an
     // element that is no object, and a missing key, stay empty or 0).
@@ -70,8 +75,9 @@ public:
     // "caches/table_Down.bin".
     struct CON_mImageStitchDistortTableFile {
         ORN_NODE(CON_mImageStitchDistortTableFile);
-        ORN::PACK<String<char>, String<char>> mSelf;  // full paths
+        ORN::PACK<String<char>, String<char>> mSelf;  // the paths handed to the library
         ORN::PACK<String<char>, String<char>> mNames; // names in the job
+        ORN::JobDirectory::Input mUp, mDown;           // held open while the node lives
         ORN::Array<String<char>> mJobFiles;            // the same, for the required-file checks
         explicit CON_mImageStitchDistortTableFile(ORN::SyntaxTree &tree) {
             const auto &path = tree.stack<VAR_mWorkingPath>();
@@ -81,7 +87,9 @@ public:
                 mNames = calibrated ? ORN::PACK<String<char>, String<char>>{String<char>(CALIBRATED_UP),
                                                                              String<char>(CALIBRATED_DOWN)}
                                     : ORN::PACK<String<char>, String<char>>{String<char>(TABLE_UP), String<char>(TABLE_DOWN)};
-                mSelf = {job.path(mNames.mP1), job.path(mNames.mP2)};
+                mUp = job.open_input(mNames.mP1);
+                mDown = job.open_input(mNames.mP2);
+                mSelf = {mUp.path(), mDown.path()};
                 mJobFiles = {mNames.mP1, mNames.mP2};
                 ORN::console().info("lens tables : ", mNames.mP1, ", ", mNames.mP2);
             });
@@ -160,10 +168,29 @@ public:
                                               StitchLibrary::OUTPUT_BITS);
     }
 
+    // What a panorama is made from: its captures, the lens tables, its size
+    // and the way it is stitched.
+    static String<char> panorama_fingerprint(const ORN::JobDirectory &job, const NDS_mStitchDataImage &image,
+                                             const CON_mImageStitchDistortTableFile &tables,
+                                             const ORN::PACK<std::int32_t, std::int32_t> &size) {
+        Fingerprint fingerprint;
+        fingerprint.add(image.name).add(image.config).add(size.mP1).add(size.mP2).add(image.brackets());
+        fingerprint.add_file(job, tables.mNames.mP1).add_file(job, tables.mNames.mP2);
+        if (image.brackets() == 0)
+            fingerprint.add_file(job, image.raw1).add_file(job, image.raw2);
+        for (int k = 0; k < image.brackets(); ++k)
+            fingerprint.add_file(job, image.src1[k]).add_file(job, image.src2[k]);
+        return fingerprint.text();
+    }
+
     struct ACT_mImageStitch {
         ORN_NODE(ACT_mImageStitch);
         const SUB_mOptFlowStitchHandle *mHandles = nullptr; // set when there is something to stitch
         const CON_mStitchHandle *mLibrary = nullptr;
+        // The records to stitch (the others are up to date) and their
+        // fingerprints, recorded as each panorama is made.
+        ORN::Array<INDEX> mTodo;
+        ORN::Array<String<char>> mKeys;
         explicit ACT_mImageStitch(ORN::SyntaxTree &tree) {
             tree.stack<ACT_mWorkingPath>();
             const auto &enable = tree.stack<ACT_mImageStitch_mEnable>();
@@ -180,8 +207,27 @@ public:
             tree.maybe<SUB_mOptFlowStitchHandle>();
             // The objects are fetched only when there is work: they play
             // before the second phase, which does the stitching.
-            tree.once([this, &tree, &enable, &data, &configs, &sizes, &setting, &path] {
+            const auto &tables = tree.stack<CON_mImageStitchDistortTableFile>();
+            tree.once([this, &tree, &enable, &data, &configs, &sizes, &setting, &path, &tables] {
                 if (!enable.mSelf || data.mImage.empty())
+                    return;
+                const ORN::JobDirectory job(path.mSelf);
+                FingerprintRecord record(job, String<char>(FINGERPRINTS));
+                for (INDEX i = 0; i < data.mImage.size(); ++i) {
+                    const NDS_mStitchDataImage &image = data.mImage[i];
+                    const String<char> key =
+                        panorama_fingerprint(job, image, tables, sizes.mSelf[image.resolution - 1]);
+                    if (record.up_to_date(image.dst1, key, {image.dst1}))
+                        continue;
+                    mTodo.append(i);
+                    mKeys.append(key);
+                    record.set(image.dst1, String<char>(), false); // until it is made again
+                }
+                record.save();
+                if (mTodo.size() < data.mImage.size())
+                    ORN::console().info("image stitch : ", data.mImage.size() - mTodo.size(), " of ",
+                                        data.mImage.size(), " panoramas up to date");
+                if (mTodo.empty())
                     return;
                 mHandles = &tree.stack<SUB_mOptFlowStitchHandle>();
                 mLibrary = &tree.stack<CON_mStitchHandle>();
@@ -195,12 +241,18 @@ public:
             {
                 const StitchHandle &library = *mLibrary->mSelf;
                 const ORN::JobDirectory job(path.mSelf);
-                for (const auto &image : data.mImage)
-                    job.build_directory(folder_of(image.dst1));
+                for (const INDEX i : mTodo)
+                    job.build_directory(folder_of(data.mImage[i].dst1));
                 LIBRARY_CLOCK clock;
+                COUNTDOWN left(configs.mSelf.size());
+                for (const INDEX i : mTodo)
+                    left.add(configs.mConfigSet.map(data.mImage[i].config));
+                FingerprintRecord record(job, String<char>(FINGERPRINTS));
+                std::mutex record_mutex;
                 const ORN::int64 task_bytes = largest_panorama(data, sizes) * BYTES_PER_PANORAMA_PIXEL;
-                run_on_workers(setting.mThreadConcurrency, "image stitch : ", data.mImage.size(), task_bytes, clock,
-                               [&](INDEX i) {
+                run_on_workers(setting.mThreadConcurrency, "image stitch : ", mTodo.size(), task_bytes, clock,
+                               [&](INDEX t) {
+                    const INDEX i = mTodo[t];
                     const NDS_mStitchDataImage &image = data.mImage[i];
                     const auto me = mHandles->mSelf[configs.mConfigSet.map(image.config)].self().mP1;
                     const auto &size = sizes.mSelf[image.resolution - 1];
@@ -209,11 +261,11 @@ public:
                     ORN::console().info("processing image [", i, "] ", image.name);
                     int result;
                     if (image.brackets() == 0) {
-                        const String<char> upper = job.path(image.raw1), lower = job.path(image.raw2);
+                        const auto upper = job.open_input(image.raw1), lower = job.open_input(image.raw2);
                         double statistics[2] = {0, 0};
                         result = _CALL_TRY_([&] {
                             return clock.time([&] {
-                                return library.mExecuteOptFlowStitchHandle(me, upper.c_str(), lower.c_str(),
+                                return library.mExecuteOptFlowStitchHandle(me, upper.path().c_str(), lower.path().c_str(),
                                                                            output.c_str(), wh, statistics,
                                                                            image.name.c_str());
                             });
@@ -222,13 +274,13 @@ public:
                             ORN::console().debug("image [", i, "] lower gain ", statistics[0], ", seam difference ",
                                                  statistics[1]);
                     } else {
-                        std::array<String<char>, 8> paths;
+                        std::array<ORN::JobDirectory::Input, 8> inputs;
                         std::array<const char *, 8> p{};
                         for (int k = 0; k < image.brackets(); ++k) {
-                            paths[k] = job.path(image.src1[k]);
-                            paths[4 + k] = job.path(image.src2[k]);
-                            p[k] = paths[k].c_str();
-                            p[4 + k] = paths[4 + k].c_str();
+                            inputs[k] = job.open_input(image.src1[k]);
+                            inputs[4 + k] = job.open_input(image.src2[k]);
+                            p[k] = inputs[k].path().c_str();
+                            p[4 + k] = inputs[4 + k].path().c_str();
                         }
                         const auto brackets = static_cast<unsigned char>(image.brackets());
                         result = _CALL_TRY_([&] {
@@ -239,6 +291,12 @@ public:
                         });
                     }
                     check_result(result, [&] { return library.mGetOptFlowStitchCode(me); });
+                    {
+                        const std::lock_guard<std::mutex> hold(record_mutex);
+                        record.set(image.dst1, mKeys[t]);
+                    }
+                    if (left.done(configs.mConfigSet.map(image.config)))
+                        mHandles->release(configs.mConfigSet.map(image.config));
                 });
             }
         }

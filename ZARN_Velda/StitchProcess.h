@@ -227,8 +227,29 @@ public:
                     check_names({&video.dst4, &video.src1, &video.src2, &video.src3, &video.src4});
                     check_output(video.dst4, VIDEO_FOLDER, outputs);
                 }
+                check_bounds();
                 ORN::console().info("stitch data : ", mImage.size(), " images, ", mVideo.size(), " videos");
             });
+        }
+
+        // What a plan may ask for: records, and distinct configurations
+        // (each one a library object with its own tables).
+        static constexpr INDEX MAX_IMAGE_RECORDS = 10000, MAX_VIDEO_RECORDS = 1000, MAX_CONFIGS = 16;
+
+        void check_bounds() const {
+            ORN::Set<String<char>> configs, cons;
+            for (const auto &image : mImage)
+                configs.insert(image.config);
+            for (const auto &video : mVideo)
+                cons.insert(video.con);
+            const bool r1x = mImage.size() <= MAX_IMAGE_RECORDS && mVideo.size() <= MAX_VIDEO_RECORDS &&
+                             configs.size() <= MAX_CONFIGS && cons.size() <= MAX_CONFIGS;
+            if (!r1x)
+                ORN::console().error("stitch plan beyond its limits : ", mImage.size(), " images (at most ",
+                                     MAX_IMAGE_RECORDS, "), ", mVideo.size(), " videos (at most ", MAX_VIDEO_RECORDS,
+                                     "), ", configs.size(), " image and ", cons.size(), " video configurations (at most ",
+                                     MAX_CONFIGS, " each)");
+            _DYNAMIC_ASSERT_(r1x);
         }
 
     public:
@@ -461,7 +482,10 @@ public:
     // over.
     struct SUB_mOptFlowStitchHandle {
         ORN_NODE(SUB_mOptFlowStitchHandle);
-        ORN::ArrayList<LibraryObject<typename P::IMAGE_HANDLE>> mSelf;
+        mutable ORN::ArrayList<LibraryObject<typename P::IMAGE_HANDLE>> mSelf;
+        // Destroys the stitcher of a configuration whose last record is done
+        // (see COUNTDOWN); its tables go with it unless another holds them.
+        void release(INDEX config) const { mSelf[config].reset(); }
         explicit SUB_mOptFlowStitchHandle(ORN::SyntaxTree &tree) {
             const auto &handle = tree.stack<typename P::CON_mLibraryHandle>();
             const auto &configs = tree.stack<CON_mImageStitchConfigProprety>();
@@ -485,7 +509,8 @@ public:
     // stitch, in first-seen order, and the set that maps "con" to it.
     struct SUB_mVideoStitchHandle {
         ORN_NODE(SUB_mVideoStitchHandle);
-        ORN::ArrayList<LibraryObject<typename P::VIDEO_HANDLE>> mSelf;
+        mutable ORN::ArrayList<LibraryObject<typename P::VIDEO_HANDLE>> mSelf;
+        void release(INDEX config) const { mSelf[config].reset(); }
         ORN::Set<String<char>> mConfigSet;
         explicit SUB_mVideoStitchHandle(ORN::SyntaxTree &tree) {
             const auto &handle = tree.stack<typename P::CON_mLibraryHandle>();
@@ -582,6 +607,16 @@ public:
         console.verbose("library calls : ", ORN::Duration(std::chrono::nanoseconds(clock.mNanoseconds.load())).text());
     }
 
+    // Each configuration's records still to do in a pass; done(c) is true
+    // for the record that completes the configuration's last, after which
+    // its stitcher is released.
+    struct COUNTDOWN {
+        std::vector<std::atomic<INDEX>> mLeft;
+        explicit COUNTDOWN(INDEX configs) : mLeft(static_cast<std::size_t>(configs)) {}
+        void add(INDEX config) { ++mLeft[static_cast<std::size_t>(config)]; }
+        bool done(INDEX config) { return --mLeft[static_cast<std::size_t>(config)] == 0; }
+    };
+
     // "caches/images.json": the panoramas for the later steps.
     struct ACT_mImagesJson {
         ORN_NODE(ACT_mImagesJson);
@@ -653,6 +688,9 @@ public:
                 for (const INDEX i : videos.mSelf)
                     job.build_directory(folder_of(data.mVideo[i].dst4));
                 LIBRARY_CLOCK clock;
+                COUNTDOWN left(mHandles->mSelf.size());
+                for (const INDEX i : videos.mSelf)
+                    left.add(mHandles->mConfigSet.map(data.mVideo[i].con));
                 // A video task holds a frame of each stream, their warped
                 // forms and the output frame at half a class 1 panorama.
                 const ORN::int64 frame = ORN::int64(sizes.mSelf[0].mP1 / 2) * (sizes.mSelf[0].mP2 / 2);
@@ -662,9 +700,12 @@ public:
                     const NDS_mStitchDataVideo &video = data.mVideo[i];
                     const auto me = mHandles->mSelf[mHandles->mConfigSet.map(video.con)].self().mP1;
                     ORN::console().info("processing video [", i, "] ", video.name);
-                    const String<char> src1 = job.path(video.src1), src2 = job.path(video.src2);
-                    const String<char> src3 = video.src3.empty() ? String<char>() : job.path(video.src3);
-                    const String<char> src4 = video.src4.empty() ? String<char>() : job.path(video.src4);
+                    const auto open = [&](const String<char> &name) {
+                        return name.empty() ? ORN::JobDirectory::Input() : job.open_input(name);
+                    };
+                    const auto in1 = open(video.src1), in2 = open(video.src2), in3 = open(video.src3),
+                               in4 = open(video.src4);
+                    const String<char> &src1 = in1.path(), &src2 = in2.path(), &src3 = in3.path(), &src4 = in4.path();
                     const String<char> output = job.path(video.dst4);
                     double hdr = 1.0, fov = 0.0;
                     const int result = _CALL_TRY_([&] {
@@ -676,6 +717,8 @@ public:
                     check_result(result, [&] { return library.mGetVideoStitchCode(me); });
                     mHdr[k] = hdr;
                     mFov[k] = fov;
+                    if (left.done(mHandles->mConfigSet.map(video.con)))
+                        mHandles->release(mHandles->mConfigSet.map(video.con));
                 });
             }
         }

@@ -207,7 +207,7 @@ public:
     // all into place; on any failure removes what it wrote and gives
     // CALIB_WRITE_FAILED.
     int commit() {
-        const zarn_backend::Descriptor job = zarn_backend::open_directory(mWorkingPath);
+        const zarn_backend::Descriptor job = zarn_backend::open_directory(mWorkingPath, true);
         const zarn_backend::Descriptor directory =
             job ? zarn_backend::open_directory_at(job.get(), "caches/calib_result", true) : zarn_backend::Descriptor();
         if (!directory)
@@ -486,7 +486,7 @@ int calib_main(const char *working_path, const char *target) {
     BOARD board;
     if (const int r = read_target(target, board); r != Lib::CALIB_OK)
         return r;
-    const zarn_backend::Descriptor job = zarn_backend::open_directory(working_path);
+    const zarn_backend::Descriptor job = zarn_backend::open_directory(working_path, true);
     if (!job)
         return Lib::CALIB_NO_VIEWS;
     LENS_RESULT up, down;

@@ -224,7 +224,9 @@ private:
     std::shared_ptr<const zarn_stereo::MULTI_MAPS> maps_locked(int width, int height) const {
         auto &slot = mMaps[{width, height}];
         if (!slot)
-            slot = std::make_shared<const zarn_stereo::MULTI_MAPS>(zarn_stereo::build_multi_maps(mLenses, width, height));
+            slot = zarn_stitch::shared_tables<zarn_stereo::MULTI_MAPS>(
+                zarn_stitch::table_key(mLenses, width, height),
+                [&] { return zarn_stereo::build_multi_maps(mLenses, width, height); });
         return slot;
     }
     std::shared_ptr<const zarn_stereo::MULTI_MAPS> maps(int width, int height) const {

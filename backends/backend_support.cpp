@@ -174,9 +174,9 @@ bool components(std::string_view relative, std::vector<std::string> &out) {
 
 } // namespace
 
-Descriptor open_directory(const std::filesystem::path &path) {
+Descriptor open_directory(const std::filesystem::path &path, bool follow) {
     const std::string name = path.empty() ? std::string(".") : path.string();
-    return Descriptor(::open(name.c_str(), DIRECTORY_FLAGS));
+    return Descriptor(::open(name.c_str(), follow ? DIRECTORY_FLAGS & ~O_NOFOLLOW : DIRECTORY_FLAGS));
 }
 
 Descriptor open_directory_at(int base, std::string_view relative, bool make) {

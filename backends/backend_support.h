@@ -78,8 +78,10 @@ private:
 };
 
 // The directory `path` as handed: its last component must be a real
-// directory, not a link (the components before it are the caller's choice).
-Descriptor open_directory(const std::filesystem::path &path);
+// directory, not a link (the components before it are the caller's
+// choice). The working directory of a job is opened with `follow`: the job
+// itself may be reached through a link, which its caller chose.
+Descriptor open_directory(const std::filesystem::path &path, bool follow = false);
 // The directory `relative` below `base`: components separated by '/', none
 // empty, "." or ".."; each opened with O_NOFOLLOW. With `make`, missing
 // ones are made. An empty `relative` is `base` itself.

@@ -419,7 +419,7 @@ std::string png(const cv::Mat &image) {
 }
 
 int reconstruct(const std::string &type, const fs::path &work) {
-    const zarn_backend::Descriptor job = zarn_backend::open_directory(work);
+    const zarn_backend::Descriptor job = zarn_backend::open_directory(work, true);
     if (!job)
         return VELDA_NO_WORKING_DIRECTORY;
     const std::vector<std::string> files = list_images(job.get());

@@ -289,7 +289,8 @@ void Stitcher::accumulate_ratio(const cv::Mat &normal, const cv::Mat &dim, const
 std::shared_ptr<const PanoramaMaps> Stitcher::maps_locked(int width, int height) const {
     auto &slot = mMaps[{width, height}];
     if (!slot)
-        slot = std::make_shared<const PanoramaMaps>(build_maps(mUpper, mLower, width, height));
+        slot = shared_tables<PanoramaMaps>(table_key(mUpper, mLower, width, height),
+                                           [&] { return build_maps(mUpper, mLower, width, height); });
     return slot;
 }
 

@@ -23,6 +23,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -67,12 +68,48 @@ int read_capture(const char *path, const LENS_TABLE &lens, CAPTURE &out);
 // a single exposure is returned as it is.
 cv::Mat fuse(const std::vector<cv::Mat> &exposures);
 
+// --- Remap tables shared across objects.
+
+// The bytes of the values, one after the other: a key of the tables made
+// from them.
+template <class... T>
+std::string table_key(const T &...values) {
+    static_assert((std::is_trivially_copyable_v<T> && ...));
+    std::string key;
+    (key.append(reinterpret_cast<const char *>(&values), sizeof(values)), ...);
+    return key;
+}
+template <class T>
+std::string table_key(const std::vector<T> &values, int width, int height) {
+    static_assert(std::is_trivially_copyable_v<T>);
+    std::string key(reinterpret_cast<const char *>(values.data()), values.size() * sizeof(T));
+    return key + table_key(width, height);
+}
+
+// The tables of `key`, shared by every object of the library that asks for
+// the same key (the same lens tables and panorama size): made by `build`
+// when no object holds them, and gone with the last object that does.
+template <class MAPS, class BUILD>
+std::shared_ptr<const MAPS> shared_tables(const std::string &key, BUILD &&build) {
+    static std::mutex mutex;
+    static std::map<std::string, std::weak_ptr<const MAPS>> tables;
+    const std::lock_guard lock(mutex);
+    for (auto i = tables.begin(); i != tables.end();) // forget the tables that went
+        i = i->second.expired() ? tables.erase(i) : std::next(i);
+    if (auto held = tables[key].lock())
+        return held;
+    auto made = std::make_shared<const MAPS>(build());
+    tables[key] = made;
+    return made;
+}
+
 // --- The two-lens stitcher (upper and lower lens), as an image and a video
 // object of libStitch.so are one, and the video object of the stereo
 // library with its lenses at the head's first position.
 //
 // It holds the two lens tables, the panorama size of its init and the remap
-// tables of every panorama size it has stitched (stitch_maps.h); tables are
+// tables of every panorama size it has stitched (stitch_maps.h), shared with
+// every other object of the same lens tables (shared_tables); tables are
 // made on first use of a size and kept, under a mutex, so that executes may
 // run on several threads at once. Everything else an execute touches is its
 // own, and the last result is an atomic.

@@ -257,6 +257,9 @@ TEST(BackendFiles, TheReconstructionReadsNoImageThroughALinkAndWritesOnlyInTheJo
     fs::create_symlink(canary.file(), planted / "caches/vision.json.part");
     fs::create_symlink(canary.file(), planted / "caches/floorplan.json");
     ASSERT_EQ(reconstruct(planted), 0);
+    // The job itself may be reached through a link: its caller chose it.
+    fs::create_directory_symlink(planted, dir.path() / "chosen");
+    EXPECT_EQ(reconstruct(dir.path() / "chosen"), 0);
     EXPECT_FALSE(is_link(planted / "caches/floorplan.json"));
     EXPECT_TRUE(starts_with(read_file(planted / "caches/vision.json"), "{"));
     EXPECT_TRUE(canary.intact());

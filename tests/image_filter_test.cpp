@@ -95,6 +95,37 @@ TEST_F(ImageFilter, BlursTheListedRegionsWritesPreviewsAndPublishes) {
         EXPECT_EQ(inode_of(job / "results/images" / file), inode_of(job / "extras/images" / file)) << file;
 }
 
+// A record whose panorama and regions are unchanged keeps its filtered
+// image; a changed record or panorama is filtered again, and --force redoes all.
+TEST_F(ImageFilter, UpToDateImagesAreKeptUnlessForced) {
+    const fs::path job = make_job("job", 2);
+    const auto regions = [&](const std::string &first) {
+        write_file(job / "extras/image-ROI.json", "{\"images\":[" + record("p0", first) + "," +
+                                                       record("p1", R"({"x":0,"y":0,"w":64,"h":32})") + "]}");
+    };
+    regions(R"({"x":100,"y":60,"w":80,"h":50})");
+    ASSERT_EQ(filter(job).status, 0);
+    const auto first = tree(job / "results/images");
+    fs::remove(trace());
+    auto r = filter(job);
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_EQ(executes(), 0u);
+    EXPECT_FALSE(contains(r.output, "initializing filter")) << r.output;
+    EXPECT_TRUE(contains(r.output, "\nimage filter : 2 of 2 images up to date\n")) << r.output;
+    EXPECT_EQ(tree(job / "results/images"), first);
+
+    regions(R"({"x":100,"y":60,"w":80,"h":51})");
+    r = filter(job);
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_EQ(executes(), 1u);
+    EXPECT_TRUE(contains(r.output, "\nprocessing image [0] p0\n")) << r.output;
+    EXPECT_EQ(inode_of(job / "results/images/p1.jpg"), first.at("p1.jpg"));
+
+    fs::remove(trace());
+    ASSERT_EQ(filter(job, "ZARN_FORCE=1").status, 0);
+    EXPECT_EQ(executes(), 2u);
+}
+
 TEST_F(ImageFilter, ABrokenRegionFileStopsBeforeAnythingIsWritten) {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {R"({"image":[]})", "region file without an \"images\" array : "},

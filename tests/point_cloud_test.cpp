@@ -199,6 +199,20 @@ TEST(PointCloud, DegenerateCloudsAreSearchedAndMergedInNearLinearTime) {
                           return std::to_string(merged.mCloud.size());
                       }),
               std::to_string(N + 2));
+    // 2000 copies of one chunk of 1000 points: each later copy goes whole,
+    // without comparing each chunk with every earlier one.
+    EXPECT_EQ(bounded(30, 1024,
+                      [] {
+                          ORN::Array<CLOUD> chunks;
+                          for (int c = 0; c < 2000; ++c) {
+                              chunks.append(grid_and_far_point(999, static_cast<std::uint16_t>(c)));
+                              chunks.back().mPosition[3 * 999 + 2] = float(c); // one point of its own
+                          }
+                          ORN::WorkThread workers(2);
+                          const auto merged = ZARN::PointCloudProc::merge_chunks(chunks, 0.001, workers);
+                          return std::to_string(merged.mCloud.size());
+                      }),
+              std::to_string(999 + 2000));
 }
 
 TEST(Surface, PointsAtOnePlaceAreRefusedBeforeTheSolver) {
@@ -327,6 +341,18 @@ TEST(PointCloud, FloorsFromSlabsAndTheNearestRangeRule) {
     // Outside every range: the nearest floor.
     EXPECT_EQ(ZARN::PointCloudProc::floor_of(floors, -3.0), 0);
     EXPECT_EQ(ZARN::PointCloudProc::floor_of(floors, 40.0), 1);
+    // A point far above, facing up, is one bin of its own: the same floors
+    // (the last one reaching up to it), in bounded memory.
+    CLOUD far = c;
+    far.resize(401);
+    far.mPosition[3 * 400 + 2] = 1e30f;
+    far.mNormal[3 * 400 + 2] = 1;
+    EXPECT_EQ(bounded(30, 256,
+                      [&far] {
+                          const auto found = ZARN::PointCloudProc::find_floors(far);
+                          return std::to_string(found.size()) + " " + std::to_string(found[0].mMax);
+                      }),
+              "2 " + std::to_string(floors[0].mMax));
     // No slab facing up: no floor.
     for (INDEX i = 0; i < 400; ++i)
         c.mNormal[3 * i + 2] = -1;

@@ -9,6 +9,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 
 #include <cmath>
 #include <cstring>
@@ -281,6 +282,37 @@ TEST(StitchLibrary, VideoFramesHdrValueAndFieldOfView) {
               Lib::KIVO_OK);
     EXPECT_NEAR(fov, 160.0, 1.0);
     api().mDestroyVideo(narrow_video);
+}
+
+// Sixteen stitchers of the same lens tables at 4096 x 2048 hold one set of
+// remap tables between them: they fit, in a child, in an address space that
+// has room for a few sets only.
+TEST(StitchLibrary, StitchersOfTheSameTablesAndSizeShareTheirRemapTables) {
+    const std::string up = at("caches/table_Up.bin"), down = at("caches/table_Down.bin");
+    api(); // the library is loaded before the limit
+    const pid_t child = ::fork();
+    if (child == 0) {
+        std::ifstream status("/proc/self/status");
+        long long size = 0;
+        for (std::string line; std::getline(status, line);)
+            if (line.rfind("VmSize:", 0) == 0)
+                size = std::stoll(line.substr(7)) * 1024;
+        const rlimit limit{rlim_t(size + (400 << 20)), rlim_t(size + (400 << 20))};
+        ::setrlimit(RLIMIT_AS, &limit);
+        std::vector<Lib::IMAGE_HANDLE> handles;
+        int failed = 0;
+        for (int i = 0; i < 16; ++i) {
+            handles.push_back(api().mCreate());
+            failed += api().mInit(handles.back(), up.c_str(), down.c_str(), 4096, 2048, 512, 256, 8) != Lib::KIVO_OK;
+        }
+        for (const auto handle : handles)
+            api().mDestroy(handle);
+        ::_exit(failed);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "stitchers whose init failed";
 }
 
 TEST(StitchLibrary, ThreadsOnOneObjectWriteWhatOneThreadWrites) {

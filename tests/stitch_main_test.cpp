@@ -2,9 +2,12 @@
 // stitching library over synthetic captures made by zarn_capture.
 #include "support.h"
 
+#include <regex>
 #include <rapidjson/document.h>
 
 #include <opencv2/imgcodecs.hpp>
+
+#include <sched.h>
 
 #include <algorithm>
 
@@ -96,7 +99,11 @@ TEST_F(StitchMain, StitchesPanoramasAndVideosWritesItsFilesAndPublishesTheVideos
     EXPECT_TRUE(contains(calls(t, "KIVO_InitOptFlowStitchHandle")[0], "\"1024\" \"512\" \"128\" \"64\" \"8\"")) << t;
     EXPECT_EQ(calls(t, "KIVO_ExecuteOptFlowStitchHandle").size(), 1u) << t;
     ASSERT_EQ(calls(t, "KIVO_ExecuteOptFlowStitchHDRHandle").size(), 1u) << t;
-    EXPECT_TRUE(contains(calls(t, "KIVO_ExecuteOptFlowStitchHDRHandle")[0], "point_001_down_3.jpg")) << t;
+    // Every input reaches the library as the file the process opened and checked.
+    const std::string bracketed = calls(t, "KIVO_ExecuteOptFlowStitchHDRHandle")[0];
+    const std::regex opened("\"/proc/self/fd/[0-9]+\"");
+    EXPECT_EQ(std::distance(std::sregex_iterator(bracketed.begin(), bracketed.end(), opened), std::sregex_iterator()), 8)
+        << t;
     EXPECT_TRUE(contains(calls(t, "KIVO_InitVideoStitchHandle")[0], "\"512\" \"256\" \"8\"")) << t;
     // Every object made is destroyed once.
     EXPECT_EQ(calls(t, "KIVO_DestroyOptFlowStitchHandle").size(), calls(t, "KIVO_CreateOptFlowStitchHandle").size());
@@ -141,7 +148,13 @@ TEST_F(StitchMain, OutputsAreTheSameWithOneWorkerOrTwo) {
 // A huge mThreadConcurrency on one core: one worker, and the log says why.
 TEST_F(StitchMain, TheWorkersAreBoundedByTheCores) {
     const fs::path job = make_job("job", 100000);
-    const auto r = stitch(job, "taskset -c 0");
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    ASSERT_EQ(sched_getaffinity(0, sizeof(set), &set), 0);
+    int first = 0;
+    while (!CPU_ISSET(first, &set))
+        ++first;
+    const auto r = stitch(job, "taskset -c " + std::to_string(first));
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_TRUE(contains(r.output, "\nasync processing 2 on 1 threads (bounded by the cores : mThreadConcurrency "
                                    "100000, 2 tasks, 1 cores (affinity), memory for "))
@@ -284,6 +297,72 @@ TEST_F(StitchMain, PlanOutputsAreConfinedToTheProcesssFolders) {
     EXPECT_EQ(read_file(job / "results/calib/up.jpg"), "calibration");
     EXPECT_EQ(read_file(job / "results/videos/kept.avi"), "video");
     EXPECT_FALSE(fs::exists(job / "caches/mesh"));
+}
+
+// Each configuration's stitcher goes with its last record; a plan asking
+// for more configurations than the limit stops before any library call.
+TEST_F(StitchMain, ConfigurationsAreReleasedWithTheirLastRecordAndBounded) {
+    const fs::path job = make_job("job", 1);
+    const auto records = [](int n, int configs) {
+        std::string text;
+        for (int i = 0; i < n; ++i)
+            text += std::string(i ? "," : "") + R"({"dst1":"caches/images/p)" + std::to_string(i) + R"(.jpg","name":"p)" +
+                    std::to_string(i) + R"(","raw1":"captures/point_000_up.jpg","raw2":"captures/point_000_down.jpg",)" +
+                    R"("config":"c)" + std::to_string(i * configs / n) + R"(","hdr":0,"resolution":1,"is_main":1})";
+        return R"({"stitch_main_param":{"image_file":[)" + text + "]}}";
+    };
+    write_file(job / "caches/stitch_data.json", records(3, 2)); // c0, c0, c1
+    const auto r = stitch(job);
+    ASSERT_EQ(r.status, 0) << r.output;
+    std::vector<std::string> order;
+    for (const auto &line : lines_of(traced()))
+        if (starts_with(line, "KIVO_ExecuteOptFlowStitchHandle ") || starts_with(line, "KIVO_DestroyOptFlowStitchHandle "))
+            order.push_back(line.substr(5, 7));
+    EXPECT_EQ(order, (std::vector<std::string>{"Execute", "Execute", "Destroy", "Execute", "Destroy"})) << traced();
+
+    write_file(job / "caches/stitch_data.json", records(17, 17));
+    fs::remove(trace());
+    const auto b = stitch(job);
+    EXPECT_EQ(b.status, 1) << b.output;
+    EXPECT_TRUE(contains(b.output, "\nstitch plan beyond its limits : 17 images (at most 10000), 0 videos (at most "
+                                   "1000), 17 image and 0 video configurations (at most 16 each)\n"))
+        << b.output;
+    EXPECT_EQ(traced(), "");
+}
+
+// A panorama whose captures, lens tables and size are unchanged is kept; a
+// changed capture makes its panorama again, and --force all of them.
+TEST_F(StitchMain, UpToDatePanoramasAreKeptUnlessForced) {
+    const fs::path job = make_job("job", 2, "draft", "--points 2 --videos 0");
+    write_file(job / "caches/split_data.json", R"({"StitchMainProcess":{"video_stitch":false}})");
+    ASSERT_EQ(stitch(job).status, 0);
+    const auto point0 = inode_of(job / "caches/images/point_000.jpg");
+    const auto point1 = inode_of(job / "caches/images/point_001.jpg");
+    fs::remove(trace());
+    auto r = stitch(job);
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_TRUE(calls(traced(), "KIVO_CreateOptFlowStitchHandle").empty()) << traced();
+    EXPECT_TRUE(contains(r.output, "\nimage stitch : 2 of 2 panoramas up to date\n")) << r.output;
+    EXPECT_EQ(inode_of(job / "caches/images/point_000.jpg"), point0);
+
+    // A capture of the plain point replaced: that panorama only.
+    const auto plan = parse_json(job / "caches/stitch_data.json");
+    const std::string raw1 = plan["stitch_main_param"]["image_file"][0]["raw1"].GetString();
+    const std::string bytes = read_file(job / raw1);
+    fs::remove(job / raw1);
+    write_file(job / raw1, bytes);
+    fs::last_write_time(job / raw1, fs::file_time_type::clock::now() + std::chrono::seconds(5));
+    r = stitch(job);
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_TRUE(contains(r.output, "\nimage stitch : 1 of 2 panoramas up to date\n")) << r.output;
+    EXPECT_NE(inode_of(job / "caches/images/point_000.jpg"), point0);
+    EXPECT_EQ(inode_of(job / "caches/images/point_001.jpg"), point1);
+
+    fs::remove(trace());
+    ASSERT_EQ(stitch(job, "ZARN_FORCE=1").status, 0);
+    EXPECT_EQ(calls(traced(), "KIVO_ExecuteOptFlowStitchHandle").size() +
+                  calls(traced(), "KIVO_ExecuteOptFlowStitchHDRHandle").size(),
+              2u);
 }
 
 TEST_F(StitchMain, ResolutionOutsideOneToThreeStopsBeforeAnyLibraryCall) {
