@@ -299,17 +299,17 @@ void CLOUD::resize(INDEX n) {
     mChunk.resize(n);
 }
 
-CLOUD read_chunk(const ORN::String<char> &path, std::uint16_t chunk) {
+CLOUD read_chunk(const ORN::String<char> &path, std::uint16_t chunk, const ORN::String<char> &name) {
     const PlyReader ply(path);
     const INDEX vertex = ply.find_element("vertex");
     if (vertex == ORN::VAR_NONE)
-        ORN::console().error("PLY without positions : ", path);
+        ORN::console().error("PLY without positions : ", name);
     _DYNAMIC_ASSERT_(vertex != ORN::VAR_NONE);
     const INDEX x = ply.find_property(vertex, "x");
     const INDEX y = ply.find_property(vertex, "y");
     const INDEX z = ply.find_property(vertex, "z");
     if (x == ORN::VAR_NONE || y == ORN::VAR_NONE || z == ORN::VAR_NONE)
-        ORN::console().error("PLY without positions : ", path);
+        ORN::console().error("PLY without positions : ", name);
     _DYNAMIC_ASSERT_(x != ORN::VAR_NONE && y != ORN::VAR_NONE && z != ORN::VAR_NONE);
     const INDEX normal[3] = {ply.find_property(vertex, "nx"), ply.find_property(vertex, "ny"),
                              ply.find_property(vertex, "nz")};
@@ -334,7 +334,7 @@ CLOUD read_chunk(const ORN::String<char> &path, std::uint16_t chunk) {
             // (merging, searches, surfaces) measures distances between them.
             const bool r1x = std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]);
             if (!r1x)
-                ORN::console().error("PLY position not finite : ", path, " : vertex ", i);
+                ORN::console().error("PLY position not finite : ", name, " : vertex ", i);
             _DYNAMIC_ASSERT_(r1x);
         }
     }

@@ -36,7 +36,10 @@ struct CLOUD {
 // (float or double), and where present "nx", "ny", "nz" and "red", "green",
 // "blue" (uchar). Points without colours are grey. A file without the
 // vertex element or its positions is refused ("PLY without positions").
-CLOUD read_chunk(const ORN::String<char> &path, std::uint16_t chunk);
+// `name` tells the file in messages when `path` is not its name in the job
+// (an open file handed on as "/proc/self/fd/N").
+CLOUD read_chunk(const ORN::String<char> &path, std::uint16_t chunk, const ORN::String<char> &name);
+inline CLOUD read_chunk(const ORN::String<char> &path, std::uint16_t chunk) { return read_chunk(path, chunk, path); }
 
 // The chunks concatenated in order, where a point lying within `radius` of
 // a point of an earlier chunk is a copy of it and is left out. Points of

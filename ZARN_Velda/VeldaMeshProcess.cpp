@@ -232,6 +232,15 @@ public:
 
     static constexpr std::array<std::string_view, 2> WORKING_DIRECTORIES = {"caches/mesh", "results/mesh"};
 
+    // The workers of a data-parallel step over `tasks` pieces: no more than
+    // the setting asks, the pieces and the cores available.
+    template <class SETTINGS>
+    static INDEX mesh_workers(const SETTINGS &setting, INDEX tasks) {
+        const ORN::WORKER_PLAN plan = ORN::WorkThread::plan(setting.mThreadConcurrency, std::max<INDEX>(tasks, 1), 0);
+        ORN::console().debug(plan.mReason);
+        return plan.mWorkers;
+    }
+
     // The run's parameters from the process's member of the split data, and
     // the settings this process bounds. Every key is optional; a key that is
     // present must hold a value of its type and range, and a key the process
@@ -469,9 +478,12 @@ public:
                 ORN::Array<CLOUD> chunk(n);
                 {
                     auto progress = console.progress("loading chunks : ", n);
-                    ORN::WorkThread workers(std::clamp<INDEX>(setting.mThreadConcurrency, 1, n));
+                    ORN::WorkThread workers(mesh_workers(setting, n));
                     workers.parallel_for(n, [&](INDEX i) {
-                        chunk[i] = PointCloudProc::read_chunk(job.path(listing.mChunk[i].mFile), static_cast<std::uint16_t>(i));
+                        // Read as the file that was checked, whatever the name holds by now.
+                        const ORN::JobDirectory::Input input = job.open_input(listing.mChunk[i].mFile);
+                        chunk[i] = PointCloudProc::read_chunk(input.path(), static_cast<std::uint16_t>(i),
+                                                              job.path(listing.mChunk[i].mFile));
                         progress.advance();
                     });
                     progress.finish();
@@ -479,7 +491,7 @@ public:
                 for (const CLOUD &c : chunk)
                     mPointsIn += c.size();
                 console.info("points loaded : ", mPointsIn, " in ", start.elapsed().text());
-                ORN::WorkThread workers(std::max<INDEX>(setting.mThreadConcurrency, 1));
+                ORN::WorkThread workers(mesh_workers(setting, setting.mThreadConcurrency));
                 mSelf = PointCloudProc::merge_chunks(chunk, parameter.mMergeRadius, workers);
                 console.info("duplicates removed : ", mSelf.mDuplicateHeight.size());
                 const bool r2x = mSelf.mCloud.size() > setting.mPointCloudSearchCount;
@@ -521,7 +533,7 @@ public:
             const auto &setting = tree.stack<CON_mSetting>();
             tree.once([this, &merged, &kd, &parameter, &setting] {
                 const CLOUD &cloud = merged.mSelf.mCloud;
-                ORN::WorkThread workers(std::max<INDEX>(setting.mThreadConcurrency, 1));
+                ORN::WorkThread workers(mesh_workers(setting, setting.mThreadConcurrency));
                 const ORN::Array<float> distance =
                     PointCloudProc::neighbour_distance(kd.mSelf, cloud, setting.mPointCloudSearchCount, workers);
                 mSelf = PointCloudProc::find_outliers(distance, parameter.mOutlierRatio);
@@ -567,7 +579,7 @@ public:
                     for (int a = 0; a < 3 && count[c] > 0; ++a)
                         eye[c][a] /= double(count[c]);
                 const ORN::TimePoint start = ORN::TimePoint::now();
-                ORN::WorkThread workers(std::max<INDEX>(setting.mThreadConcurrency, 1));
+                ORN::WorkThread workers(mesh_workers(setting, setting.mThreadConcurrency));
                 mEstimated = PointCloudProc::estimate_normals(kd.mSelf, cloud, outlier.mSelf.mOutlier, mSelf, row,
                                                               setting.mPointCloudSearchCount, eye, workers);
                 ORN::console().info("normals estimated : ", mEstimated, " in ", start.elapsed().text());
@@ -702,8 +714,7 @@ public:
             const auto &setting = tree.stack<CON_mSetting>();
             tree.once([this, &final_cloud, &group, &kd, &outlier, &room, &parameter, &setting] {
                 auto &console = ORN::console();
-                const INDEX threads = std::clamp<INDEX>(setting.mThreadConcurrency, 1, 1024);
-                ORN::WorkThread workers(threads);
+                ORN::WorkThread workers(mesh_workers(setting, setting.mThreadConcurrency));
                 // Supported surface: within a few point spacings of a point.
                 const double reach = 3 * outlier.mSelf.mSpacing;
                 for (INDEX f = 0; f < group.mFloor.size(); ++f) {
@@ -714,6 +725,8 @@ public:
                         other[i] = group.mSelf[i] != f;
                     const CLOUD points = PointCloudProc::remove_points(final_cloud.mSelf, other);
                     const ORN::TimePoint start = ORN::TimePoint::now();
+                    console.info("surface reconstruction : floor ", f + 1, " of ", group.mFloor.size(), " (",
+                                 r.mFloor.mName, ", ", points.size(), " points)");
                     r.mDepth = SurfaceProc::surface_depth(points, outlier.mSelf.mSpacing);
                     // One solver thread: the same surface on every run.
                     const MESH surface = SurfaceProc::reconstruct(points, r.mDepth, 1);

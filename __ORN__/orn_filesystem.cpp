@@ -159,6 +159,14 @@ void FileSystemProc::build_directory(const String<char> &path) {
     }
 }
 
+Array<String<char>> JobDirectory::list_files(std::string_view relative) const {
+    Array<String<char>> r1x;
+    for (LISTED &entry : list_entries(relative))
+        if (entry.mKind == KIND::FILE)
+            r1x.append(std::move(entry.mName));
+    return r1x;
+}
+
 // ---------------------------------------------------------------------------
 // Publication of a set of results.
 
@@ -776,26 +784,6 @@ Array<JobDirectory::LISTED> JobDirectory::list_entries(std::string_view relative
     }
     ::closedir(stream);
     std::sort(r1x.begin(), r1x.end(), [](const LISTED &a, const LISTED &b) { return a.mName < b.mName; });
-    return r1x;
-}
-
-Array<String<char>> JobDirectory::list_files(std::string_view relative) const {
-    Array<String<char>> r1x;
-    Deque<String<char>> parts;
-    if (!job_components(relative, parts))
-        return r1x;
-    WALK r2x = walk_job(mRoot, parts, parts.size(), false);
-    DIR *stream = r2x.ok() ? ::fdopendir(r2x.mFd.get()) : nullptr;
-    if (stream == nullptr)
-        return r1x;
-    r2x.mFd.release(); // now owned by the stream
-    while (const dirent *entry = ::readdir(stream)) {
-        struct stat st;
-        if (::fstatat(::dirfd(stream), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode))
-            r1x.append(entry->d_name);
-    }
-    ::closedir(stream);
-    std::sort(r1x.begin(), r1x.end());
     return r1x;
 }
 

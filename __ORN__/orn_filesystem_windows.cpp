@@ -835,29 +835,6 @@ Array<JobDirectory::LISTED> JobDirectory::list_entries(std::string_view relative
     return r1x;
 }
 
-Array<String<char>> JobDirectory::list_files(std::string_view relative) const {
-    Array<String<char>> r1x;
-    Deque<String<char>> parts;
-    if (!job_components(relative, parts))
-        return r1x;
-    const WALK r2x = walk_job(mRoot, parts, parts.size(), false);
-    if (!r2x.ok())
-        return r1x;
-    WIN32_FIND_DATAA found;
-    const HANDLE search = ::FindFirstFileExA(FileSystemProc::join_path(r2x.mFailed, "*").c_str(), FindExInfoBasic,
-                                             &found, FindExSearchNameMatch, nullptr, 0);
-    if (search == INVALID_HANDLE_VALUE)
-        return r1x;
-    do {
-        constexpr DWORD skipped = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DEVICE;
-        if ((found.dwFileAttributes & skipped) == 0)
-            r1x.append(found.cFileName);
-    } while (::FindNextFileA(search, &found));
-    ::FindClose(search);
-    std::sort(r1x.begin(), r1x.end());
-    return r1x;
-}
-
 void JobDirectory::erase_file(std::string_view relative) const {
     const ENTRY r1x = job_entry(mRoot, relative, false);
     int error = 0;

@@ -94,6 +94,32 @@ exit status: 0 all done, 1 a process failed, 2 usage error, 128 + N
              stopped by signal N
 )";
 
+// Why the console log cannot be written in `directory` ("<path> : <reason>"),
+// or nothing: the folder must be (or become) a directory, "console.log" in
+// it, when present, a regular file open for appending, and a new file must
+// be possible beside it. Nothing of the folder's logs is changed.
+std::string log_problem(const std::string &directory) {
+    namespace fs = std::filesystem;
+    std::error_code error;
+    fs::create_directories(directory, error);
+    if (error || !fs::is_directory(directory))
+        return directory + " : " + (error ? error.message() : std::string("not a directory"));
+    const std::string file = (fs::path(directory) / "console.log").string();
+    if (fs::exists(fs::symlink_status(file))) {
+        const int fd = ::open(file.c_str(), O_WRONLY | O_APPEND | O_NONBLOCK | O_CLOEXEC);
+        if (fd < 0)
+            return file + " : " + std::strerror(errno);
+        ::close(fd);
+    }
+    const std::string probe = (fs::path(directory) / (".console.log.probe-" + std::to_string(::getpid()))).string();
+    const int fd = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0)
+        return file + " : " + std::strerror(errno);
+    ::close(fd);
+    ::unlink(probe.c_str());
+    return std::string();
+}
+
 constexpr int EXIT_DONE = 0;
 constexpr int EXIT_FAILED = 1;
 constexpr int EXIT_USAGE = 2;
@@ -577,8 +603,11 @@ int run(const Options &o) {
     if (!o.verbose)
         console.set_screen_level(ORN::ConsoleLevel::Info);
     if (!log.empty()) {
-        // The console has said what is wrong with the file (one line for
-        // each failing operation); the launcher only adds that it stops.
+        // What stands in the way is told in one line before the console
+        // touches the folder (and rotates the old logs); a failure that
+        // only shows while attaching is told by the file layer, then here.
+        if (const std::string problem = log_problem(log); !problem.empty())
+            throw UsageError{"cannot write the log " + problem};
         try {
             console.attach_log(log);
         } catch (const ORN::Exception &) {
