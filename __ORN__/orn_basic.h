@@ -47,9 +47,29 @@ namespace Private {
 [[noreturn]] void raise_assertion(const char *condition, const char *function, const char *file, long line);
 } // namespace Private
 
-// Narrow text; paths, setting values and JSON scalars are held in it.
+// Narrow text; paths, setting values and JSON scalars are held in it. A thin
+// face over std::basic_string: every member of the standard string is its
+// own, and the two convert into each other implicitly in both directions, so
+// a standard string can be passed wherever a String is taken. A view
+// converts explicitly, as it does to the standard string. Being a class of
+// its own (not an alias), it keeps its name and qualifiers in the function
+// signatures that assertion texts quote.
 template <class CHAR>
-using String = std::basic_string<CHAR>;
+class String : public std::basic_string<CHAR> {
+public:
+    using Base = std::basic_string<CHAR>;
+    using Base::Base;
+    using Base::operator=;
+
+    String() = default;
+    String(const Base &other) : Base(other) {}
+    String(Base &&other) noexcept : Base(std::move(other)) {}
+
+    // A part of a String is a String.
+    String substr(typename Base::size_type pos = 0, typename Base::size_type count = Base::npos) const {
+        return Base::substr(pos, count);
+    }
+};
 
 // A character as the unsigned byte the text readers compare against.
 constexpr unsigned char STRU8(char c) noexcept { return static_cast<unsigned char>(c); }
@@ -86,6 +106,11 @@ decltype(auto) call_try(F &&f, const char *function, const char *file, long line
     raise_assertion("false", function, file, line);
 }
 } // namespace ORN::Private
+
+// A String hashes as the standard string it is, so that it keys unordered
+// containers the same way.
+template <class CHAR>
+struct std::hash<ORN::String<CHAR>> : std::hash<std::basic_string<CHAR>> {};
 
 namespace ORN {
 

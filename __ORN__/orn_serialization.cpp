@@ -717,7 +717,7 @@ String<char> JsonParser::value() const {
 String<char> JsonParser::value(std::string_view fallback) const {
     return string_type() ? String<char>(view()) : String<char>(fallback);
 }
-String<char> JsonParser::value(const String<char> &fallback) const { return value(std::string_view(fallback)); }
+String<char> JsonParser::value(const std::string &fallback) const { return value(std::string_view(fallback)); }
 String<char> JsonParser::value(const char *fallback) const { return value(std::string_view(fallback)); }
 
 template <class T>
@@ -969,7 +969,7 @@ String<char> XmlParser::value(std::string_view fallback) const {
     const String<char> *v = single_value();
     return v ? *v : String<char>(fallback);
 }
-String<char> XmlParser::value(const String<char> &fallback) const { return value(std::string_view(fallback)); }
+String<char> XmlParser::value(const std::string &fallback) const { return value(std::string_view(fallback)); }
 String<char> XmlParser::value(const char *fallback) const { return value(std::string_view(fallback)); }
 
 template <class T>

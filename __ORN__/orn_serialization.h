@@ -111,7 +111,8 @@ public:
     JsonParser() noexcept = default;
     // Parses the whole text at once (the text is copied).
     explicit JsonParser(std::string_view text);
-    explicit JsonParser(const String<char> &text) : JsonParser(std::string_view(text)) {}
+    // Any standard string, a String among them.
+    explicit JsonParser(const std::string &text) : JsonParser(std::string_view(text)) {}
     explicit JsonParser(const char *text) : JsonParser(std::string_view(text)) {}
     explicit JsonParser(const Buffer<unsigned char> &text) : JsonParser(text.text()) {}
     // The same for the content of a file: text that is no JSON is told as
@@ -144,7 +145,7 @@ public:
     // give the default, as does a value out of the type's range); floating
     // point takes any number text; booleans take "true", "TRUE", "false" and
     // "FALSE". A text read takes any scalar's text.
-    String<char> value(const String<char> &fallback) const;
+    String<char> value(const std::string &fallback) const;
     String<char> value(std::string_view fallback) const;
     String<char> value(const char *fallback) const;
     template <class T>
@@ -278,7 +279,8 @@ public:
     // "result.status == pugi::status_ok". An empty or blank-only text yields
     // a parser that designates nothing.
     explicit XmlParser(std::string_view text);
-    explicit XmlParser(const String<char> &text) : XmlParser(std::string_view(text)) {}
+    // Any standard string, a String among them.
+    explicit XmlParser(const std::string &text) : XmlParser(std::string_view(text)) {}
     explicit XmlParser(const char *text) : XmlParser(std::string_view(text)) {}
     explicit XmlParser(const Buffer<unsigned char> &text) : XmlParser(text.text()) {}
     // Joins several documents in slot order: slots that designate nothing
@@ -303,7 +305,7 @@ public:
     // the text are ignored), or the default when the element is absent,
     // breaks the value rule, or the text does not convert. Conversions are
     // those of JsonParser's typed reads.
-    String<char> value(const String<char> &fallback) const;
+    String<char> value(const std::string &fallback) const;
     String<char> value(std::string_view fallback) const;
     String<char> value(const char *fallback) const;
     template <class T>

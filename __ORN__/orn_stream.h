@@ -108,7 +108,7 @@ public:
         return *this;
     }
     TextWriter &operator<<(const char *text) { return *this << std::string_view(text); }
-    TextWriter &operator<<(const String<char> &text) { return *this << std::string_view(text); }
+    TextWriter &operator<<(const std::string &text) { return *this << std::string_view(text); }
     TextWriter &operator<<(char c) {
         mText.push_back(c);
         return *this;

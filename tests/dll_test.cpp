@@ -84,6 +84,36 @@ TEST(DLL, LinkBeforeOpenAndUnsetWrapperFail) {
         EXPECT_TRUE(starts_with(t, "dynamic_assert failed : mThis.exist () : at ")) << t;
 }
 
+// The functions quoted in the assertion texts take the path and the name by
+// constant reference, and the texts say so.
+TEST(DLL, AssertionTextsQuoteTheConstantReferenceSignatures) {
+    const std::string at = " in ZARN_Common/DLL_linux.cpp ,";
+    TempDir dir;
+    ZARN::DLL dll;
+    std::string text;
+    capture_stdout([&] { text = failure_of([&] { dll.open(dir / "libzarn_absent.so"); }); });
+    EXPECT_TRUE(starts_with(text, "dynamic_assert failed : false : at "
+                                  "ZARN::DLL::Private::Implement::open(const ORN::String<char>&)::<lambda(void*&)>" + at))
+        << text;
+    text = failure_of([&] { dll.link("fixture_answer"); });
+    EXPECT_TRUE(starts_with(text, "dynamic_assert failed : mDLLHandle.exist () : at "
+                                  "virtual void* ZARN::DLL::Private::Implement::link(const ORN::String<char>&)" + at))
+        << text;
+    dll.open(FIXTURES + "/libzarn_fixture.so");
+    capture_stdout([&] { text = failure_of([&] { dll.link("fixture_question"); }); });
+    EXPECT_TRUE(starts_with(text, "dynamic_assert failed : false : at "
+                                  "virtual void* ZARN::DLL::Private::Implement::link(const ORN::String<char>&)" + at))
+        << text;
+
+    ZARN::DLL unset(nullptr);
+    EXPECT_TRUE(starts_with(failure_of([&] { unset.open("libzarn_fixture.so"); }),
+                            "dynamic_assert failed : mThis.exist () : at void ZARN::DLL::open(const ORN::String<char>&) in "
+                            "ZARN_Common/DLL.cpp ,"));
+    EXPECT_TRUE(starts_with(failure_of([&] { unset.link("fixture_answer"); }),
+                            "dynamic_assert failed : mThis.exist () : at void* ZARN::DLL::link(const ORN::String<char>&) in "
+                            "ZARN_Common/DLL.cpp ,"));
+}
+
 TEST(DLL, LibraryPathIsTheCurrentDirectorysLinuxName) {
     EXPECT_EQ(ZARN::DLL::library_path("openMVG_velda"), fs::current_path().string() + "/libopenMVG_velda.so");
 }

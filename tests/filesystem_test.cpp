@@ -347,7 +347,7 @@ TEST(JobDirectory, AnInputIsHeldOpenAsChecked) {
     const ORN::JobDirectory::Input input = job.open_input("in.jpg");
     fs::remove(dir / "in.jpg");
     fs::create_symlink(outside / "secret", dir / "in.jpg");
-    EXPECT_EQ(read_file(input.path()), "inside");
+    EXPECT_EQ(read_file(std::string(input.path())), "inside");
 
     std::string text;
     const std::string out = capture_stdout([&] { text = failure_of([&] { job.open_input("in.jpg"); }); });

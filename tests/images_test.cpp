@@ -270,7 +270,7 @@ TEST(ImageProc, LensTablesRoundTripAndMalformedOnesAreRefused) {
         EXPECT_EQ(ImageProc::check_lens_table(bad), reason);
         const auto encoded = ImageProc::encode_lens_table(bad);
         ImageProc::LENS_TABLE out{};
-        std::string why;
+        ORN::String<char> why;
         EXPECT_FALSE(ImageProc::decode_lens_table(encoded.data(), encoded.size(), out, why));
         EXPECT_EQ(why, reason);
     }
