@@ -213,13 +213,7 @@ TEST(Images, ADecompressionBombIsRefusedBeforeDecoding) {
         EXPECT_EQ(::pipe(ends), 0);
         const pid_t child = ::fork();
         if (child == 0) {
-            std::ifstream status("/proc/self/status");
-            long long size = 0;
-            for (std::string line; std::getline(status, line);)
-                if (line.rfind("VmSize:", 0) == 0)
-                    size = std::stoll(line.substr(7)) * 1024;
-            const rlimit limit{rlim_t(size + (512 << 20)), rlim_t(size + (512 << 20))};
-            ::setrlimit(RLIMIT_AS, &limit);
+            limit_address_space_growth(512 << 20);
             const auto [said, text] = failure(f);
             [[maybe_unused]] const auto n = ::write(ends[1], said.data(), said.size());
             ::_exit(0);

@@ -99,13 +99,7 @@ std::string bounded(unsigned seconds, long long megabytes, const std::function<s
     const pid_t child = ::fork();
     if (child == 0) {
         ::close(ends[0]);
-        std::ifstream status("/proc/self/status");
-        long long size = 0;
-        for (std::string line; std::getline(status, line);)
-            if (line.rfind("VmSize:", 0) == 0)
-                size = std::stoll(line.substr(7)) * 1024;
-        const rlimit limit{rlim_t(size + (megabytes << 20)), rlim_t(size + (megabytes << 20))};
-        ::setrlimit(RLIMIT_AS, &limit);
+        limit_address_space_growth(megabytes << 20);
         ::alarm(seconds);
         std::string text;
         try {

@@ -292,13 +292,7 @@ TEST(StitchLibrary, StitchersOfTheSameTablesAndSizeShareTheirRemapTables) {
     api(); // the library is loaded before the limit
     const pid_t child = ::fork();
     if (child == 0) {
-        std::ifstream status("/proc/self/status");
-        long long size = 0;
-        for (std::string line; std::getline(status, line);)
-            if (line.rfind("VmSize:", 0) == 0)
-                size = std::stoll(line.substr(7)) * 1024;
-        const rlimit limit{rlim_t(size + (400 << 20)), rlim_t(size + (400 << 20))};
-        ::setrlimit(RLIMIT_AS, &limit);
+        limit_address_space_growth(400 << 20);
         std::vector<Lib::IMAGE_HANDLE> handles;
         int failed = 0;
         for (int i = 0; i < 16; ++i) {

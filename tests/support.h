@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -84,6 +85,18 @@ struct RunResult {
     int status = -1;    // exit status
     std::string output; // standard output and standard error together
 };
+
+// For a child that checks a cost: its address space may grow by `bytes`
+// beyond what it holds now, and no further.
+inline void limit_address_space_growth(long long bytes) {
+    std::ifstream status("/proc/self/status");
+    long long size = 0;
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind("VmSize:", 0) == 0)
+            size = std::stoll(line.substr(7)) * 1024;
+    const rlimit limit{rlim_t(size + bytes), rlim_t(size + bytes)};
+    ::setrlimit(RLIMIT_AS, &limit);
+}
 
 // Runs a shell command line and collects its output (standard error too,
 // of every command of the line) and exit status.

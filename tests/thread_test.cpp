@@ -211,13 +211,7 @@ TEST(WorkThread, TheResourcesFollowTheAffinityTheSchedulerAndTheLimits) {
     }
     // 64 MiB more address space than the child uses now.
     const std::string limited = in_child([] {
-        std::ifstream status("/proc/self/status");
-        long long size = 0;
-        for (std::string line; std::getline(status, line);)
-            if (line.rfind("VmSize:", 0) == 0)
-                size = std::stoll(line.substr(7)) * 1024;
-        const rlimit limit{rlim_t(size + (64 << 20)), rlim_t(size + (64 << 20))};
-        ::setrlimit(RLIMIT_AS, &limit);
+        limit_address_space_growth(64 << 20);
     });
     EXPECT_TRUE(limited.ends_with(" address space limit")) << limited;
     const long long room = std::stoll(limited.substr(limited.find(' ', limited.find(' ') + 1)));
