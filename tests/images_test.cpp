@@ -209,23 +209,10 @@ TEST(Images, ADecompressionBombIsRefusedBeforeDecoding) {
 
     // Each call in a child whose address space may grow by 512 MiB only.
     const auto limited = [](const std::function<void()> &f) {
-        int ends[2];
-        EXPECT_EQ(::pipe(ends), 0);
-        const pid_t child = ::fork();
-        if (child == 0) {
+        return in_child([&] {
             limit_address_space_growth(512 << 20);
-            const auto [said, text] = failure(f);
-            [[maybe_unused]] const auto n = ::write(ends[1], said.data(), said.size());
-            ::_exit(0);
-        }
-        ::close(ends[1]);
-        std::string said;
-        char buffer[512];
-        for (ssize_t n; (n = ::read(ends[0], buffer, sizeof(buffer))) > 0;)
-            said.append(buffer, static_cast<std::size_t>(n));
-        ::close(ends[0]);
-        ::waitpid(child, nullptr, 0);
-        return said;
+            return failure(f).first;
+        });
     };
     EXPECT_EQ(limited([&] { Image::read(dir / "bomb.jpg"); }), "read_image : " + (dir / "bomb.jpg") + " : " + claims + "\n");
     EXPECT_EQ(limited([&] { Image::decode(reinterpret_cast<const unsigned char *>(bomb.data()), ORN::INDEX(bomb.size())); }),

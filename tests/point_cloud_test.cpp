@@ -93,34 +93,15 @@ TEST(PlyWriter, AFailingFillLeavesTheOldFileAndNoTemporary) {
 // and `megabytes` more address space than it holds at the start; returns
 // "ok", the text of an exception the work threw, or how the child ended.
 std::string bounded(unsigned seconds, long long megabytes, const std::function<std::string()> &work) {
-    int ends[2];
-    if (::pipe(ends) != 0)
-        return "no pipe";
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::close(ends[0]);
+    return in_child([&] {
         limit_address_space_growth(megabytes << 20);
         ::alarm(seconds);
-        std::string text;
         try {
-            text = work();
+            return work();
         } catch (const std::exception &e) {
-            text = e.what();
+            return std::string(e.what());
         }
-        [[maybe_unused]] const auto n = ::write(ends[1], text.data(), text.size());
-        ::_exit(0);
-    }
-    ::close(ends[1]);
-    std::string text;
-    char buffer[512];
-    for (ssize_t n; (n = ::read(ends[0], buffer, sizeof(buffer))) > 0;)
-        text.append(buffer, static_cast<std::size_t>(n));
-    ::close(ends[0]);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    if (WIFSIGNALED(status))
-        return "ended by signal " + std::to_string(WTERMSIG(status));
-    return text;
+    });
 }
 
 // n points at one place, in chunk `chunk`.

@@ -98,6 +98,34 @@ inline void limit_address_space_growth(long long bytes) {
     ::setrlimit(RLIMIT_AS, &limit);
 }
 
+// Runs `work` in a child process and returns the text it gives back, or
+// "ended by signal N" when the child does not end by itself (a crash, an
+// alarm, the kernel's refusal of memory): a cost or a crash is checked
+// without putting the test program at risk.
+inline std::string in_child(const std::function<std::string()> &work) {
+    int ends[2];
+    if (::pipe(ends) != 0)
+        return "no pipe";
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::close(ends[0]);
+        const std::string text = work();
+        [[maybe_unused]] const auto n = ::write(ends[1], text.data(), text.size());
+        ::_exit(0);
+    }
+    ::close(ends[1]);
+    std::string text;
+    char buffer[512];
+    for (ssize_t n; (n = ::read(ends[0], buffer, sizeof(buffer))) > 0;)
+        text.append(buffer, static_cast<std::size_t>(n));
+    ::close(ends[0]);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    if (WIFSIGNALED(status))
+        return "ended by signal " + std::to_string(WTERMSIG(status));
+    return text;
+}
+
 // Runs a shell command line and collects its output (standard error too,
 // of every command of the line) and exit status.
 inline RunResult run(const std::string &command) {

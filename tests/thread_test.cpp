@@ -170,29 +170,14 @@ TEST(WorkThread, TheWorkersAreBoundedByTheTasksTheCoresAndTheMemory) {
 // The resources as the system reports them, in a child whose affinity,
 // SLURM_CPUS_PER_TASK and address space limit are set first.
 TEST(WorkThread, TheResourcesFollowTheAffinityTheSchedulerAndTheLimits) {
-    const auto in_child = [](const std::function<void()> &setup) {
-        int pipe_ends[2];
-        EXPECT_EQ(::pipe(pipe_ends), 0);
-        const pid_t child = ::fork();
-        if (child == 0) {
+    const auto resources_in_child = [](const std::function<void()> &setup) {
+        return in_child([&] {
             setup();
             const ORN::WORKER_RESOURCES r = ORN::WorkThread::resources();
-            const std::string text = std::to_string(r.mCores) + " " + r.mCoresFrom + " " + std::to_string(r.mMemory) +
-                                     " " + r.mMemoryFrom;
-            [[maybe_unused]] const auto n = ::write(pipe_ends[1], text.data(), text.size());
-            ::_exit(0);
-        }
-        ::close(pipe_ends[1]);
-        std::string text;
-        char buffer[256];
-        for (ssize_t n; (n = ::read(pipe_ends[0], buffer, sizeof(buffer))) > 0;)
-            text.append(buffer, static_cast<std::size_t>(n));
-        ::close(pipe_ends[0]);
-        int status = 0;
-        ::waitpid(child, &status, 0);
-        return text;
+            return std::to_string(r.mCores) + " " + r.mCoresFrom + " " + std::to_string(r.mMemory) + " " + r.mMemoryFrom;
+        });
     };
-    const std::string one = in_child([] {
+    const std::string one = resources_in_child([] {
         // The first processor the test may run on, alone.
         cpu_set_t set;
         CPU_ZERO(&set);
@@ -206,11 +191,11 @@ TEST(WorkThread, TheResourcesFollowTheAffinityTheSchedulerAndTheLimits) {
     });
     EXPECT_TRUE(starts_with(one, "1 affinity ")) << one;
     if (ORN::Thread::hardware_concurrency() > 1) {
-        const std::string slurm = in_child([] { ::setenv("SLURM_CPUS_PER_TASK", "1", 1); });
+        const std::string slurm = resources_in_child([] { ::setenv("SLURM_CPUS_PER_TASK", "1", 1); });
         EXPECT_TRUE(starts_with(slurm, "1 SLURM_CPUS_PER_TASK ")) << slurm;
     }
     // 64 MiB more address space than the child uses now.
-    const std::string limited = in_child([] {
+    const std::string limited = resources_in_child([] {
         limit_address_space_growth(64 << 20);
     });
     EXPECT_TRUE(limited.ends_with(" address space limit")) << limited;
