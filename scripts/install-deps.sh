@@ -5,17 +5,24 @@
 # Open3D (surface reconstruction; also the normal-estimation benchmark's
 # peer) and meshoptimizer (mesh simplification) serve the mesh process.
 # calib3d serves the reference calibration library (chessboard detection,
-# fisheye calibration, pose).
+# fisheye calibration, pose); video (DIS optical flow) its stitching library's
+# parallax-aligned seams.
+# FFmpeg's libraries (libavcodec with x264, libavformat, libswscale) serve the
+# reference video delivery; the command-line ffmpeg is also the overlay tool
+# of the framed video views, with the DejaVu font for their time text.
+# OpenSSL's libcrypto gives the SHA-256 of the upload manifests.
+# Slurm and munge run the farm (the tests start a private cluster).
 set -eu
 
 PACKAGES="cmake g++ make pkg-config \
 libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev \
-libopencv-photo-dev libopencv-videoio-dev libopencv-calib3d-dev \
+libopencv-photo-dev libopencv-videoio-dev libopencv-calib3d-dev libopencv-video-dev \
+libavcodec-dev libavformat-dev libavutil-dev libswscale-dev libssl-dev fonts-dejavu-core \
 libflann-dev liblz4-dev libpugixml-dev \
 libopen3d-dev libmeshoptimizer-dev \
 libgtest-dev libgmock-dev libbenchmark-dev \
 rapidjson-dev nlohmann-json3-dev libnanoflann-dev \
-ffmpeg"
+ffmpeg slurm-wlm munge"
 
 missing=""
 for p in $PACKAGES; do
