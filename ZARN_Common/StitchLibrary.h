@@ -93,6 +93,24 @@ using EXECUTE_OPT_FLOW_STITCH_HDR = int(IMAGE_HANDLE handle, const char *upper_0
 // The last result of the object's init or execute calls (of any thread).
 using GET_OPT_FLOW_STITCH_CODE = int(IMAGE_HANDLE handle);
 
+// Region repair methods (the fifth int of each region).
+enum REPAIR_METHOD : int { REPAIR_AUTO = 0, REPAIR_UPPER = 1, REPAIR_LOWER = 2, REPAIR_FLOW = 3 };
+// Largest number of regions of one repair call.
+inline constexpr int MAX_REPAIR_REGIONS = 256;
+// Repairs regions of a stitched panorama from its raw captures: `upper` and
+// `lower` each point to `brackets` (1 to 4) paths, the lens's exposures
+// darkest first (1: the plain capture); `panorama` is the stitcher's own
+// output, `output` the repaired file written (never the same path); `size`
+// points to two ints, the panorama's width and height (must match the
+// panorama file); `regions` points to `count` (1 to 256) records of five
+// ints: x, y, width, height (panorama pixels, inside it) and a
+// REPAIR_METHOD. Pixels outside the regions (grown to the codec's block
+// grid, docs/BACKENDS.md) are left exactly as in `panorama`. Returns a
+// RESULT. Thread-safe as the execute entries.
+using EXECUTE_PANO_REPAIR = int(IMAGE_HANDLE handle, const char *const *upper, const char *const *lower, int brackets,
+                                const char *panorama, const char *output, const int *size, const int *regions,
+                                int count);
+
 // ---------------------------------------------------------------------------
 // Video stitching.
 

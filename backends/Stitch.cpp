@@ -122,6 +122,23 @@ ZARN_BACKEND_ENTRY int KIVO_ExecuteOptFlowStitchHDRHandle(Lib::IMAGE_HANDLE hand
     }));
 }
 
+ZARN_BACKEND_ENTRY int KIVO_ExecutePanoRepairHandle(Lib::IMAGE_HANDLE handle, const char *const *upper,
+                                                    const char *const *lower, int brackets, const char *panorama,
+                                                    const char *output, const int *size, const int *regions,
+                                                    int count) {
+    const auto code = zarn_backend::enter("KIVO_ExecutePanoRepairHandle",
+                                          {text(handle), text(static_cast<const void *>(upper)),
+                                           text(static_cast<const void *>(lower)), std::to_string(brackets),
+                                           text(panorama), text(output), text(size), text(static_cast<const void *>(regions)),
+                                           std::to_string(count)});
+    if (handle == nullptr)
+        return Lib::KIVO_BAD_ARGUMENT;
+    Stitcher &s = handle->mStitcher;
+    if (code)
+        return s.keep(*code);
+    return s.keep(Lib::KIVO_BAD_ARGUMENT);
+}
+
 ZARN_BACKEND_ENTRY int KIVO_GetOptFlowStitchCode(Lib::IMAGE_HANDLE handle) {
     return zarn_stitch::code_entry("KIVO_GetOptFlowStitchCode", handle, [](const auto &h) { return h.mStitcher.code(); });
 }
@@ -179,6 +196,7 @@ static_assert(std::is_same_v<decltype(&KIVO_DestroyOptFlowStitchHandle), Lib::DE
 static_assert(std::is_same_v<decltype(&KIVO_InitOptFlowStitchHandle), Lib::INIT_OPT_FLOW_STITCH *>);
 static_assert(std::is_same_v<decltype(&KIVO_ExecuteOptFlowStitchHandle), Lib::EXECUTE_OPT_FLOW_STITCH *>);
 static_assert(std::is_same_v<decltype(&KIVO_ExecuteOptFlowStitchHDRHandle), Lib::EXECUTE_OPT_FLOW_STITCH_HDR *>);
+static_assert(std::is_same_v<decltype(&KIVO_ExecutePanoRepairHandle), Lib::EXECUTE_PANO_REPAIR *>);
 static_assert(std::is_same_v<decltype(&KIVO_GetOptFlowStitchCode), Lib::GET_OPT_FLOW_STITCH_CODE *>);
 static_assert(std::is_same_v<decltype(&KIVO_CreateVideoStitchHandle), Lib::CREATE_VIDEO_STITCH *>);
 static_assert(std::is_same_v<decltype(&KIVO_DestroyVideoStitchHandle), Lib::DESTROY_VIDEO_STITCH *>);
