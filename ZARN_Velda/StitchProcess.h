@@ -804,7 +804,7 @@ public:
                         const String<char> &source = data.mVideo[i].dst4;
                         published.append(ORN::JobDirectory::PUBLISHED{source, "results/videos/" + FileSystemProc::file_name(source)});
                     }
-                ORN::JobDirectory(path.mSelf).publish_files("results/videos", published);
+                ORN::JobDirectory(path.mSelf).publish_files("results/videos", published, {"results/videos/web"});
             });
         }
     };

@@ -207,13 +207,16 @@ String<char> normal_name(std::string_view name) {
 }
 
 // Removes every entry below `directory` that is not a directory and not in
-// `keep`, descending into real directories only.
-INDEX prune(const JobDirectory &job, const String<char> &directory, const Set<String<char>> &keep) {
+// `keep`, descending into real directories only, except the folders of
+// `spared` (normal names), which are left whole.
+INDEX prune(const JobDirectory &job, const String<char> &directory, const Set<String<char>> &keep,
+            const Set<String<char>> &spared) {
     INDEX removed = 0;
     for (const JobDirectory::LISTED &entry : job.list_entries(directory)) {
         const String<char> name = directory + "/" + entry.mName;
         if (entry.mKind == JobDirectory::KIND::DIRECTORY) {
-            removed += prune(job, name, keep);
+            if (spared.find(name) == VAR_NONE)
+                removed += prune(job, name, keep, spared);
         } else if (keep.find(name) == VAR_NONE) {
             job.erase_file(name);
             console().debug("unpublished : ", name);
@@ -225,11 +228,27 @@ INDEX prune(const JobDirectory &job, const String<char> &directory, const Set<St
 
 } // namespace
 
-void JobDirectory::publish_files(std::string_view directory, const Array<PUBLISHED> &files) const {
+void JobDirectory::publish_files(std::string_view directory, const Array<PUBLISHED> &files,
+                                 const Array<String<char>> &owned_elsewhere) const {
     const String<char> root = normal_name(directory);
     const String<char> journal = publication_journal(root);
     if (exist(journal))
         console().warn(root, " holds a mix of two runs (an earlier publication was interrupted); published anew");
+    Set<String<char>> spared;
+    for (const String<char> &folder : owned_elsewhere) {
+        const bool inside = below(root, folder);
+        if (!inside)
+            console().error("publish : ", path(folder), " : a folder owned elsewhere outside ", root);
+        _DYNAMIC_ASSERT_(inside);
+        spared.insert(normal_name(folder));
+    }
+    // The folder of another publication that holds `name`, if any.
+    const auto owner = [&](const String<char> &name) {
+        for (const String<char> &folder : spared)
+            if (below(folder, name))
+                return folder;
+        return String<char>();
+    };
 
     // Every source and target is checked before anything changes.
     Set<String<char>> targets;
@@ -242,10 +261,14 @@ void JobDirectory::publish_files(std::string_view directory, const Array<PUBLISH
             console().error("refused file : ", where, " : ", why);
         const bool source = why.empty();
         _DYNAMIC_ASSERT_(source);
-        const bool target = below(root, file.mTarget) && targets.find(normal_name(file.mTarget)) == VAR_NONE;
+        const String<char> other = owner(file.mTarget);
+        const bool target = below(root, file.mTarget) && other.empty() &&
+                            targets.find(normal_name(file.mTarget)) == VAR_NONE;
         if (!target)
             console().error("publish : ", path(file.mTarget), " : ",
-                            below(root, file.mTarget) ? "published twice" : "outside " + root);
+                            !below(root, file.mTarget) ? "outside " + root
+                            : !other.empty()           ? "inside " + other + ", published elsewhere"
+                                                       : String<char>("published twice"));
         _DYNAMIC_ASSERT_(target);
         targets.insert(normal_name(file.mTarget));
     }
@@ -264,7 +287,7 @@ void JobDirectory::publish_files(std::string_view directory, const Array<PUBLISH
         publish_file(file.mSource, file.mTarget);
         console().debug("link : ", normal_name(file.mTarget));
     }
-    const INDEX removed = prune(*this, root, targets);
+    const INDEX removed = prune(*this, root, targets, spared);
     erase_file(journal);
     console().info(root, " : ", files.size(), " files published", removed > 0 ? ", " + std::to_string(removed) + " removed" : "");
 }

@@ -201,10 +201,13 @@ public:
     // "caches/publishing/<directory>.json" tells that the directory holds a
     // mix of two runs; it is removed when the switch is complete, and a
     // journal found at the start is reported as an interrupted publication.
+    // `owned_elsewhere` names folders below `directory` that other
+    // publications own: they are neither pruned nor published into.
     struct PUBLISHED {
         String<char> mSource, mTarget;
     };
-    void publish_files(std::string_view directory, const Array<PUBLISHED> &files) const;
+    void publish_files(std::string_view directory, const Array<PUBLISHED> &files,
+                       const Array<String<char>> &owned_elsewhere = {}) const;
     // The journal of an interrupted publication of `directory`, if any.
     static String<char> publication_journal(std::string_view directory);
 

@@ -337,6 +337,44 @@ TEST(JobDirectory, PublishesASetWholeOrNotAtAll) {
     EXPECT_EQ(std::distance(fs::directory_iterator(dir / "results/r/sub"), {}), 1); // no temporary left
 }
 
+// A folder that another publication owns is left whole by the pruning and
+// may not be published into.
+TEST(JobDirectory, PublicationLeavesTheFoldersOwnedElsewhere) {
+    TempDir dir;
+    const ORN::JobDirectory job(dir.str());
+    write_file(dir / "caches/a", "a");
+    write_file(dir / "results/r/old", "old");
+    write_file(dir / "results/r/web/kept", "kept");
+    write_file(dir / "results/r/web/deep/kept2", "kept2");
+    write_file(dir / "results/r/webx/gone", "gone");
+    using P = ORN::JobDirectory::PUBLISHED;
+    const ORN::Array<ORN::String<char>> web = {"results/r/web/"};
+    const auto publish = [&](std::initializer_list<P> files, const ORN::Array<ORN::String<char>> &spared) {
+        std::string text;
+        const std::string out = capture_stdout([&] { text = failure_of([&] { job.publish_files("results/r", ORN::Array<P>(files), spared); }); });
+        return out + text;
+    };
+    std::string out = publish({{"caches/a", "results/r/a"}, {"caches/a", "results/r/web/a"}}, web);
+    EXPECT_TRUE(contains(out, "publish : " + (dir / "results/r/web/a") + " : inside results/r/web, published elsewhere\n"))
+        << out;
+    EXPECT_TRUE(contains(out, "dynamic_assert failed : target : at ")) << out;
+    out = publish({{"caches/a", "results/r/a"}}, {"results/web"});
+    EXPECT_TRUE(contains(out, "publish : " + (dir / "results/web") + " : a folder owned elsewhere outside results/r\n"))
+        << out;
+    EXPECT_TRUE(contains(out, "dynamic_assert failed : inside : at ")) << out;
+    EXPECT_FALSE(fs::exists(dir / "results/r/a"));
+
+    out = publish({{"caches/a", "results/r/a"}}, web);
+    EXPECT_TRUE(contains(out, "results/r : 1 files published, 2 removed\n")) << out;
+    EXPECT_EQ(read_file(dir / "results/r/web/kept"), "kept");
+    EXPECT_EQ(read_file(dir / "results/r/web/deep/kept2"), "kept2");
+    EXPECT_FALSE(fs::exists(dir / "results/r/old"));
+    EXPECT_FALSE(fs::exists(dir / "results/r/webx/gone"));
+    // Without the argument the folder is pruned as before.
+    publish({{"caches/a", "results/r/a"}}, {});
+    EXPECT_FALSE(fs::exists(dir / "results/r/web/kept"));
+}
+
 // A checked input is handed on as the open file: swapping the name for a
 // link afterwards changes nothing the reader sees.
 TEST(JobDirectory, AnInputIsHeldOpenAsChecked) {
