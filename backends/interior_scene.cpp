@@ -225,25 +225,27 @@ public:
                     const RECT whole{r.mMin[o], r.mMax[o], r.mMin[2], r.mMax[2]};
                     // The wall at the room's low end faces up the axis.
                     for (const RECT &piece : subtract(whole, mHoles[i][2 * axis + side]))
-                        add(room, axis, side ? r.mMax[axis] : r.mMin[axis], side ? -1 : +1, piece, WALL_COLOUR[i % 5]);
+                        add(room, axis, side ? r.mMax[axis] : r.mMin[axis], side ? -1 : +1, piece, WALL_COLOUR[i % 5],
+                            Part::WALL);
                 }
             const RECT plan{r.mMin[0], r.mMax[0], r.mMin[1], r.mMax[1]};
             for (const RECT &piece : subtract(plan, mHoles[i][4]))
-                add(room, 2, r.mMin[2], +1, piece, FLOOR_COLOUR[i % 5]);
-            add(room, 2, r.mMax[2], -1, plan, CEILING_COLOUR);
+                add(room, 2, r.mMin[2], +1, piece, FLOOR_COLOUR[i % 5], Part::FLOOR);
+            add(room, 2, r.mMax[2], -1, plan, CEILING_COLOUR, Part::CEILING);
         }
         for (std::size_t b = 0; b < mScene.mFurniture.size(); ++b) {
             const Block &k = mScene.mFurniture[b];
             const Room &r = mScene.mRooms[static_cast<std::size_t>(k.mRoom)];
             const RGB c = mBlockColour[b];
-            add(k.mRoom, 2, k.mMax[2], +1, RECT{k.mMin[0], k.mMax[0], k.mMin[1], k.mMax[1]}, c);
+            const int block = static_cast<int>(b);
+            add(k.mRoom, 2, k.mMax[2], +1, RECT{k.mMin[0], k.mMax[0], k.mMin[1], k.mMax[1]}, c, Part::FURNITURE, block);
             for (int axis = 0; axis < 2; ++axis) {
                 const int o = 1 - axis;
                 const RECT side{k.mMin[o], k.mMax[o], k.mMin[2], k.mMax[2]};
                 if (std::abs(k.mMin[axis] - r.mMin[axis]) >= EDGE)
-                    add(k.mRoom, axis, k.mMin[axis], -1, side, c);
+                    add(k.mRoom, axis, k.mMin[axis], -1, side, c, Part::FURNITURE, block);
                 if (std::abs(k.mMax[axis] - r.mMax[axis]) >= EDGE)
-                    add(k.mRoom, axis, k.mMax[axis], +1, side, c);
+                    add(k.mRoom, axis, k.mMax[axis], +1, side, c, Part::FURNITURE, block);
             }
         }
         // The opening through the wall: two jambs, the head and the floor
@@ -257,11 +259,12 @@ public:
             // In the plane across h the coordinates are (axis a, z) when
             // a < h, and likewise when a > h: s is always the lower axis.
             const RECT jamb{w0, w1, z, z + DOOR_HEIGHT};
-            add(facing(d, h, d.mFrom, +1), h, d.mFrom, +1, jamb, WALL_COLOUR[static_cast<std::size_t>(d.mLow) % 5]);
-            add(facing(d, h, d.mTo, -1), h, d.mTo, -1, jamb, WALL_COLOUR[static_cast<std::size_t>(d.mLow) % 5]);
+            const RGB wall = WALL_COLOUR[static_cast<std::size_t>(d.mLow) % 5];
+            add(facing(d, h, d.mFrom, +1), h, d.mFrom, +1, jamb, wall, Part::OPENING);
+            add(facing(d, h, d.mTo, -1), h, d.mTo, -1, jamb, wall, Part::OPENING);
             const RECT strip = a == 0 ? RECT{w0, w1, d.mFrom, d.mTo} : RECT{d.mFrom, d.mTo, w0, w1};
-            add(d.mLow, 2, z + DOOR_HEIGHT, -1, strip, WALL_COLOUR[static_cast<std::size_t>(d.mLow) % 5]);
-            add(d.mLow, 2, z, +1, strip, FLOOR_COLOUR[static_cast<std::size_t>(d.mLow) % 5]);
+            add(d.mLow, 2, z + DOOR_HEIGHT, -1, strip, wall, Part::OPENING);
+            add(d.mLow, 2, z, +1, strip, FLOOR_COLOUR[static_cast<std::size_t>(d.mLow) % 5], Part::FLOOR);
         }
     }
 
@@ -284,8 +287,8 @@ private:
     }
 
     // The rectangle `r` in the plane across `axis` at `at`, its normal along
-    // `sign`.
-    void add(int room, int axis, double at, int sign, const RECT &r, RGB colour) {
+    // `sign`, part of `part` (of furniture `block`).
+    void add(int room, int axis, double at, int sign, const RECT &r, RGB colour, Part part, int block = -1) {
         if (r.mS1 - r.mS0 < EDGE || r.mT1 - r.mT0 < EDGE)
             return;
         Surface s{};
@@ -305,6 +308,8 @@ private:
         s.mRoom = room;
         s.mFloor = mScene.mRooms[static_cast<std::size_t>(room)].mFloor;
         std::copy(colour.begin(), colour.end(), s.mColour);
+        s.mPart = part;
+        s.mBlock = block;
         mScene.mSurfaces.push_back(s);
     }
 
@@ -495,6 +500,67 @@ double distance_to_surfaces(const Scene &scene, const double p[3]) {
         if (reach == std::numeric_limits<double>::infinity() || (reach > 0 && best <= reach * reach))
             return std::sqrt(best);
     }
+}
+
+RayCaster::RayCaster(const Scene &scene, const double eye[3]) : mScene(&scene), mEye{eye[0], eye[1], eye[2]} {
+    int storey = -1;
+    for (std::size_t f = 0; f < scene.mFloors.size(); ++f)
+        if (eye[2] >= scene.mFloors[f].mMin && eye[2] < scene.mFloors[f].mMax)
+            storey = static_cast<int>(f);
+    std::vector<std::pair<double, std::uint32_t>> order;
+    for (std::size_t i = 0; i < scene.mSurfaces.size(); ++i) {
+        const Surface &s = scene.mSurfaces[i];
+        const double facing = (eye[0] - s.mOrigin[0]) * s.mNormal[0] + (eye[1] - s.mOrigin[1]) * s.mNormal[1] +
+                              (eye[2] - s.mOrigin[2]) * s.mNormal[2];
+        if (s.mFloor != storey || facing <= 0)
+            continue;
+        const double *b = scene.mGrid.mBox.data() + 6 * i;
+        double d2 = 0;
+        for (int k = 0; k < 3; ++k) {
+            const double d = eye[k] - std::clamp(eye[k], b[k], b[3 + k]);
+            d2 += d * d;
+        }
+        order.emplace_back(std::sqrt(d2), static_cast<std::uint32_t>(i));
+    }
+    std::sort(order.begin(), order.end());
+    for (const auto &[reach, i] : order) {
+        mReach.push_back(reach);
+        mOrder.push_back(i);
+    }
+}
+
+bool RayCaster::cast(const double d[3], Hit &hit, double limit) const {
+    double best = limit;
+    int found = -1;
+    for (std::size_t n = 0; n < mOrder.size() && mReach[n] < best; ++n) {
+        const std::uint32_t i = mOrder[n];
+        const Surface &s = mScene->mSurfaces[i];
+        const int axis = s.mNormal[0] != 0 ? 0 : s.mNormal[1] != 0 ? 1 : 2;
+        if (d[axis] * s.mNormal[axis] >= 0) // seen from behind, or edge on
+            continue;
+        const double *b = mScene->mGrid.mBox.data() + 6 * std::size_t(i);
+        const double t = (b[axis] - mEye[axis]) / d[axis];
+        if (t <= 0 || t >= best)
+            continue;
+        bool inside = true;
+        for (int k = 0; k < 3 && inside; ++k) {
+            if (k == axis)
+                continue;
+            const double p = mEye[k] + t * d[k];
+            inside = p >= b[k] - EDGE && p <= b[3 + k] + EDGE;
+        }
+        if (inside) {
+            best = t;
+            found = static_cast<int>(i);
+        }
+    }
+    if (found < 0)
+        return false;
+    hit.mSurface = found;
+    hit.mDistance = best;
+    for (int k = 0; k < 3; ++k)
+        hit.mPoint[k] = mEye[k] + best * d[k];
+    return true;
 }
 
 std::int64_t outlier_count(std::int64_t points) {

@@ -36,6 +36,9 @@ constexpr double OVERLAP_BAND = 0.3;      // width of the band two chunks share,
 constexpr double VIEWPOINT_HEIGHT = 1.5;  // of a chunk's viewpoint above its floor
 constexpr std::uint64_t DEFAULT_SEED = 0x1d0c5ea7e5ULL;
 
+// What a surface is part of.
+enum class Part : std::uint8_t { WALL, FLOOR, CEILING, FURNITURE, OPENING };
+
 // One rectangle: the points origin + a * u + b * v for a, b in [0, 1]; u and
 // v are perpendicular, axis-aligned, and u x v points along the normal.
 struct Surface {
@@ -46,6 +49,8 @@ struct Surface {
     int mFloor;
     int mRoom;          // the room whose air it faces
     std::uint8_t mColour[3];
+    Part mPart = Part::WALL;
+    int mBlock = -1;    // the piece of furniture (index in mFurniture) it belongs to
 
     double area() const;
 };
@@ -108,6 +113,35 @@ Scene make_scene(const double footprint_min[2], const double footprint_max[2]);
 
 // Exact distance from p to the nearest surface of the scene.
 double distance_to_surfaces(const Scene &scene, const double p[3]);
+
+// Where a ray first meets a surface: the surface's index, the distance along
+// the ray's unit direction, and the point.
+struct Hit {
+    int mSurface = -1;
+    double mDistance = 0;
+    double mPoint[3] = {};
+};
+
+// Casts rays from one eye inside a room. Only the surfaces that can be seen
+// from there are tried: those of the eye's storey (the slab between storeys
+// has no opening) whose front faces the eye, nearest bounds first, so that a
+// ray stops trying as soon as the remaining surfaces lie beyond its hit.
+class RayCaster {
+public:
+    RayCaster(const Scene &scene, const double eye[3]);
+
+    // The first surface the ray eye + t d (t > 0, d a unit vector) meets
+    // from its front, nearer than `limit`; false when there is none.
+    bool cast(const double d[3], Hit &hit, double limit = 1e30) const;
+    // How many surfaces it tries at most.
+    std::size_t candidates() const { return mOrder.size(); }
+
+private:
+    const Scene *mScene;
+    double mEye[3];
+    std::vector<std::uint32_t> mOrder; // surfaces, nearest bounds first
+    std::vector<double> mReach;        // their bounds' distance from the eye
+};
 
 // Point flags of a chunk.
 enum POINT_FLAG : std::uint8_t {

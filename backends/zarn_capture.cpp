@@ -1,7 +1,7 @@
 // zarn_capture: makes a capture job whose right answer is known.
 //
 //   zarn_capture JOBDIR [--width W] [--points N] [--videos N] [--frames N] [--calibration]
-//                       [--stereo] [--regions] [--dense N]
+//                       [--stereo] [--regions] [--dense N] [--parallax] [--baseline M] [--repairs]
 //
 // A procedural room (painted walls with a door, a window onto a garden, a
 // picture and a bookcase; a plank floor with a rug; a ceiling with three
@@ -49,6 +49,28 @@
 // panoramas: rectangles around the picture, the light switch and the door's
 // upper panel, which stand for faces and number plates.
 //
+// With --parallax, the two-lens job's captures (stills, brackets and video
+// frames) show real parallax: the lenses stand --baseline M metres apart
+// (0.03 by default) on the rig's vertical axis, the upper one above the rig
+// centre, and see the furnished interior of capture_parallax.h, with a
+// pole and a floor lamp 0.7 and 0.95 m from the rig across the band both
+// lenses see. The lens tables are the same; the truth is rendered from the
+// rig centre, and
+//
+//   truth/rig.json      {"baseline":B,"lenses":[{"name":"up","position":[0,-B/2,0]},
+//                       {"name":"down","position":[0,B/2,0]}]}: metres,
+//                       panorama frame, relative to the rig centre
+//
+// With --repairs (implies --parallax), the rectangles of each panorama
+// (W x W/2 pixels) around the near objects where they cross that band:
+//
+//   truth/repairs.json  {"width":W,"height":W/2,"regions":[{"name":"point_NNN",
+//                       "object":"pole","rect":{"x":..,"y":..,"w":..,"h":..},
+//                       "method":"auto"},...]}
+//
+// and the same regions, without "object", as the split data's member
+// "ImageROIProcess" ({"regions":[...]}).
+//
 // With --dense N, also the reconstruction's input images "images/" (per
 // capture point its two captures at the normal exposure, or the stereo
 // camera's panorama) and the split data asks the reconstruction for N dense
@@ -65,6 +87,7 @@
 //       as "analysis_raw", the first flat field as "shading_raw" (the
 //       process hands the shading stage its "src1" only)
 //   ImageFilterProcess {} (--regions, with at least one point)
+//   ImageROIProcess {"regions":[...]} (--repairs)
 //   VeldaMainProcess (--dense), VeldaMeshProcess {} (--dense N with N at
 //       least 1000; below 8000 {"minimum_floor_points": N / 8}, as the
 //       default 1000 would not be met)
@@ -75,7 +98,9 @@
 // Everything is computed from fixed numbers, so a job made twice is the same
 // byte for byte.
 
+#include "capture_parallax.h"
 #include "capture_stereo.h"
+#include "capture_texture.h"
 
 #include "ZARN_Common/ImageProc.h"
 #include "__ORN__/orn_filesystem.h"
@@ -92,6 +117,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <memory>
 #include <numbers>
 #include <string>
 #include <tuple>
@@ -105,6 +131,13 @@ using ORN::INDEX;
 using ZARN::ImageProc;
 using LENS_TABLE = ImageProc::LENS_TABLE;
 using RGB = std::array<double, 3>; // linear radiance, red green blue
+using zarn_capture::hash;
+using zarn_capture::inside;
+using zarn_capture::mix;
+using zarn_capture::noise;
+using zarn_capture::random01;
+using zarn_capture::scaled;
+using zarn_capture::smoothstep;
 
 constexpr double PI = std::numbers::pi;
 constexpr double LOWER_SENSITIVITY = 0.82;
@@ -199,47 +232,6 @@ constexpr double LIGHTS[3][2] = {{0.5, 0.4}, {2.2, -1.8}, {-1.6, 1.8}}; // x, z 
 constexpr double LIGHT_RADIUS = 0.17;
 constexpr double LIGHT_POWER = 1.7;
 constexpr double LIGHT_RADIANCE = 7.0;
-
-std::uint32_t hash(std::int64_t x, std::int64_t y, std::uint32_t seed) {
-    std::uint64_t h = static_cast<std::uint64_t>(x) * 0x9E3779B97F4A7C15ull ^ static_cast<std::uint64_t>(y) * 0xC2B2AE3D27D4EB4Full ^
-                      (std::uint64_t(seed) << 32);
-    h ^= h >> 31;
-    h *= 0xBF58476D1CE4E5B9ull;
-    h ^= h >> 29;
-    h *= 0x94D049BB133111EBull;
-    h ^= h >> 32;
-    return static_cast<std::uint32_t>(h);
-}
-
-double random01(std::int64_t x, std::int64_t y, std::uint32_t seed) { return hash(x, y, seed) / 4294967296.0; }
-
-// Smooth value noise in [0, 1).
-double noise(double x, double y, std::uint32_t seed) {
-    const double fx = std::floor(x), fy = std::floor(y);
-    const auto ix = static_cast<std::int64_t>(fx), iy = static_cast<std::int64_t>(fy);
-    double tx = x - fx, ty = y - fy;
-    tx = tx * tx * (3 - 2 * tx);
-    ty = ty * ty * (3 - 2 * ty);
-    const double a = random01(ix, iy, seed), b = random01(ix + 1, iy, seed);
-    const double c = random01(ix, iy + 1, seed), d = random01(ix + 1, iy + 1, seed);
-    return (a + (b - a) * tx) + ((c + (d - c) * tx) - (a + (b - a) * tx)) * ty;
-}
-
-double smoothstep(double e0, double e1, double x) {
-    const double t = std::clamp((x - e0) / (e1 - e0), 0.0, 1.0);
-    return t * t * (3 - 2 * t);
-}
-
-RGB mix(const RGB &a, const RGB &b, double t) {
-    return {a[0] + (b[0] - a[0]) * t, a[1] + (b[1] - a[1]) * t, a[2] + (b[2] - a[2]) * t};
-}
-RGB scaled(const RGB &a, double s) { return {a[0] * s, a[1] * s, a[2] * s}; }
-
-// 1 inside the rectangle, 0 outside, with edges eased over `soft` metres.
-double inside(double s, double h, double s0, double s1, double h0, double h1, double soft = 0.006) {
-    return smoothstep(s0 - soft, s0 + soft, s) * (1 - smoothstep(s1 - soft, s1 + soft, s)) *
-           smoothstep(h0 - soft, h0 + soft, h) * (1 - smoothstep(h1 - soft, h1 + soft, h));
-}
 
 // Light falling on a surface point with normal n from the ceiling lights,
 // and from the room at large.
@@ -469,7 +461,8 @@ RGB look(const VIEW &view, const double d[3]) {
 
 using RADIANCE = std::vector<RGB>;
 
-RADIANCE render_lens(const LENS_TABLE &lens, const VIEW &view, int samples) {
+// `look` gives the radiance along a unit direction (panorama frame).
+template <class LOOK> RADIANCE render_lens(const LENS_TABLE &lens, const LOOK &look, int samples) {
     RADIANCE out(static_cast<std::size_t>(lens.mWidth) * static_cast<std::size_t>(lens.mHeight));
 #pragma omp parallel for schedule(dynamic, 4)
     for (int y = 0; y < lens.mHeight; ++y)
@@ -480,7 +473,7 @@ RADIANCE render_lens(const LENS_TABLE &lens, const VIEW &view, int samples) {
                     double d[3];
                     if (!ImageProc::lens_unproject(lens, x - 0.5 + (i + 0.5) / samples, y - 0.5 + (j + 0.5) / samples, d))
                         continue;
-                    const RGB r = look(view, d);
+                    const RGB r = look(d);
                     for (int c = 0; c < 3; ++c)
                         sum[static_cast<std::size_t>(c)] += r[static_cast<std::size_t>(c)];
                 }
@@ -490,7 +483,7 @@ RADIANCE render_lens(const LENS_TABLE &lens, const VIEW &view, int samples) {
     return out;
 }
 
-RADIANCE render_panorama(int width, int height, const VIEW &view, int samples) {
+template <class LOOK> RADIANCE render_panorama(int width, int height, const LOOK &look, int samples) {
     RADIANCE out(static_cast<std::size_t>(width) * static_cast<std::size_t>(height));
 #pragma omp parallel for schedule(dynamic, 4)
     for (int v = 0; v < height; ++v)
@@ -501,7 +494,7 @@ RADIANCE render_panorama(int width, int height, const VIEW &view, int samples) {
                     double d[3];
                     ImageProc::panorama_direction(u - 0.5 + (i + 0.5) / samples, v - 0.5 + (j + 0.5) / samples, width,
                                                   height, d);
-                    const RGB r = look(view, d);
+                    const RGB r = look(d);
                     for (int c = 0; c < 3; ++c)
                         sum[static_cast<std::size_t>(c)] += r[static_cast<std::size_t>(c)];
                 }
@@ -543,6 +536,9 @@ struct OPTIONS {
     bool mStereo = false;
     bool mRegions = false;
     int mDense = -1; // dense points asked of the reconstruction; -1: not given
+    bool mParallax = false;
+    double mBaseline = zarn_capture::DEFAULT_BASELINE;
+    bool mRepairs = false;
 };
 
 std::string numbered(const char *prefix, int n) {
@@ -562,6 +558,16 @@ void write_video(const std::string &path, const std::vector<ORN::Image> &frames)
         writer.write(ImageProc::mat(f));
 }
 
+void numbers(ORN::JsonWriter &json, const double *values, int count) {
+    json.raw("[");
+    for (int i = 0; i < count; ++i) {
+        if (i)
+            json.comma();
+        json.number(values[i]);
+    }
+    json.raw("]");
+}
+
 void make_job(const OPTIONS &o) {
     const ORN::String<char> job = o.mJob;
     const auto at = [&](std::string_view relative) { return FileSystemProc::join_path(job, relative); };
@@ -575,14 +581,31 @@ void make_job(const OPTIONS &o) {
     const int side = lenses[0].mWidth;
     const char *tags[2] = {"up", "down"};
     const double sensitivity[2] = {1.0, LOWER_SENSITIVITY};
+    // The radiance eye `eye` (a lens, or the rig centre for the truth) of
+    // capture point `point` sees at video frame `frame`: the room from one
+    // centre, or with --parallax the interior from the eye's own centre.
+    std::unique_ptr<zarn_capture::ParallaxRoom> parallax;
+    if (o.mParallax)
+        parallax = std::make_unique<zarn_capture::ParallaxRoom>(o.mBaseline);
+    const auto render = [&](int point, int frame, zarn_capture::EYE eye) {
+        const int height = o.mWidth / 2;
+        if (parallax) {
+            const zarn_capture::ParallaxRoom::View look = parallax->view(point, eye, VIDEO_TURN_DEGREES * frame);
+            return eye == zarn_capture::RIG_CENTRE ? render_panorama(o.mWidth, height, look, samples)
+                                                   : render_lens(lenses[static_cast<std::size_t>(eye)], look, samples);
+        }
+        const VIEW view = view_of(point, frame);
+        const auto look_from = [&view](const double d[3]) { return look(view, d); };
+        return eye == zarn_capture::RIG_CENTRE ? render_panorama(o.mWidth, height, look_from, samples)
+                                               : render_lens(lenses[static_cast<std::size_t>(eye)], look_from, samples);
+    };
 
     ORN::JsonWriter plan;
     plan.raw("{").key("stitch_main_param").raw("{").key("image_file").raw("[");
     for (int p = 0; p < o.mPoints; ++p) {
         const std::string name = numbered("point", p);
-        const VIEW view = view_of(p);
         for (int lens = 0; lens < 2; ++lens) {
-            const RADIANCE light = render_lens(lenses[static_cast<std::size_t>(lens)], view, samples);
+            const RADIANCE light = render(p, 0, zarn_capture::EYE(lens));
             const std::string stem = "captures/" + name + "_" + tags[lens];
             write_jpeg(at(stem + ".jpg"), expose(light, side, side, sensitivity[lens]));
             for (int b = 0; b < 4; ++b)
@@ -590,8 +613,7 @@ void make_job(const OPTIONS &o) {
                            expose(light, side, side, sensitivity[lens] * BRACKETS[b]));
         }
         const int height = o.mWidth / 2;
-        ORN::Image::write(at("truth/" + name + ".png"),
-                          expose(render_panorama(o.mWidth, height, view, samples), o.mWidth, height, 1.0));
+        ORN::Image::write(at("truth/" + name + ".png"), expose(render(p, 0, zarn_capture::RIG_CENTRE), o.mWidth, height, 1.0));
 
         if (p)
             plan.comma();
@@ -615,9 +637,8 @@ void make_job(const OPTIONS &o) {
         const std::string name = numbered("video", v);
         std::vector<ORN::Image> streams[4]; // up, down, up short, down short
         for (int f = 0; f < o.mFrames; ++f) {
-            const VIEW view = view_of(v, f);
             for (int lens = 0; lens < 2; ++lens) {
-                const RADIANCE light = render_lens(lenses[static_cast<std::size_t>(lens)], view, samples);
+                const RADIANCE light = render(v, f, zarn_capture::EYE(lens));
                 streams[lens].push_back(expose(light, side, side, sensitivity[lens]));
                 streams[2 + lens].push_back(expose(light, side, side, sensitivity[lens] * SHORT_EXPOSURE));
             }
@@ -638,6 +659,51 @@ void make_job(const OPTIONS &o) {
     }
     plan.raw("]}}");
     FileSystemProc::save_file(at("caches/stitch_data.json"), std::string_view(plan.text()));
+    if (!parallax)
+        return;
+    // Where the lenses stand, relative to the rig centre.
+    ORN::JsonWriter rig;
+    rig.raw("{").key("baseline").number(o.mBaseline).comma().key("lenses").raw("[");
+    for (int lens = 0; lens < 2; ++lens) {
+        const zarn_capture::POINT3 at_lens = parallax->eye_offset(zarn_capture::EYE(lens));
+        rig.raw(lens ? ",{" : "{").key("name").string(tags[lens]).comma().key("position");
+        numbers(rig, at_lens.data(), 3);
+        rig.raw("}");
+    }
+    rig.raw("]}");
+    FileSystemProc::save_file(at("truth/rig.json"), std::string_view(rig.text()));
+}
+
+// The regions around the near objects of the parallax scene where they
+// cross the band both lenses see (--repairs): written to
+// "truth/repairs.json" with the object each frames, and returned as the
+// member "ImageROIProcess" of the split data.
+std::string make_repairs(const OPTIONS &o) {
+    const std::array<LENS_TABLE, 2> lenses = make_lenses(o.mWidth);
+    const zarn_capture::ParallaxRoom room(o.mBaseline);
+    ORN::JsonWriter member, truth;
+    member.raw("{").key("regions").raw("[");
+    truth.raw("{").key("width").number(o.mWidth).comma().key("height").number(o.mWidth / 2);
+    truth.comma().key("regions").raw("[");
+    bool first = true;
+    for (int p = 0; p < o.mPoints; ++p)
+        for (const auto &[object, r] : room.repairs(p, lenses, o.mWidth)) {
+            const auto region = [&](ORN::JsonWriter &out, bool named) {
+                out.raw(first ? "{" : ",{").key("name").string(numbered("point", p));
+                if (named)
+                    out.comma().key("object").string(object);
+                out.comma().key("rect").raw("{").key("x").number(r.mX).comma().key("y").number(r.mY);
+                out.comma().key("w").number(r.mW).comma().key("h").number(r.mH).raw("}");
+                out.comma().key("method").string("auto").raw("}");
+            };
+            region(member, false);
+            region(truth, true);
+            first = false;
+        }
+    member.raw("]}");
+    truth.raw("]}");
+    FileSystemProc::save_file(FileSystemProc::join_path(o.mJob, "truth/repairs.json"), std::string_view(truth.text()));
+    return member.text();
 }
 
 // ---------------------------------------------------------------------------
@@ -996,16 +1062,6 @@ ORN::Image render_flat(const LENS_TABLE &lens, int index) {
     return expose(light, w, h, 1.0);
 }
 
-void numbers(ORN::JsonWriter &json, const double *values, int count) {
-    json.raw("[");
-    for (int i = 0; i < count; ++i) {
-        if (i)
-            json.comma();
-        json.number(values[i]);
-    }
-    json.raw("]");
-}
-
 void make_calibration(const OPTIONS &o) {
     const ORN::String<char> job = o.mJob;
     const auto at = [&](std::string_view relative) { return FileSystemProc::join_path(job, relative); };
@@ -1217,7 +1273,7 @@ constexpr int SMALL_CLOUD = 8000, MESH_CLOUD = 1000;
 
 // The member of each process the job holds work for, as the generator
 // writes it when the split data has none: name and JSON text.
-std::vector<std::pair<std::string, std::string>> job_members(const OPTIONS &o) {
+std::vector<std::pair<std::string, std::string>> job_members(const OPTIONS &o, const std::string &repairs) {
     std::vector<std::pair<std::string, std::string>> members;
     if (o.mCalibration) {
         std::string calib = R"({"enable_calib_main_calib":true,"enable_calib_main_analysis":true,)"
@@ -1235,6 +1291,8 @@ std::vector<std::pair<std::string, std::string>> job_members(const OPTIONS &o) {
         members.emplace_back("CalibMainProcess", calib + "}");
     }
     members.emplace_back(o.mStereo ? "StereoRotStitchMainProcess" : "StitchMainProcess", "{}");
+    if (o.mRepairs)
+        members.emplace_back("ImageROIProcess", repairs);
     if (o.mRegions && o.mPoints > 0)
         members.emplace_back("ImageFilterProcess", "{}");
     // A small cloud puts fewer points on a floor than the mesh process asks
@@ -1250,7 +1308,7 @@ std::vector<std::pair<std::string, std::string>> job_members(const OPTIONS &o) {
 // The split data: the members of an existing file are kept as they are
 // ("dense_points" set with --dense), and every process the job holds work
 // for gets its member when it has none.
-void write_split_data(const OPTIONS &o) {
+void write_split_data(const OPTIONS &o, const std::string &repairs) {
     const ORN::String<char> caches = FileSystemProc::join_path(o.mJob, "caches");
     const ORN::String<char> path = FileSystemProc::join_path(caches, "split_data.json");
     ORN::JsonParser old;
@@ -1281,7 +1339,7 @@ void write_split_data(const OPTIONS &o) {
         member("VeldaMainProcess");
         velda_member(out, ORN::JsonParser(), o.mDense);
     }
-    for (const auto &[name, text] : job_members(o))
+    for (const auto &[name, text] : job_members(o, repairs))
         if (!old.child(name).exist()) {
             member(name);
             out.raw(text);
@@ -1319,9 +1377,19 @@ bool number_option(const char *text, int low, int high, int &out) {
     return true;
 }
 
+// A distance in metres, 0..high.
+bool metres_option(const char *text, double high, double &out) {
+    char *end = nullptr;
+    const double v = std::strtod(text, &end);
+    if (end == text || *end != '\0' || !(v >= 0 && v <= high))
+        return false;
+    out = v;
+    return true;
+}
+
 constexpr const char *USAGE =
     "usage: zarn_capture JOBDIR [--width W] [--points N] [--videos N] [--frames N] [--calibration]\n"
-    "                    [--stereo] [--regions] [--dense N]\n"
+    "                    [--stereo] [--regions] [--dense N] [--parallax] [--baseline M] [--repairs]\n"
     "  --width W    panorama width of the ground truth, even, 64..8192 (512; 1024 with\n"
     "               --calibration, whose boards at the horizon need that much)\n"
     "  --points N   capture points, 0..999 (2)\n"
@@ -1333,6 +1401,13 @@ constexpr const char *USAGE =
     "  --dense N    also the reconstruction's images/ and N dense points asked of it,\n"
     "               0..100000000: \"dense_points\" in the split data's VeldaMainProcess.Common\n"
     "               (and \"VeldaMeshProcess\" from 1000 points on); needs a capture point\n"
+    "  --parallax   the lenses M metres apart on the rig's vertical axis, seeing the\n"
+    "               furnished interior with near objects; the truth from the rig centre\n"
+    "               and the lens positions in truth/rig.json (not with --stereo, --regions)\n"
+    "  --baseline M the distance between the lenses, 0..0.5 metres (0.03); implies --parallax\n"
+    "  --repairs    also regions around the near objects where they cross the lenses'\n"
+    "               overlap: \"ImageROIProcess\" in the split data and truth/repairs.json;\n"
+    "               implies --parallax, needs a capture point\n"
     "The split data caches/split_data.json switches on every process the job holds\n"
     "work for; members already there are kept.\n";
 
@@ -1364,6 +1439,12 @@ int main(int argc, char **argv) {
             o.mRegions = true;
         else if (a == "--dense")
             ok = has_value && number_option(argv[++i], 0, 100000000, o.mDense);
+        else if (a == "--parallax")
+            o.mParallax = true;
+        else if (a == "--baseline")
+            ok = o.mParallax = has_value && metres_option(argv[++i], zarn_capture::MAX_BASELINE, o.mBaseline);
+        else if (a == "--repairs")
+            o.mParallax = o.mRepairs = true;
         else if (!a.empty() && a[0] != '-' && o.mJob.empty())
             o.mJob = a;
         else
@@ -1377,6 +1458,14 @@ int main(int argc, char **argv) {
         o.mWidth = 1024;
     if (o.mDense >= 0 && o.mPoints == 0) {
         std::fprintf(stderr, "zarn_capture: --dense needs a capture point to reconstruct\n%s", USAGE);
+        return 2;
+    }
+    if (o.mParallax && (o.mStereo || o.mRegions)) {
+        std::fprintf(stderr, "zarn_capture: --parallax does not go with --stereo or --regions\n%s", USAGE);
+        return 2;
+    }
+    if (o.mRepairs && o.mPoints == 0) {
+        std::fprintf(stderr, "zarn_capture: --repairs needs a capture point to repair\n%s", USAGE);
         return 2;
     }
     if (o.mJob.empty()) {
@@ -1394,7 +1483,7 @@ int main(int argc, char **argv) {
             make_regions(o);
         if (o.mDense >= 0)
             write_images(o);
-        write_split_data(o);
+        write_split_data(o, o.mRepairs ? make_repairs(o) : std::string());
     } catch (const std::exception &e) {
         std::fprintf(stderr, "zarn_capture: %s\n", e.what());
         return 1;
