@@ -52,6 +52,10 @@ constexpr const char *meaning(long long code) noexcept {
     }
 }
 
+// The third int of the image executes' `size`: the overlap band blended as
+// the lenses' views fall, or aligned by optical flow first.
+enum SEAM : int { SEAM_PLAIN = 0, SEAM_FLOW = 1 };
+
 // The constant of the init entries: bits per channel of the outputs.
 inline constexpr int OUTPUT_BITS = 8;
 // Largest number of exposure brackets per lens of the HDR execute entry.
@@ -72,8 +76,8 @@ using INIT_OPT_FLOW_STITCH = int(IMAGE_HANDLE handle, const char *upper_table, c
                                  int height, int estimate_width, int estimate_height, int bits);
 // Stitches one capture: the upper and lower lens images into the panorama
 // `output` (the format follows its extension: .jpg, .png, .tif). `size`
-// points to two ints, the panorama's width and height (the init size or
-// another one). `statistics`, when not null, receives two doubles: the gain
+// points to three ints: the panorama's width and height (the init size or
+// another one) and a SEAM, how the band where both lenses see is blended. `statistics`, when not null, receives two doubles: the gain
 // applied to the lower lens and the mean absolute difference of the two
 // lenses over their overlap, in grey levels after the gain. `name` is the
 // capture point's name (any text, for the library's own messages; may be

@@ -100,6 +100,25 @@ public:
         ORN_NODE(ACT_mImageStitch_mEnable);
         explicit ACT_mImageStitch_mEnable(ORN::SyntaxTree &tree) : SWITCH(tree, "image_stitch") {}
     };
+    // How the overlap band of each panorama is blended: the split data's
+    // "seam", "flow" (the default: aligned by optical flow) or "plain"; the
+    // third int of the image executes' size.
+    struct CON_mStitchSeam {
+        ORN_NODE(CON_mStitchSeam);
+        int mSelf = StitchLibrary::SEAM_FLOW;
+        explicit CON_mStitchSeam(ORN::SyntaxTree &tree) {
+            const auto &json = tree.stack<CON_mSplitDataJson>();
+            tree.once([this, &json] {
+                const String<char> seam = json.mSelf.child("seam").value("flow");
+                if (seam != "flow" && seam != "plain") {
+                    ORN::console().error("caches/split_data.json : StitchMainProcess : seam : \"", seam,
+                                         "\" is neither \"flow\" nor \"plain\"");
+                    _DYNAMIC_ASSERT_(seam == "flow" || seam == "plain");
+                }
+                mSelf = seam == "plain" ? StitchLibrary::SEAM_PLAIN : StitchLibrary::SEAM_FLOW;
+            });
+        }
+    };
     struct CON_mAlwaysInpaint : SWITCH<false> {
         ORN_NODE(CON_mAlwaysInpaint);
         explicit CON_mAlwaysInpaint(ORN::SyntaxTree &tree) : SWITCH(tree, "always_inpaint") {}
@@ -172,9 +191,9 @@ public:
     // and the way it is stitched.
     static String<char> panorama_fingerprint(const ORN::JobDirectory &job, const NDS_mStitchDataImage &image,
                                              const CON_mImageStitchDistortTableFile &tables,
-                                             const ORN::PACK<std::int32_t, std::int32_t> &size) {
+                                             const ORN::PACK<std::int32_t, std::int32_t> &size, int seam) {
         Fingerprint fingerprint;
-        fingerprint.add(image.name).add(image.config).add(size.mP1).add(size.mP2).add(image.brackets());
+        fingerprint.add(image.name).add(image.config).add(size.mP1).add(size.mP2).add(image.brackets()).add(seam);
         fingerprint.add_file(job, tables.mNames.mP1).add_file(job, tables.mNames.mP2);
         if (image.brackets() == 0)
             fingerprint.add_file(job, image.raw1).add_file(job, image.raw2);
@@ -191,6 +210,7 @@ public:
         // fingerprints, recorded as each panorama is made.
         ORN::Array<INDEX> mTodo;
         ORN::Array<String<char>> mKeys;
+        int mSeam = StitchLibrary::SEAM_FLOW; // the third int of the executes' size
         explicit ACT_mImageStitch(ORN::SyntaxTree &tree) {
             tree.stack<ACT_mWorkingPath>();
             const auto &enable = tree.stack<ACT_mImageStitch_mEnable>();
@@ -199,6 +219,7 @@ public:
             const auto &sizes = tree.stack<CON_mImageStitchPanoramaWidth>();
             const auto &setting = tree.stack<CON_mSetting>();
             const auto &path = tree.stack<VAR_mWorkingPath>();
+            const auto &seam = tree.stack<CON_mStitchSeam>();
             tree.stack<CON_mStitchRequiredFile>();
             // Held for the stitcher objects, which are declared only when
             // there is work.
@@ -208,15 +229,16 @@ public:
             // The objects are fetched only when there is work: they play
             // before the second phase, which does the stitching.
             const auto &tables = tree.stack<CON_mImageStitchDistortTableFile>();
-            tree.once([this, &tree, &enable, &data, &configs, &sizes, &setting, &path, &tables] {
+            tree.once([this, &tree, &enable, &data, &configs, &sizes, &setting, &path, &tables, &seam] {
                 if (!enable.mSelf || data.mImage.empty())
                     return;
+                mSeam = seam.mSelf;
                 const ORN::JobDirectory job(path.mSelf);
                 FingerprintRecord record(job, String<char>(FINGERPRINTS));
                 for (INDEX i = 0; i < data.mImage.size(); ++i) {
                     const NDS_mStitchDataImage &image = data.mImage[i];
                     const String<char> key =
-                        panorama_fingerprint(job, image, tables, sizes.mSelf[image.resolution - 1]);
+                        panorama_fingerprint(job, image, tables, sizes.mSelf[image.resolution - 1], mSeam);
                     if (record.up_to_date(image.dst1, key, {image.dst1}))
                         continue;
                     mTodo.append(i);
@@ -256,7 +278,7 @@ public:
                     const NDS_mStitchDataImage &image = data.mImage[i];
                     const auto me = mHandles->mSelf[configs.mConfigSet.map(image.config)].self().mP1;
                     const auto &size = sizes.mSelf[image.resolution - 1];
-                    const int wh[2] = {size.mP1, size.mP2};
+                    const int wh[3] = {size.mP1, size.mP2, mSeam};
                     const String<char> output = job.path(image.dst1);
                     ORN::console().info("processing image [", i, "] ", image.name);
                     int result;

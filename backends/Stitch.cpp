@@ -32,6 +32,8 @@
 
 #include "backend_support.h"
 #include "stitch_core.h"
+#include "stitch_flow.h"
+#include "stitch_repair.h"
 
 #include "ZARN_Common/StitchLibrary.h"
 
@@ -44,6 +46,59 @@ namespace Lib = ZARN::StitchLibrary;
 using zarn_stitch::guarded;
 using zarn_stitch::Stitcher;
 using zarn_stitch::text;
+
+namespace {
+
+// The composition the seam switch, the third int of an image execute's
+// `size`, asks for (null: the plain blend); false for an unknown switch.
+bool seam_compose(const int *size, Stitcher::COMPOSE *&how) {
+    how = nullptr;
+    if (size == nullptr)
+        return true; // refused by the execute itself
+    if (size[2] == Lib::SEAM_FLOW)
+        how = zarn_stitch::compose_flow;
+    return size[2] == Lib::SEAM_PLAIN || size[2] == Lib::SEAM_FLOW;
+}
+
+// An image execute's `size` in the trace: "WxHxS".
+std::string seam_size_text(const int *size) {
+    return size ? text(size) + "x" + std::to_string(size[2]) : std::string();
+}
+
+// The repair entry's paths in the trace: the exposures' paths joined by
+// ";" (an out-of-range bracket count: the address alone).
+std::string paths_text(const char *const *paths, int brackets) {
+    if (paths == nullptr || brackets < 1 || brackets > Lib::MAX_BRACKETS)
+        return text(static_cast<const void *>(paths));
+    std::string t;
+    for (int i = 0; i < brackets; ++i) {
+        if (i > 0)
+            t += ';';
+        t += text(paths[i]);
+    }
+    return t;
+}
+
+// Its regions: "x,y,w,h,method" records joined by ";" (an out-of-range
+// count: the address alone).
+std::string regions_text(const int *regions, int count) {
+    if (regions == nullptr || count < 1 || count > Lib::MAX_REPAIR_REGIONS)
+        return text(static_cast<const void *>(regions));
+    std::string t;
+    for (int i = 0; i < count; ++i) {
+        const int *r = regions + 5 * i;
+        if (i > 0)
+            t += ';';
+        for (int k = 0; k < 5; ++k) {
+            if (k > 0)
+                t += ',';
+            t += std::to_string(r[k]);
+        }
+    }
+    return t;
+}
+
+} // namespace
 
 namespace KIVO_Stitch {
 struct KIVO_OptFlowStitchParams {
@@ -88,14 +143,18 @@ ZARN_BACKEND_ENTRY int KIVO_ExecuteOptFlowStitchHandle(Lib::IMAGE_HANDLE handle,
                                                        const char *output, const int *size, double *statistics,
                                                        const char *name) {
     const auto code = zarn_backend::enter("KIVO_ExecuteOptFlowStitchHandle",
-                                          {text(handle), text(upper), text(lower), text(output), text(size),
+                                          {text(handle), text(upper), text(lower), text(output), seam_size_text(size),
                                            text(static_cast<const void *>(statistics)), text(name)});
     if (handle == nullptr)
         return Lib::KIVO_BAD_ARGUMENT;
     Stitcher &s = handle->mStitcher;
     if (code)
         return s.keep(*code);
-    return s.keep(guarded(Lib::KIVO_WRITE_FAILED, [&] { return s.execute_image({upper}, {lower}, output, size, statistics); }));
+    Stitcher::COMPOSE *how = nullptr;
+    if (!seam_compose(size, how))
+        return s.keep(Lib::KIVO_BAD_ARGUMENT);
+    return s.keep(guarded(Lib::KIVO_WRITE_FAILED,
+                          [&] { return s.execute_image({upper}, {lower}, output, size, statistics, how); }));
 }
 
 ZARN_BACKEND_ENTRY int KIVO_ExecuteOptFlowStitchHDRHandle(Lib::IMAGE_HANDLE handle, const char *upper_0,
@@ -106,19 +165,20 @@ ZARN_BACKEND_ENTRY int KIVO_ExecuteOptFlowStitchHDRHandle(Lib::IMAGE_HANDLE hand
     const auto code = zarn_backend::enter("KIVO_ExecuteOptFlowStitchHDRHandle",
                                           {text(handle), text(upper_0), text(upper_1), text(upper_2), text(upper_3),
                                            text(lower_0), text(lower_1), text(lower_2), text(lower_3), text(output),
-                                           text(size), std::to_string(brackets)});
+                                           seam_size_text(size), std::to_string(brackets)});
     if (handle == nullptr)
         return Lib::KIVO_BAD_ARGUMENT;
     Stitcher &s = handle->mStitcher;
     if (code)
         return s.keep(*code);
-    if (brackets < 1 || brackets > Lib::MAX_BRACKETS)
+    Stitcher::COMPOSE *how = nullptr;
+    if (brackets < 1 || brackets > Lib::MAX_BRACKETS || !seam_compose(size, how))
         return s.keep(Lib::KIVO_BAD_ARGUMENT);
     const std::vector<const char *> upper = {upper_0, upper_1, upper_2, upper_3};
     const std::vector<const char *> lower = {lower_0, lower_1, lower_2, lower_3};
     return s.keep(guarded(Lib::KIVO_WRITE_FAILED, [&] {
         return s.execute_image({upper.begin(), upper.begin() + brackets}, {lower.begin(), lower.begin() + brackets},
-                               output, size, nullptr);
+                               output, size, nullptr, how);
     }));
 }
 
@@ -127,16 +187,20 @@ ZARN_BACKEND_ENTRY int KIVO_ExecutePanoRepairHandle(Lib::IMAGE_HANDLE handle, co
                                                     const char *output, const int *size, const int *regions,
                                                     int count) {
     const auto code = zarn_backend::enter("KIVO_ExecutePanoRepairHandle",
-                                          {text(handle), text(static_cast<const void *>(upper)),
-                                           text(static_cast<const void *>(lower)), std::to_string(brackets),
-                                           text(panorama), text(output), text(size), text(static_cast<const void *>(regions)),
-                                           std::to_string(count)});
+                                          {text(handle), paths_text(upper, brackets), paths_text(lower, brackets),
+                                           std::to_string(brackets), text(panorama), text(output), text(size),
+                                           regions_text(regions, count), std::to_string(count)});
     if (handle == nullptr)
         return Lib::KIVO_BAD_ARGUMENT;
     Stitcher &s = handle->mStitcher;
     if (code)
         return s.keep(*code);
-    return s.keep(Lib::KIVO_BAD_ARGUMENT);
+    if (upper == nullptr || lower == nullptr || brackets < 1 || brackets > Lib::MAX_BRACKETS)
+        return s.keep(Lib::KIVO_BAD_ARGUMENT);
+    return s.keep(guarded(Lib::KIVO_WRITE_FAILED, [&] {
+        return zarn_stitch::repair_panorama(s, {upper, upper + brackets}, {lower, lower + brackets}, panorama, output,
+                                            size, regions, count);
+    }));
 }
 
 ZARN_BACKEND_ENTRY int KIVO_GetOptFlowStitchCode(Lib::IMAGE_HANDLE handle) {

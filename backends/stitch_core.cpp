@@ -124,7 +124,7 @@ int Stitcher::init_tables(const LENS_TABLE &upper, const LENS_TABLE &lower, int 
 }
 
 int Stitcher::execute_image(const std::vector<const char *> &upper, const std::vector<const char *> &lower,
-                            const char *output, const int *size, double *statistics) const {
+                            const char *output, const int *size, double *statistics, COMPOSE *how) const {
     if (!mReady.load())
         return Lib::KIVO_NOT_INITIALISED;
     if (output == nullptr || size == nullptr || !valid_size(size[0], size[1]) ||
@@ -153,11 +153,11 @@ int Stitcher::execute_image(const std::vector<const char *> &upper, const std::v
         fused[lens] = fuse(exposures);
     }
     double difference = 0;
-    const double gain = match_exposure(*maps(mEstimateWidth, mEstimateHeight), fused[0], fused[1], difference);
+    const double gain = exposure_gain(fused[0], fused[1], difference);
     const std::shared_ptr<const PanoramaMaps> panorama = maps(size[0], size[1]);
     ORN::Image out(size[0], size[1], 3, ORN::ImageDepth::U8);
     cv::Mat pixels = ImageProc::mat(out);
-    compose(*panorama, fused[0], fused[1], gain, pixels);
+    (how ? how : compose)(*panorama, fused[0], fused[1], gain, pixels);
     ORN::Buffer<unsigned char> bytes;
     if (!ORN::try_run([&] { bytes = ORN::Image::encode(lower_extension(output), out); }) || !write_whole(output, bytes))
         return Lib::KIVO_WRITE_FAILED;
@@ -166,6 +166,10 @@ int Stitcher::execute_image(const std::vector<const char *> &upper, const std::v
         statistics[1] = difference;
     }
     return Lib::KIVO_OK;
+}
+
+double Stitcher::exposure_gain(const cv::Mat &upper, const cv::Mat &lower, double &difference) const {
+    return match_exposure(*maps(mEstimateWidth, mEstimateHeight), upper, lower, difference);
 }
 
 int Stitcher::execute_video(const char *upper, const char *lower, const char *upper_short, const char *lower_short,

@@ -127,11 +127,23 @@ public:
     // Makes the object uninitialised (a failed init).
     void reset() { mReady.store(false); }
 
+    // How the two lenses' views are put together (compose of stitch_maps.h,
+    // or another blend of the band).
+    using COMPOSE = void(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lower, double gain,
+                         cv::Mat &out);
     // One panorama from the exposures of each lens (fused when there are
     // several); `statistics`, when not null, receives the lower lens's gain
-    // and the mean difference over the overlap.
+    // and the mean difference over the overlap. `size` is the panorama's
+    // width and height; `how` composes it (null: compose).
     int execute_image(const std::vector<const char *> &upper, const std::vector<const char *> &lower,
-                      const char *output, const int *size, double *statistics) const;
+                      const char *output, const int *size, double *statistics, COMPOSE *how = nullptr) const;
+    // The lens tables and the gain of the lower lens for its fused capture
+    // (exposure_gain), and the remap tables of a size, for an entry that
+    // composes panoramas in its own way; null before a successful init.
+    const LENS_TABLE *upper_lens() const { return mReady.load() ? &mUpper : nullptr; }
+    const LENS_TABLE *lower_lens() const { return mReady.load() ? &mLower : nullptr; }
+    double exposure_gain(const cv::Mat &upper, const cv::Mat &lower, double &difference) const;
+    std::shared_ptr<const PanoramaMaps> maps(int width, int height) const;
     // One Motion-JPEG video from two or four streams.
     int execute_video(const char *upper, const char *lower, const char *upper_short, const char *lower_short,
                       const char *output, double *hdr_value, double *fov) const;
@@ -146,7 +158,6 @@ private:
     static void accumulate_ratio(const cv::Mat &normal, const cv::Mat &dim, const double *linear, double &normal_light,
                                  double &short_light);
     std::shared_ptr<const PanoramaMaps> maps_locked(int width, int height) const;
-    std::shared_ptr<const PanoramaMaps> maps(int width, int height) const;
 
     std::atomic<int> mCode{ZARN::StitchLibrary::KIVO_OK};
     std::atomic<bool> mReady{false};

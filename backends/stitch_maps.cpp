@@ -167,6 +167,22 @@ double match_exposure(const PanoramaMaps &maps, const cv::Mat &upper, const cv::
     return gain;
 }
 
+void band_views(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lower, double gain, cv::Mat &up,
+                cv::Mat &down) {
+    const int a = maps.band_begin(), b = maps.band_end();
+    if (b <= a) {
+        up.release();
+        down.release();
+        return;
+    }
+    up.create(b - a, maps.mWidth, CV_8UC3);
+    down.create(b - a, maps.mWidth, CV_8UC3);
+    remap_rows(upper, maps.mUpperMap1, maps.mUpperMap2, 0, a, b, up);
+    remap_rows(lower, maps.mLowerMap1, maps.mLowerMap2, maps.mLowerBegin, a, b, down);
+    if (gain != 1.0)
+        down.convertTo(down, CV_8U, gain);
+}
+
 void compose(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lower, double gain, cv::Mat &out) {
     const int h = maps.mHeight;
     const int a = maps.band_begin(), b = maps.band_end();

@@ -49,6 +49,12 @@ PanoramaMaps build_maps(const LENS_TABLE &upper, const LENS_TABLE &lower, int wi
 // difference over the overlap after the gain (0 without overlap).
 double match_exposure(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lower, double &difference);
 
+// The two lenses' views of the band rows (band_end () - band_begin () rows
+// of the maps' width, CV_8UC3, black where a lens does not see), the lower
+// one scaled by gain; empty without a band.
+void band_views(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lower, double gain, cv::Mat &up,
+                cv::Mat &down);
+
 // Composes the panorama into `out` (the maps' size, CV_8UC3, allocated by
 // the caller) from the two captures (CV_8UC3), the lower one scaled by gain.
 void compose(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lower, double gain, cv::Mat &out);

@@ -1,0 +1,60 @@
+#pragma once
+
+// Flow-aligned seams of the stitching library: the two lenses' views of the
+// overlap band are aligned by dense optical flow before they are blended, so
+// that a near object, which the two lens centres see from a few centimetres
+// apart, is neither doubled nor cut at the seam.
+//
+// Given the two views of a piece of the panorama (the upper lens's U, the
+// lower lens's L after its gain) and the upper lens's share w of each pixel
+// (stitch_maps.h), the flow F from U to L (U(p) ~ L(p + F(p))) is estimated
+// on grey levels by OpenCV's DIS, and each view is moved part of the way:
+//
+//   out(p) = w U(p - (1 - w) F(p)) + (1 - w) L(p + w F(p))
+//
+// Where w is 1 (only the upper lens sees the pixel) the upper view is taken
+// unmoved, where it is 0 the lower one, so the band's edges stay where each
+// lens alone puts them; half-way across, both views meet at the middle of
+// their disagreement. Where one lens does not see a pixel, its view is
+// filled with the other's before the flow, so the flow there is nil.
+//
+// DIS runs with its spatial propagation off: with it, the result depends on
+// how many stripes OpenCV splits the image into, which is its thread count.
+// Without it every patch is searched on its own, and the flow is the same
+// bytes on every machine, thread count and worker.
+
+#include "stitch_maps.h"
+
+#include <opencv2/core.hpp>
+
+namespace zarn_stitch {
+
+// How the flow is estimated.
+struct FLOW_SETTINGS {
+    int mScale;         // the flow is estimated at 1/mScale of the panorama's resolution (1, 2 or 4)
+    int mPatch;         // DIS patch size, pixels of the estimate
+    int mStride;        // DIS patch stride
+    int mIterations;    // DIS gradient-descent iterations per patch
+    int mRefinement;    // variational refinement iterations (0: none)
+    int mContext;       // pixels of context around a repaired region that the flow also sees
+};
+
+// The seam of every stitched panorama: half resolution, fast.
+inline constexpr FLOW_SETTINGS SEAM_FLOW{2, 8, 4, 16, 5, 0};
+// The re-alignment of a repaired region: full resolution, denser patches,
+// more refinement and 64 pixels of context on every side.
+inline constexpr FLOW_SETTINGS REPAIR_FLOW{1, 8, 3, 25, 10, 64};
+
+// The flow-aligned blend of one piece of the panorama: `upper` and `lower`
+// the two views (CV_8UC3, black where a lens does not see), the lower one
+// before `gain`, `weight` the upper lens's share (CV_32FC1); `wrap`: the
+// piece is the panorama's whole width, whose left and right edges meet.
+// Writes `out` (CV_8UC3, the size of the views; may be allocated by the
+// caller). Where the flow is nil the pixels are compose's, to the bit.
+void flow_blend(const cv::Mat &upper, const cv::Mat &lower, double gain, const cv::Mat &weight,
+                const FLOW_SETTINGS &settings, bool wrap, cv::Mat &out);
+
+// As compose (stitch_maps.h), the band aligned by flow_blend with SEAM_FLOW.
+void compose_flow(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lower, double gain, cv::Mat &out);
+
+} // namespace zarn_stitch
