@@ -30,6 +30,7 @@ public:
     virtual void clear() = 0;
     virtual void set_screen_level(ConsoleLevel level) = 0;
     virtual void redirect(std::intptr_t out, std::intptr_t err) = 0;
+    virtual void listen(Function<void(ConsoleLevel, std::string_view)> listener) = 0;
     // One line of the progress report `owner`: a tenth line goes to the log
     // and to the screen, any line is drawn in place on a terminal.
     virtual void write_progress(const void *owner, std::string_view text, bool tenth) = 0;
@@ -53,6 +54,13 @@ public:
             screen_line_locked(ConsoleService::attribute(level), text, level == ConsoleLevel::Fatal || level == ConsoleLevel::Error);
         }
         write_log_locked(ConsoleService::tag(level), text);
+        if (mListener.exist())
+            mListener(level, text);
+    }
+
+    void listen(Function<void(ConsoleLevel, std::string_view)> listener) override {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mListener = std::move(listener);
     }
 
     void redirect(std::intptr_t out, std::intptr_t err) override {
@@ -254,6 +262,7 @@ private:
     void *mConsole = nullptr;
     String<char> mLogDirectory;
     StreamLoader mLog;
+    Function<void(ConsoleLevel, std::string_view)> mListener;
     TextWriter mWriter;
     // The progress line drawn in place on the terminal, if any: its report,
     // its text and the width it covers on the screen.
@@ -292,6 +301,7 @@ void ConsoleService::pause() { mThis->pause(); }
 void ConsoleService::clear() { mThis->clear(); }
 void ConsoleService::set_screen_level(ConsoleLevel level) { mThis->set_screen_level(level); }
 void ConsoleService::redirect(std::intptr_t out, std::intptr_t err) { mThis->redirect(out, err); }
+void ConsoleService::listen(Function<void(ConsoleLevel, std::string_view)> listener) { mThis->listen(std::move(listener)); }
 
 // ---------------------------------------------------------------------------
 // Progress reports. The count is one atomic; a line is written only when an

@@ -114,6 +114,14 @@ public:
     // own lines.
     void redirect(std::intptr_t out, std::intptr_t err);
 
+    // From now on `listener` is called with the level and the text (control
+    // bytes written out) of every line a level operation writes, shown or
+    // not, right after it is written and under the service's mutex, so in
+    // the console's order; a line the listener writes itself is dropped. An
+    // empty function ends it. The launcher learns a job's build stamp and
+    // failure lines this way.
+    void listen(Function<void(ConsoleLevel, std::string_view)> listener);
+
     // Rotates the log of the directory and opens a new one: "console.old.log"
     // is deleted, "console.log" (if present) becomes "console.old.log", and
     // "console.log" is opened for appending. The directory is created when

@@ -1,7 +1,9 @@
 // zarn: runs the module's processes over capture job directories.
 //
 //   zarn run [--process NAME]... [--libs DIR] [--log DIR] [--module FILE] [--no-wait] [--verbose]
-//            [--time-limit SECONDS] [--force] WORKDIR...
+//            [--time-limit SECONDS] [--force] [-j N] WORKDIR...
+//   zarn status [--json] WORKDIR...
+//   zarn submit [options] WORKDIR... | --from FILE;  zarn submit --again SUBMISSION
 //   zarn graph --process NAME WORKDIR
 //   zarn list
 //   zarn --help | --version
@@ -15,9 +17,15 @@
 
 #include "__ORN__/orn_runtime.h"
 
+#include "host/launcher.h"
+#include "host/run_record.h"
+#include "host/status.h"
+#include "host/submit.h"
+
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,6 +38,10 @@
 #include <array>
 #include <atomic>
 #include <charconv>
+#include <map>
+#include <set>
+#include <memory>
+#include <mutex>
 #include <thread>
 #include <cstdio>
 #include <filesystem>
@@ -41,28 +53,35 @@
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr std::array<std::string_view, 9> PROCESS_ORDER = {
-    "CalibMainProcess",  "StitchMainProcess", "StereoRotStitchMainProcess", "ImageROIProcess",     "ImageFilterProcess",
-    "VeldaMainProcess",  "VeldaMeshProcess",  "VideoTransferProcess",       "VideoROIProcess",
-};
+using namespace ZARN::Host;
 
 constexpr const char *USAGE = R"(usage:
   zarn run [--process NAME]... [--libs DIR] [--log DIR] [--module FILE]
-           [--no-wait] [--verbose] [--time-limit SECONDS] [--force] WORKDIR...
+           [--no-wait] [--verbose] [--time-limit SECONDS] [--force] [-j N]
+           WORKDIR...
+  zarn status [--json] WORKDIR...
+  zarn submit [--partition P] [--cpus N] [--mem SIZE] [--time T]
+              [--max-parallel K] [--process NAME]... [--libs DIR] [--into DIR]
+              WORKDIR... | --from FILE
+  zarn submit --again SUBMISSION
   zarn graph --process NAME WORKDIR
   zarn list
   zarn --help | --version
 
 run      runs the processes over each working directory (all nine in the
          default order, or the ones named with --process, in the order given)
+status   tells what the last run of each working directory came to, from its
+         run record caches/zarn_run.json
+submit   runs the working directories on a Slurm cluster, one array task per
+         directory (see docs/FARM.md)
 graph    prints the node graph of one process in Graphviz DOT form
 list     prints the nine process names in the default order
 
 --libs DIR     directory of the closed libraries, "asset/distortion.txt" and
                the shared "setting.xml"; becomes the current directory
 --log DIR      writes the console log to DIR/console.log (the previous one is
-               kept as console.old.log)
+               kept as console.old.log); with -j N above 1 each job's own log
+               goes to DIR/<job name>/console.log
 --module FILE  the module to load (default: ../lib/libZARN_Velda.so next to
                this program)
 --no-wait      fail at once when another run holds a job's lock, instead of
@@ -76,6 +95,9 @@ list     prints the nine process names in the default order
 --force        redoes all work, also what is up to date (work whose inputs
                and parameters are those of the files it made last time is
                otherwise kept)
+-j N           runs N working directories at once (default 1), each on its
+               share of the processors; every console line of a job then
+               starts with "[<job name>] "
 
 Each working directory runs in a child process of its own: a library that
 ends the program (exit, _exit) or crashes it (a signal) fails that job's
@@ -84,14 +106,15 @@ process past its time limit is killed with every program it started. What
 the processes and their libraries print on standard output and standard
 error reaches the console and the log line by line. Error lines go to
 standard error. The run ends with a summary: each job's processes with
-their state (failed first, then done, skipped, not run) and time.
+their state (failed first, then done, skipped, not run) and time. Each job
+keeps the record of its run in caches/zarn_run.json.
 
-SIGTERM, SIGINT or SIGHUP stop the job that runs (the signal is passed on to
-all its programs, which are killed after 10 s), no further job starts, and
+SIGTERM, SIGINT or SIGHUP stop the jobs that run (the signal is passed on to
+all their programs, which are killed after 10 s), no further job starts, and
 zarn exits with 128 + the signal's number.
 
 exit status: 0 all done, 1 a process failed, 2 usage error, 128 + N
-             stopped by signal N
+             stopped by signal N; zarn status: 0 every job done, 1 not
 )";
 
 // Why the console log cannot be written in `directory` ("<path> : <reason>"),
@@ -120,14 +143,6 @@ std::string log_problem(const std::string &directory) {
     return std::string();
 }
 
-constexpr int EXIT_DONE = 0;
-constexpr int EXIT_FAILED = 1;
-constexpr int EXIT_USAGE = 2;
-
-struct UsageError {
-    std::string reason;
-};
-
 struct Options {
     std::string command;
     std::vector<std::string> processes;
@@ -138,28 +153,17 @@ struct Options {
     bool verbose = false;
     bool force = false;
     std::int64_t time_limit = -1; // seconds; negative: the settings decide
+    std::int64_t parallel = 1;    // jobs at once
     std::vector<std::string> workdirs;
 };
 
-bool known_process(std::string_view name) {
-    for (auto p : PROCESS_ORDER)
-        if (p == name)
-            return true;
-    return false;
-}
-
-// Absolute and lexically normal, without a trailing separator.
-std::string absolute_path(const std::string &path) {
-    std::string p = fs::absolute(fs::path(path)).lexically_normal().string();
-    while (p.size() > 1 && p.back() == '/')
-        p.pop_back();
-    return p;
-}
-
-std::string launcher_directory() {
-    std::error_code ec;
-    const fs::path self = fs::read_symlink("/proc/self/exe", ec);
-    return ec ? std::string(".") : self.parent_path().string();
+// A whole number of at least `least`, or the usage error `what`.
+std::int64_t whole_number(const std::string &text, std::int64_t least, const std::string &what) {
+    std::int64_t n = -1;
+    const auto r = std::from_chars(text.data(), text.data() + text.size(), n);
+    if (r.ec != std::errc() || r.ptr != text.data() + text.size() || n < least)
+        throw UsageError{what + text};
+    return n;
 }
 
 Options parse(int argc, char **argv) {
@@ -203,11 +207,13 @@ Options parse(int argc, char **argv) {
         } else if (a == "--time-limit" && o.command == "run") {
             std::string text;
             value(text);
-            std::int64_t seconds = -1;
-            const auto r = std::from_chars(text.data(), text.data() + text.size(), seconds);
-            if (r.ec != std::errc() || r.ptr != text.data() + text.size() || seconds < 0)
-                throw UsageError{"--time-limit needs a whole number of seconds, not " + text};
-            o.time_limit = seconds;
+            o.time_limit = whole_number(text, 0, "--time-limit needs a whole number of seconds, not ");
+        } else if ((a == "-j" || a == "--jobs") && o.command == "run") {
+            std::string text;
+            value(text);
+            o.parallel = whole_number(text, 1, "-j needs a whole number of jobs, at least 1, not ");
+        } else if (a.size() > 2 && a.substr(0, 2) == "-j" && o.command == "run") {
+            o.parallel = whole_number(std::string(a.substr(2)), 1, "-j needs a whole number of jobs, at least 1, not ");
         } else if (a.size() > 1 && a[0] == '-') {
             throw UsageError{"unknown option " + std::string(a)};
         } else {
@@ -234,16 +240,22 @@ using Factory = ORN::StrongRef<ZARN::Process> (*)();
 using Factories = std::vector<std::pair<std::string, Factory>>;
 
 // What the child running a job tells the launcher, one message per event:
-// a process starts (its index), the time limit it asks for, and how it
-// ended. Each message is one write of a few bytes, so it arrives whole.
+// a process starts (its index), the time limit it asks for, how it ended,
+// and the module's build stamp once a banner showed it (followed by that
+// many bytes of text). Each message is one write of at most a few hundred
+// bytes, so it arrives whole.
 struct EVENT {
-    enum Kind : char { START = 's', LIMIT = 'l', DONE = 'd', SKIPPED = 'k', FAILED = 'f' } mKind;
-    std::int64_t mValue; // START: the process's index; LIMIT: seconds
+    enum Kind : char { START = 's', LIMIT = 'l', DONE = 'd', SKIPPED = 'k', FAILED = 'f', STAMP = 'b' } mKind;
+    std::int64_t mValue; // START: the process's index; LIMIT: seconds; STAMP: the text's length
 };
 
-void tell(int pipe, EVENT::Kind kind, std::int64_t value = 0) {
-    const EVENT event{kind, value};
-    [[maybe_unused]] const auto n = ::write(pipe, &event, sizeof(event));
+void tell(int pipe, EVENT::Kind kind, std::int64_t value = 0, std::string_view text = {}) {
+    char message[sizeof(EVENT) + 256];
+    const std::size_t length = std::min<std::size_t>(text.size(), 256);
+    const EVENT event{kind, text.empty() ? value : static_cast<std::int64_t>(length)};
+    std::memcpy(message, &event, sizeof(event));
+    std::memcpy(message + sizeof(event), text.data(), length);
+    [[maybe_unused]] const auto n = ::write(pipe, message, sizeof(event) + length);
 }
 
 // What a process of a job came to, for the summary.
@@ -369,25 +381,129 @@ private:
     std::thread mThread;
 };
 
-// The child's side: runs the processes of one job in order and reports
-// each one; returns the exit status of the child. `time_limit` is the
-// launcher's option (negative: none given, the settings decide).
-int run_job(const std::string &workdir, const Factories &factories, int pipe, std::int64_t time_limit) {
+// What one job of a run is given: its working directory, the text that
+// starts each of its console lines and its own log directory (both only
+// when several jobs run at once).
+struct JOB {
+    std::string mWorkdir;
+    std::string mLabel;
+    std::string mLog;
+};
+
+// What the console of a job's child says that its run record keeps: the
+// module's build stamp from a banner ("BUILD-TIME = <stamp>") and the last
+// error line, the one that tells a person why a process failed.
+class ConsoleWatch {
+public:
+    ConsoleWatch() {
+        ORN::console().listen([this](ORN::ConsoleLevel level, std::string_view text) {
+            constexpr std::string_view BANNER = "BUILD-TIME = ";
+            const std::lock_guard<std::mutex> lock(mMutex);
+            if (level == ORN::ConsoleLevel::Error || level == ORN::ConsoleLevel::Fatal)
+                mLastError = text;
+            else if (level == ORN::ConsoleLevel::Print && text.substr(0, BANNER.size()) == BANNER)
+                mStamp = text.substr(BANNER.size());
+        });
+    }
+    ConsoleWatch(const ConsoleWatch &) = delete;
+    ConsoleWatch &operator=(const ConsoleWatch &) = delete;
+    ~ConsoleWatch() { ORN::console().listen(nullptr); }
+
+    std::string stamp() {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mStamp;
+    }
+    std::string last_error() {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mLastError;
+    }
+    void clear_error() {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mLastError.clear();
+    }
+
+private:
+    std::mutex mMutex;
+    std::string mStamp, mLastError;
+};
+
+// The child's side: runs the processes of one job in order, reports each
+// one to the launcher and keeps the job's run record (written as each
+// process starts and ends, under the job lock); returns the exit status of
+// the child. `time_limit` is the launcher's option (negative: none given,
+// the settings decide). A record that cannot be written at the start of a
+// process fails that process, as its own first write into the job would.
+int run_job(const JOB &job, const Factories &factories, int pipe, std::int64_t time_limit, RUN_RECORD record) {
     auto &console = ORN::console();
+    if (!job.mLog.empty()) {
+        console.detach_log();
+        try {
+            console.attach_log(job.mLog);
+        } catch (const std::exception &e) {
+            console.error(e.what());
+            return EXIT_FAILED;
+        }
+    }
+    ConsoleWatch watch;
     const OutputCapture capture;
+    bool recording = true;
     for (std::size_t i = 0; i < factories.size(); ++i) {
         const auto &[name, factory] = factories[i];
         tell(pipe, EVENT::START, static_cast<std::int64_t>(i));
+        PROCESS_RECORD &entry = record.mProcesses[i];
+        entry.mState = "running";
+        entry.mStarted = utc_now();
+        watch.clear_error();
+        const ORN::TimePoint started = ORN::TimePoint::now();
+        const auto keep_stamp = [&] {
+            if (const std::string stamp = watch.stamp(); stamp != record.mBuild) {
+                record.mBuild = stamp;
+                tell(pipe, EVENT::STAMP, 0, stamp);
+            }
+        };
         try {
-            ORN::StrongRef<ZARN::Process> process = factory();
-            ORN::GlobalRuntime::set_time_limit(0);
-            const bool enabled = process->initialize(workdir);
-            tell(pipe, EVENT::LIMIT, time_limit >= 0 ? time_limit : ORN::GlobalRuntime::time_limit());
-            process->execute();
+            try {
+                save_run_record(job.mWorkdir, record);
+            } catch (...) {
+                recording = false;
+                throw;
+            }
+            bool enabled = false;
+            {
+                ORN::StrongRef<ZARN::Process> process = factory();
+                ORN::GlobalRuntime::set_time_limit(0);
+                enabled = process->initialize(job.mWorkdir);
+                tell(pipe, EVENT::LIMIT, time_limit >= 0 ? time_limit : ORN::GlobalRuntime::time_limit());
+                process->execute();
+            }
+            entry.mState = enabled ? "done" : "skipped";
+            entry.mSeconds = started.elapsed().seconds();
+            keep_stamp();
+            if (i + 1 == factories.size()) {
+                record.mState = "done";
+                record.mEnded = utc_now();
+            }
+            save_run_record(job.mWorkdir, record);
             tell(pipe, enabled ? EVENT::DONE : EVENT::SKIPPED);
         } catch (const std::exception &e) {
+            const std::string line = watch.last_error();
             console.error(name, " error");
             console.error(e.what());
+            entry.mState = "failed";
+            entry.mSeconds = started.elapsed().seconds();
+            entry.mFailureLine = line.empty() ? std::string(e.what()) : line;
+            entry.mFailureText = e.what();
+            record.mState = "failed";
+            record.mEnded = utc_now();
+            keep_stamp();
+            if (recording) {
+                try {
+                    save_run_record(job.mWorkdir, record);
+                } catch (...) {
+                    // Told on the console by the file layer; the process has
+                    // failed already.
+                }
+            }
             tell(pipe, EVENT::FAILED);
             return EXIT_FAILED;
         }
@@ -419,138 +535,344 @@ int wait_child(pid_t child, double grace) {
 // may take before it is killed.
 constexpr double STOP_GRACE_SECONDS = 10.0;
 
-// The launcher's side: runs one job in a child process (the leader of its
-// own process group, so that the job's programs can be signalled as one),
-// so that a library that ends or crashes the program takes only that child
-// with it. A child that stops in the middle of a process, whatever the way,
-// fails that process; one that passes its time limit is killed with its
-// process group (the kernel releases its job lock). A stop signal sent to
-// the launcher is passed on to the job's process group.
-int run_job_isolated(const std::string &workdir, const Factories &factories, std::int64_t time_limit,
-                     std::vector<OUTCOME> &outcomes) {
-    auto &console = ORN::console();
-    const std::size_t first = outcomes.size();
-    for (const auto &f : factories)
-        outcomes.push_back({workdir, f.first});
-    int channel[2];
-    if (::pipe2(channel, O_CLOEXEC) != 0)
-        throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
-    std::fflush(nullptr);
-    const pid_t child = ::fork();
-    if (child < 0)
-        throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
-    if (child == 0) {
-        ::setpgid(0, 0);
-        for (const int signal : STOP_SIGNALS)
-            ::signal(signal, SIG_DFL);
-        ::close(channel[0]);
-        ::close(gWake[0]);
-        ::close(gWake[1]);
-        const int status = run_job(workdir, factories, channel[1], time_limit);
-        std::fflush(nullptr);
-        ::_exit(status);
+// The launcher's side of one job: runs it in a child process (the leader of
+// its own process group, so that the job's programs can be signalled as
+// one), so that a library that ends or crashes the program takes only that
+// child with it. A child that stops in the middle of a process, whatever the
+// way, fails that process; one that passes its time limit is killed with its
+// process group (the kernel releases its job lock). The launcher follows the
+// child's events in a copy of the job's run record and writes that record
+// itself when the child could not: a crash, a time limit, a stop signal.
+//
+// With `capture`, the child's console lines come back through two pipes and
+// are shown with the job's label in front (several jobs at once); otherwise
+// the child writes to the launcher's own descriptors.
+class JobRun {
+public:
+    JobRun(JOB job, const Factories &factories, std::int64_t time_limit, RUN_RECORD record, OUTCOME *outcomes, bool capture)
+        : mJob(std::move(job)), mFactories(factories), mTimeLimit(time_limit), mRecord(std::move(record)),
+          mOutcomes(outcomes), mCapture(capture) {}
+    JobRun(const JobRun &) = delete;
+    JobRun &operator=(const JobRun &) = delete;
+    ~JobRun() {
+        for (int &fd : {std::ref(mChannel), std::ref(mOutput[0]), std::ref(mOutput[1])})
+            if (fd >= 0)
+                ::close(fd);
     }
-    ::setpgid(child, child);
-    ::close(channel[1]);
-    int current = -1; // the process running in the child, -1 between processes
-    ORN::TimePoint started;
-    std::int64_t limit = 0;
-    const auto finish = [&](const char *state) {
-        if (current < 0)
+
+    // Forks the child; `cpus`, when not empty, is the processors it may use.
+    void start(const std::vector<int> &cpus) {
+        int channel[2], output[2][2] = {{-1, -1}, {-1, -1}};
+        if (::pipe2(channel, O_CLOEXEC) != 0)
+            throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
+        for (int i = 0; mCapture && i < 2; ++i)
+            if (::pipe2(output[i], O_CLOEXEC) != 0)
+                throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
+        mRecord.mStarted = utc_now();
+        std::fflush(nullptr);
+        mChild = ::fork();
+        if (mChild < 0)
+            throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
+        if (mChild == 0) {
+            ::setpgid(0, 0);
+            for (const int signal : STOP_SIGNALS)
+                ::signal(signal, SIG_DFL);
+            ::close(channel[0]);
+            ::close(gWake[0]);
+            ::close(gWake[1]);
+            if (!cpus.empty()) {
+                cpu_set_t set;
+                CPU_ZERO(&set);
+                for (const int cpu : cpus)
+                    CPU_SET(cpu, &set);
+                ::sched_setaffinity(0, sizeof(set), &set);
+            }
+            if (mCapture) {
+                for (int i = 0; i < 2; ++i) {
+                    ::dup2(output[i][1], i + 1);
+                    ::close(output[i][0]);
+                    ::close(output[i][1]);
+                }
+                ORN::console().redirect(STDOUT_FILENO, STDERR_FILENO);
+            }
+            const int status = run_job(mJob, mFactories, channel[1], mTimeLimit, mRecord);
+            std::fflush(nullptr);
+            ::_exit(status);
+        }
+        ::setpgid(mChild, mChild);
+        ::close(channel[1]);
+        mChannel = channel[0];
+        for (int i = 0; mCapture && i < 2; ++i) {
+            ::close(output[i][1]);
+            mOutput[i] = output[i][0];
+        }
+    }
+
+    const JOB &job() const { return mJob; }
+    pid_t child() const { return mChild; }
+    // The child has said its last (or passed its time limit): finish() next.
+    bool over() const { return mChannel < 0 || mTimedOut; }
+
+    // The descriptors to wait on, and what they brought.
+    void add_polls(std::vector<pollfd> &polls) const {
+        for (const int fd : {mChannel, mOutput[0], mOutput[1]})
+            polls.push_back({fd, POLLIN, 0});
+    }
+    void on_polls(const pollfd *polls) {
+        if (polls[0].revents != 0)
+            read_channel();
+        for (int i = 0; i < 2; ++i)
+            if (polls[1 + i].revents != 0)
+                read_output(i);
+    }
+
+    // Milliseconds until the running process's time limit (-1: none); marks
+    // the job as timed out once it has passed.
+    int time_left() {
+        if (mCurrent < 0 || mLimit <= 0 || mTimedOut)
+            return -1;
+        const double left = static_cast<double>(mLimit) - mStarted.elapsed().seconds();
+        if (left <= 0) {
+            mTimedOut = true;
+            return 0;
+        }
+        return static_cast<int>(left * 1000) + 1;
+    }
+
+    // After over(): waits for the child and tells how the job ended, in the
+    // console and, where the child could not, in the run record.
+    int finish() {
+        auto &console = ORN::console();
+        const std::string name = current_name();
+        if (mTimedOut) {
+            ::kill(-mChild, SIGKILL);
+            end_output();
+            wait_child(mChild, -1);
+            console.error(mJob.mLabel, name, " error");
+            const std::string line = name + " exceeded its time limit of " + std::to_string(mLimit) + " s and was ended";
+            console.error(mJob.mLabel, line);
+            record_end("failed", "failed", line);
+            return EXIT_FAILED;
+        }
+        end_output();
+        const int status = wait_child(mChild, -1);
+        if (mFailed)
+            return EXIT_FAILED;
+        if (mCurrent < 0 && WIFEXITED(status) && WEXITSTATUS(status) == EXIT_DONE)
+            return EXIT_DONE;
+        console.error(mJob.mLabel, name, " error");
+        std::string line;
+        if (WIFSIGNALED(status)) {
+            const int signal = WTERMSIG(status);
+            // Sent to the whole job by whoever sent the launcher its stop
+            // signal (a scheduler cancelling the job, a terminal's ^C).
+            if (gSignal != 0 && signal == gSignal)
+                return stopped(static_cast<int>(gSignal), false);
+            line = "the program was ended by signal " + std::to_string(signal) + " (" + ::strsignal(signal) + ") during " + name;
+        } else {
+            line = "a library ended the program with exit status " + std::to_string(WEXITSTATUS(status)) + " during " + name;
+        }
+        console.error(mJob.mLabel, line);
+        record_end("failed", "failed", line);
+        return EXIT_FAILED;
+    }
+
+    // The launcher was sent `signal`: it is passed on to the job's process
+    // group (once), then the child is waited for until `deadline` (killed
+    // after it).
+    void pass_on(int signal) { ::kill(-mChild, signal); }
+    int stopped(int signal, bool wait = true) {
+        auto &console = ORN::console();
+        const std::string name = current_name();
+        if (wait) {
+            end_output(STOP_GRACE_SECONDS);
+            wait_child(mChild, STOP_GRACE_SECONDS);
+            console.error(mJob.mLabel, name, " error");
+        }
+        const std::string line = "zarn was sent signal " + std::to_string(signal) + " (" + ::strsignal(signal) + ") during " +
+                                 name + "; the job was stopped";
+        console.error(mJob.mLabel, line);
+        record_end("interrupted", "interrupted", line);
+        return EXIT_FAILED;
+    }
+
+private:
+    std::string current_name() const { return mCurrent >= 0 ? mFactories[mCurrent].first : std::string("zarn"); }
+
+    // One process ended as `state`.
+    void finish_process(const char *state) {
+        if (mCurrent < 0)
             return;
-        outcomes[first + current].mState = state;
-        outcomes[first + current].mSeconds = started.elapsed().seconds();
-        current = -1;
-    };
-    bool failed = false, timed_out = false;
-    int stopped_by = 0;
-    EVENT event;
-    std::size_t have = 0;
-    for (;;) {
-        int wait = -1;
-        if (current >= 0 && limit > 0) {
-            const double left = static_cast<double>(limit) - started.elapsed().seconds();
-            if (left <= 0) {
-                timed_out = true;
+        mOutcomes[mCurrent].mState = state;
+        mOutcomes[mCurrent].mSeconds = mStarted.elapsed().seconds();
+        mRecord.mProcesses[mCurrent].mState = state;
+        mRecord.mProcesses[mCurrent].mSeconds = mOutcomes[mCurrent].mSeconds;
+        mCurrent = -1;
+    }
+
+    // The end the child could not record: the running process (if any) as
+    // `process_state`, the run as `run_state`, written at once without
+    // waiting for the job lock (a run that holds it now records its own).
+    void record_end(const char *process_state, const char *run_state, const std::string &line) {
+        if (mCurrent >= 0) {
+            auto &entry = mRecord.mProcesses[mCurrent];
+            entry.mFailureLine = line;
+            entry.mFailureText.clear();
+            finish_process(process_state);
+            mOutcomes[&entry - mRecord.mProcesses.data()].mState = "failed";
+        }
+        mRecord.mState = run_state;
+        mRecord.mEnded = utc_now();
+        const bool wait = ORN::JobLock::wait();
+        ORN::JobLock::set_wait(false);
+        try {
+            save_run_record(mJob.mWorkdir, mRecord);
+        } catch (const std::exception &) {
+            // Told on the console by the file layer.
+        }
+        ORN::JobLock::set_wait(wait);
+    }
+
+    void read_channel() {
+        char buffer[4096];
+        const ssize_t n = ::read(mChannel, buffer, sizeof(buffer));
+        if (n < 0 && errno == EINTR)
+            return;
+        if (n <= 0) {
+            ::close(mChannel);
+            mChannel = -1;
+            return;
+        }
+        mPending.append(buffer, static_cast<std::size_t>(n));
+        for (;;) {
+            if (mPending.size() < sizeof(EVENT))
+                return;
+            EVENT event;
+            std::memcpy(&event, mPending.data(), sizeof(event));
+            std::size_t length = sizeof(event);
+            if (event.mKind == EVENT::STAMP) {
+                length += static_cast<std::size_t>(event.mValue);
+                if (mPending.size() < length)
+                    return;
+                mRecord.mBuild = mPending.substr(sizeof(event), length - sizeof(event));
+            }
+            mPending.erase(0, length);
+            switch (event.mKind) {
+            case EVENT::START:
+                mCurrent = static_cast<int>(event.mValue);
+                mStarted = ORN::TimePoint::now();
+                mLimit = 0;
+                mRecord.mProcesses[mCurrent].mState = "running";
+                mRecord.mProcesses[mCurrent].mStarted = utc_now();
+                break;
+            case EVENT::LIMIT:
+                mLimit = event.mValue;
+                break;
+            case EVENT::DONE:
+                finish_process("done");
+                break;
+            case EVENT::SKIPPED:
+                finish_process("skipped");
+                break;
+            case EVENT::FAILED:
+                finish_process("failed");
+                mFailed = true;
+                break;
+            case EVENT::STAMP:
                 break;
             }
-            wait = static_cast<int>(left * 1000) + 1;
         }
-        pollfd polls[2] = {{channel[0], POLLIN, 0}, {gWake[0], POLLIN, 0}};
-        const int ready = ::poll(polls, 2, wait);
-        if (gSignal != 0) {
-            stopped_by = gSignal;
-            break;
-        }
-        if (ready <= 0)
-            continue;
-        if (polls[0].revents == 0)
-            continue;
-        const ssize_t n = ::read(channel[0], reinterpret_cast<char *>(&event) + have, sizeof(event) - have);
+    }
+
+    // Lines of the child's standard output (print level) and standard
+    // error (error level), each shown with the job's label.
+    void read_output(int i) {
+        char buffer[4096];
+        const ssize_t n = ::read(mOutput[i], buffer, sizeof(buffer));
         if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-        have += static_cast<std::size_t>(n);
-        if (have < sizeof(event))
-            continue;
-        have = 0;
-        switch (event.mKind) {
-        case EVENT::START:
-            current = static_cast<int>(event.mValue);
-            started = ORN::TimePoint::now();
-            limit = 0;
-            break;
-        case EVENT::LIMIT:
-            limit = event.mValue;
-            break;
-        case EVENT::DONE:
-            finish("done");
-            break;
-        case EVENT::SKIPPED:
-            finish("skipped");
-            break;
-        case EVENT::FAILED:
-            finish("failed");
-            failed = true;
-            break;
+            return;
+        if (n <= 0) {
+            if (!mLine[i].empty())
+                emit(i, mLine[i]);
+            mLine[i].clear();
+            ::close(mOutput[i]);
+            mOutput[i] = -1;
+            return;
         }
-        if (failed)
-            break;
+        mLine[i].append(buffer, static_cast<std::size_t>(n));
+        std::size_t from = 0;
+        for (std::size_t feed; (feed = mLine[i].find('\n', from)) != std::string::npos; from = feed + 1)
+            emit(i, std::string_view(mLine[i]).substr(from, feed - from));
+        mLine[i].erase(0, from);
     }
-    ::close(channel[0]);
-    const std::string name = current >= 0 ? factories[current].first : std::string("zarn");
-    if (timed_out) {
-        ::kill(-child, SIGKILL);
-        wait_child(child, -1);
-        console.error(name, " error");
-        console.error(name, " exceeded its time limit of ", limit, " s and was ended");
-        finish("failed");
-        return EXIT_FAILED;
+    void emit(int i, std::string_view line) {
+        if (!line.empty() && line.back() == '\r')
+            line.remove_suffix(1);
+        auto &console = ORN::console();
+        i == 0 ? console.print(mJob.mLabel, line) : console.error(mJob.mLabel, line);
     }
-    if (stopped_by != 0) {
-        ::kill(-child, stopped_by);
-        wait_child(child, STOP_GRACE_SECONDS);
-        console.error(name, " error");
-        console.error("zarn was sent signal ", stopped_by, " (", ::strsignal(stopped_by), ") during ", name,
-                      "; the job was stopped");
-        finish("failed");
-        return EXIT_FAILED;
+    // Reads what the child still writes until it closes its end (within
+    // `seconds`, negative: no bound).
+    void end_output(double seconds = -1) {
+        const ORN::TimePoint start = ORN::TimePoint::now();
+        while (mOutput[0] >= 0 || mOutput[1] >= 0) {
+            if (seconds >= 0 && start.elapsed().seconds() > seconds)
+                break;
+            pollfd polls[2] = {{mOutput[0], POLLIN, 0}, {mOutput[1], POLLIN, 0}};
+            if (::poll(polls, 2, 100) <= 0)
+                continue;
+            for (int i = 0; i < 2; ++i)
+                if (polls[i].revents != 0)
+                    read_output(i);
+        }
     }
-    const int status = wait_child(child, -1);
-    if (failed)
-        return EXIT_FAILED;
-    if (current < 0 && WIFEXITED(status) && WEXITSTATUS(status) == EXIT_DONE)
-        return EXIT_DONE;
-    console.error(name, " error");
-    if (WIFSIGNALED(status)) {
-        const int signal = WTERMSIG(status);
-        console.error("the program was ended by signal ", signal, " (", ::strsignal(signal), ") during ", name);
-    } else {
-        console.error("a library ended the program with exit status ", WEXITSTATUS(status), " during ", name);
+
+    JOB mJob;
+    const Factories &mFactories;
+    std::int64_t mTimeLimit;
+    RUN_RECORD mRecord;
+    OUTCOME *mOutcomes;
+    bool mCapture;
+    pid_t mChild = -1;
+    int mChannel = -1;
+    int mOutput[2] = {-1, -1};
+    std::string mPending, mLine[2];
+    int mCurrent = -1; // the process running in the child, -1 between processes
+    ORN::TimePoint mStarted;
+    std::int64_t mLimit = 0;
+    bool mFailed = false, mTimedOut = false;
+};
+
+// The processors each of `slots` jobs at once may use: the launcher's own
+// (its affinity mask) split into `slots` runs of neighbours whose sizes
+// differ by one at most; with fewer processors than jobs, one each, in turn.
+// One job keeps the launcher's own mask (no list).
+std::vector<std::vector<int>> processor_shares(std::size_t slots) {
+    std::vector<std::vector<int>> shares(slots);
+    if (slots < 2)
+        return shares;
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (::sched_getaffinity(0, sizeof(set), &set) != 0)
+        return shares;
+    std::vector<int> cpus;
+    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu)
+        if (CPU_ISSET(cpu, &set))
+            cpus.push_back(cpu);
+    if (cpus.empty())
+        return shares;
+    if (cpus.size() < slots) {
+        for (std::size_t s = 0; s < slots; ++s)
+            shares[s] = {cpus[s % cpus.size()]};
+        return shares;
     }
-    finish("failed");
-    return EXIT_FAILED;
+    std::size_t next = 0;
+    for (std::size_t s = 0; s < slots; ++s) {
+        const std::size_t size = cpus.size() / slots + (s < cpus.size() % slots ? 1 : 0);
+        shares[s].assign(cpus.begin() + next, cpus.begin() + next + size);
+        next += size;
+    }
+    return shares;
 }
 
 // One line per job and process, failures first, each with its state and
@@ -565,17 +887,100 @@ void print_summary(const std::vector<OUTCOME> &outcomes) {
                              ORN::Duration::from_seconds(o.mSeconds).text());
 }
 
-// The working directory made absolute; one that is missing or not a
-// directory is a usage error.
-std::string working_directory(const std::string &w) {
-    std::string path = absolute_path(w);
-    std::error_code ec;
-    const auto type = fs::status(path, ec).type();
-    if (type == fs::file_type::not_found)
-        throw UsageError{"working directory " + path + " does not exist"};
-    if (type != fs::file_type::directory)
-        throw UsageError{"working directory " + path + " is not a directory"};
-    return path;
+// The name of each job for its label and its log folder with several jobs
+// at once: the working directory's own name, numbered "-2", "-3" ... when
+// another job of the run has that name already.
+std::vector<std::string> job_names(const std::vector<std::string> &workdirs) {
+    std::vector<std::string> names;
+    std::set<std::string> used;
+    for (const auto &w : workdirs) {
+        const std::string base = fs::path(w).filename().string();
+        std::string name = base;
+        for (int n = 2; used.count(name) != 0; ++n)
+            name = base + "-" + std::to_string(n);
+        used.insert(name);
+        names.push_back(name);
+    }
+    return names;
+}
+
+// Runs the jobs, `parallel` at once, each in its own child: a single event
+// loop follows every running child (its events, its console lines, its
+// time limit) and the launcher's stop signals.
+int run_jobs(const std::vector<JOB> &jobs, const Factories &factories, std::int64_t time_limit, std::size_t parallel,
+             std::vector<OUTCOME> &outcomes) {
+    const std::size_t slots = std::min(parallel, jobs.size());
+    const bool capture = slots > 1;
+    const auto shares = processor_shares(slots);
+    std::vector<std::size_t> free_slots;
+    for (std::size_t s = slots; s-- > 0;)
+        free_slots.push_back(s);
+
+    RUN_RECORD base;
+    base.mLauncher = std::string("zarn ") + ZARN_VERSION;
+    base.mHost = host_name();
+    base.mPid = ::getpid();
+    for (const auto &f : factories) {
+        PROCESS_RECORD process;
+        process.mName = f.first;
+        base.mProcesses.push_back(std::move(process));
+    }
+
+    struct RUNNING {
+        std::unique_ptr<JobRun> mRun;
+        std::size_t mSlot;
+    };
+    std::vector<RUNNING> running;
+    std::size_t next = 0;
+    int status = EXIT_DONE;
+    for (;;) {
+        while (gSignal == 0 && next < jobs.size() && running.size() < slots) {
+            auto run = std::make_unique<JobRun>(jobs[next], factories, time_limit, base, &outcomes[next * factories.size()],
+                                                capture);
+            const std::size_t slot = free_slots.back();
+            free_slots.pop_back();
+            run->start(shares[slot]);
+            running.push_back({std::move(run), slot});
+            ++next;
+        }
+        if (running.empty())
+            break;
+        if (gSignal != 0) {
+            const int signal = gSignal;
+            for (auto &r : running)
+                r.mRun->pass_on(signal);
+            for (auto &r : running)
+                r.mRun->stopped(signal);
+            running.clear();
+            status = EXIT_FAILED;
+            break;
+        }
+        int wait = -1;
+        for (auto &r : running)
+            if (const int left = r.mRun->time_left(); left >= 0)
+                wait = wait < 0 ? left : std::min(wait, left);
+        std::vector<pollfd> polls{{gWake[0], POLLIN, 0}};
+        for (auto &r : running)
+            r.mRun->add_polls(polls);
+        if (::poll(polls.data(), polls.size(), wait) > 0)
+            for (std::size_t i = 0; i < running.size(); ++i)
+                running[i].mRun->on_polls(&polls[1 + 3 * i]);
+        if (gSignal != 0)
+            continue;
+        for (auto &r : running)
+            r.mRun->time_left();
+        for (auto it = running.begin(); it != running.end();) {
+            if (!it->mRun->over()) {
+                ++it;
+                continue;
+            }
+            if (it->mRun->finish() != EXIT_DONE)
+                status = EXIT_FAILED;
+            free_slots.push_back(it->mSlot);
+            it = running.erase(it);
+        }
+    }
+    return status;
 }
 
 int run(const Options &o) {
@@ -585,6 +990,19 @@ int run(const Options &o) {
     const std::string module =
         o.module.empty() ? absolute_path(launcher_directory() + "/../lib/libZARN_Velda.so") : absolute_path(o.module);
     const std::string log = o.log.empty() ? std::string() : absolute_path(o.log);
+    const bool several = o.parallel > 1 && workdirs.size() > 1;
+    std::vector<JOB> jobs;
+    const auto names = job_names(workdirs);
+    for (std::size_t i = 0; i < workdirs.size(); ++i) {
+        JOB job;
+        job.mWorkdir = workdirs[i];
+        if (several) {
+            job.mLabel = "[" + names[i] + "] ";
+            if (!log.empty())
+                job.mLog = (fs::path(log) / names[i]).string();
+        }
+        jobs.push_back(std::move(job));
+    }
 
     void *library = dlopen(module.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr)
@@ -608,6 +1026,10 @@ int run(const Options &o) {
         // only shows while attaching is told by the file layer, then here.
         if (const std::string problem = log_problem(log); !problem.empty())
             throw UsageError{"cannot write the log " + problem};
+        for (const auto &job : jobs)
+            if (!job.mLog.empty())
+                if (const std::string problem = log_problem(job.mLog); !problem.empty())
+                    throw UsageError{"cannot write the log " + problem};
         try {
             console.attach_log(log);
         } catch (const ORN::Exception &) {
@@ -622,18 +1044,11 @@ int run(const Options &o) {
     ZARN::STLStreamLogger logger(console);
 
     catch_stop_signals();
-    int status = EXIT_DONE;
     std::vector<OUTCOME> outcomes;
-    for (const auto &workdir : workdirs) {
-        if (gSignal != 0)
-            break;
-        if (run_job_isolated(workdir, factories, o.time_limit, outcomes) != EXIT_DONE)
-            status = EXIT_FAILED;
-    }
     for (const auto &workdir : workdirs)
-        if (std::none_of(outcomes.begin(), outcomes.end(), [&](const OUTCOME &c) { return c.mWorkdir == workdir; }))
-            for (const auto &f : factories)
-                outcomes.push_back({workdir, f.first});
+        for (const auto &f : factories)
+            outcomes.push_back({workdir, f.first});
+    const int status = run_jobs(jobs, factories, o.time_limit, static_cast<std::size_t>(o.parallel), outcomes);
     print_summary(outcomes);
     if (gSignal != 0)
         return 128 + gSignal;
@@ -652,6 +1067,10 @@ int main(int argc, char **argv) {
     // libraries print with C stdio keeps its place among the console lines.
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     try {
+        if (argc >= 2 && std::string_view(argv[1]) == "status")
+            return status_command(argc - 2, argv + 2);
+        if (argc >= 2 && std::string_view(argv[1]) == "submit")
+            return submit_command(argc - 2, argv + 2);
         const Options o = parse(argc, argv);
         if (o.command == "--help" || o.command == "-h") {
             std::cout << USAGE;
