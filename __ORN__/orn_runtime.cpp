@@ -123,6 +123,23 @@ INDEX decode_status(int status) noexcept {
 
 } // namespace
 
+String<char> GlobalRuntime::quote_argument(std::string_view word) {
+    constexpr std::string_view plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+:,@";
+    if (!word.empty() && word.find_first_not_of(plain) == std::string_view::npos)
+        return String<char>(word);
+    String<char> quoted;
+    quoted.reserve(word.size() + 2);
+    quoted.push_back('\'');
+    for (const char c : word) {
+        if (c == '\'')
+            quoted.append("'\\''");
+        else
+            quoted.push_back(c);
+    }
+    quoted.push_back('\'');
+    return quoted;
+}
+
 // The child is started with posix_spawn rather than a bare fork so that a
 // large, multi-threaded host does not have its address space duplicated. It
 // inherits the current directory (the "." of the start) and no descriptors

@@ -18,6 +18,7 @@
 #include "orn_basic.h"
 
 #include <chrono>
+#include <string_view>
 
 namespace ORN {
 
@@ -83,6 +84,23 @@ public:
     // it must succeed ("r5x"). A command that the interpreter cannot find
     // yields 127; a child ended by signal N yields 128 + N, as shells report.
     static INDEX system_exec(const String<char> &command);
+
+    // One argument for the command line that system_exec hands to the
+    // platform's interpreter, quoted so that the interpreter passes it to
+    // the program as exactly that one word, whatever it holds: nothing in it
+    // is expanded, substituted, split or run.
+    // - POSIX (/bin/sh): a word made only of letters, digits and
+    //   "/._-+:,@" stays as it is; any other word, the empty one included,
+    //   is single-quoted, each ' written as '\'' ("it's" -> 'it'\''s').
+    //   Newlines and every other byte stay literal inside the quotes.
+    // - Windows (cmd.exe, then the program's CreateProcess argument rules):
+    //   the word in double quotes, a quote written as \", backslashes
+    //   doubled where they precede a quote or the closing quote, and every
+    //   character cmd.exe reads ( ( ) % ! ^ " < > & | ) preceded by ^. A
+    //   command line cannot carry a line break there: a word holding a
+    //   carriage return, a line feed or a zero byte is refused
+    //   ("r1x").
+    static String<char> quote_argument(std::string_view word);
 
     // The time limit in seconds (0: none) that the process being run asks
     // for in its settings ("mProcessTimeLimit"), set by the process in its

@@ -18,6 +18,37 @@
 
 namespace ORN {
 
+String<char> GlobalRuntime::quote_argument(std::string_view word) {
+    const bool r1x = word.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
+    _DYNAMIC_ASSERT_(r1x);
+    // First the program's own rules (CommandLineToArgvW and the C runtime):
+    // inside double quotes, 2n backslashes and a quote read as n backslashes
+    // and a literal quote when written 2n + 1 backslashes and the quote.
+    String<char> argument = "\"";
+    INDEX backslashes = 0;
+    for (const char c : word) {
+        if (c == '\\') {
+            ++backslashes;
+            continue;
+        }
+        argument.append(static_cast<std::size_t>(c == '"' ? 2 * backslashes + 1 : backslashes), '\\');
+        backslashes = 0;
+        argument.push_back(c);
+    }
+    argument.append(static_cast<std::size_t>(2 * backslashes), '\\');
+    argument.push_back('"');
+    // Then cmd.exe's: every character it acts on, escaped with a caret, so
+    // that it neither ends the command nor expands a variable.
+    String<char> quoted;
+    quoted.reserve(argument.size() * 2);
+    for (const char c : argument) {
+        if (String<char>::traits_type::find("()%!^\"<>&|", 10, c) != nullptr)
+            quoted.push_back('^');
+        quoted.push_back(c);
+    }
+    return quoted;
+}
+
 // With a standard output handle the command shares the console through the C
 // runtime's system(); without one (a host started detached) the command line
 // is started directly, without a window, in the current directory. The exit

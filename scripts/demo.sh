@@ -57,6 +57,8 @@ echo "== the same with the regions of extras/image-ROI.json blurred or pixelated
 list "$JOB/extras/images"
 echo "== the stitched video"
 list "$JOB/caches/videos"
+echo "== two framed views cut from it (flat perspective, logo and time stamped by ffmpeg)"
+list "$JOB/results/video_roi"
 echo "== floor meshes (binary PLY: level 0 and two simplified sizes), the room mesh by floor,"
 echo "   the final point cloud, and a top view of each floor (PNG)"
 list "$JOB/results/mesh"
