@@ -6,12 +6,17 @@
 #include "ZARN_Common/StitchLibrary.h"
 #include "__ORN__/orn_images.h"
 
+#include <opencv2/core.hpp>
+#include <rapidjson/document.h>
+
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 
+#include <array>
 #include <cmath>
+#include <functional>
 #include <cstring>
 #include <thread>
 
@@ -28,7 +33,8 @@ const std::string LIBRARY = std::string(ZARN_BINARY_DIR) + "/backends/libStitch.
 // the gain that undoes it, on gamma-encoded grey levels.
 const double LOWER_GAIN = std::pow(1 / 0.82, 1 / 2.2);
 constexpr int WIDTH = 512, HEIGHT = 256;
-const int SIZE[2] = {WIDTH, HEIGHT};
+const int SIZE[3] = {WIDTH, HEIGHT, Lib::SEAM_PLAIN};
+const int FLOW_SIZE[3] = {WIDTH, HEIGHT, Lib::SEAM_FLOW};
 
 struct API {
     Lib::CREATE_OPT_FLOW_STITCH *mCreate;
@@ -37,6 +43,7 @@ struct API {
     Lib::EXECUTE_OPT_FLOW_STITCH *mExecute;
     Lib::EXECUTE_OPT_FLOW_STITCH_HDR *mExecuteHdr;
     Lib::GET_OPT_FLOW_STITCH_CODE *mCode;
+    Lib::EXECUTE_PANO_REPAIR *mRepair;
     Lib::CREATE_VIDEO_STITCH *mCreateVideo;
     Lib::DESTROY_VIDEO_STITCH *mDestroyVideo;
     Lib::INIT_VIDEO_STITCH *mInitVideo;
@@ -59,6 +66,7 @@ const API &api() {
         get(r.mExecute, "KIVO_ExecuteOptFlowStitchHandle");
         get(r.mExecuteHdr, "KIVO_ExecuteOptFlowStitchHDRHandle");
         get(r.mCode, "KIVO_GetOptFlowStitchCode");
+        get(r.mRepair, "KIVO_ExecutePanoRepairHandle");
         get(r.mCreateVideo, "KIVO_CreateVideoStitchHandle");
         get(r.mDestroyVideo, "KIVO_DestroyVideoStitchHandle");
         get(r.mInitVideo, "KIVO_InitVideoStitchHandle");
@@ -319,7 +327,7 @@ TEST(StitchLibrary, ThreadsOnOneObjectWriteWhatOneThreadWrites) {
     };
     // A size not prepared by init: its tables are made by whichever thread
     // comes first.
-    const int size[2] = {384, 192};
+    const int size[3] = {384, 192, Lib::SEAM_FLOW};
     std::string expected[2];
     {
         Stitcher reference;
@@ -460,7 +468,7 @@ TEST(StitchLibrary, EveryFailureHasItsCode) {
         EXPECT_FALSE(fs::exists(dir.path() / "absent"));
         EXPECT_EQ(exec(u, d, dir / "o.gif"), Lib::KIVO_BAD_ARGUMENT);
         EXPECT_EQ(exec(u, d, o, nullptr), Lib::KIVO_BAD_ARGUMENT);
-        const int zero[2] = {0, 0};
+        const int zero[3] = {0, 0, 0};
         EXPECT_EQ(exec(u, d, o, zero), Lib::KIVO_BAD_ARGUMENT);
         EXPECT_EQ(api().mExecute(h, nullptr, d.c_str(), o.c_str(), SIZE, nullptr, nullptr), Lib::KIVO_BAD_ARGUMENT);
         EXPECT_EQ(api().mExecuteHdr(h, u.c_str(), nullptr, nullptr, nullptr, d.c_str(), nullptr, nullptr, nullptr,
@@ -502,6 +510,292 @@ TEST(StitchLibrary, EveryFailureHasItsCode) {
     api().mDestroy(h);
 }
 
+// --- Flow-aligned seams and the panorama repair.
+
+// A job with parallax (two lens centres 3 cm apart, near objects across the
+// seam band) and its marked regions, when the generator makes one.
+const fs::path &parallax_job() {
+    static const fs::path root = [] {
+        if (!contains(run(quote(CAPTURE) + " --help").output, "--parallax"))
+            return fs::path();
+        const fs::path dir = fs::path(ZARN_BINARY_DIR) / "tests" / "stitch_library_parallax_job";
+        const int lock = ::open((dir.string() + ".lock").c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0644);
+        ::flock(lock, LOCK_EX);
+        const auto when = fs::last_write_time(CAPTURE).time_since_epoch().count();
+        const std::string stamp = std::to_string(fs::file_size(CAPTURE)) + " " + std::to_string(when);
+        if (!fs::exists(dir / "stamp") || read_file(dir / "stamp") != stamp) {
+            fs::remove_all(dir);
+            const auto r = run(quote(CAPTURE) + " " + quote(dir.string()) +
+                               " --width 1024 --points 1 --videos 0 --parallax --repairs");
+            EXPECT_EQ(r.status, 0) << r.output;
+            if (r.status == 0)
+                write_file(dir / "stamp", stamp);
+        }
+        ::flock(lock, LOCK_UN);
+        ::close(lock);
+        return dir;
+    }();
+    return root;
+}
+
+// The rows where both lenses see some of the panorama, as a mask.
+ORN::Image band_mask(const fs::path &job, int width, int height) {
+    const auto up = ImageProc::lens_coverage(ImageProc::read_lens_table((job / "caches/table_Up.bin").string()), width, height);
+    const auto down = ImageProc::lens_coverage(ImageProc::read_lens_table((job / "caches/table_Down.bin").string()), width, height);
+    ORN::Image band(width, height, 1, ORN::ImageDepth::U8);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x)
+            band.row<unsigned char>(y)[x] = up.row<unsigned char>(y)[x] & down.row<unsigned char>(y)[x];
+    return band;
+}
+
+// A rectangle of a panorama as a mask.
+ORN::Image rect_mask(int width, int height, int x0, int y0, int w, int h) {
+    ORN::Image mask = ORN::Image::zeros(width, height, 1, ORN::ImageDepth::U8);
+    for (int y = y0; y < y0 + h; ++y)
+        for (int x = x0; x < x0 + w; ++x)
+            mask.row<unsigned char>(y)[x] = 255;
+    return mask;
+}
+
+// Pixels of two same-sized images that differ, inside and outside a set of
+// rectangles {x, y, w, h}.
+std::pair<long, long> differing(const ORN::Image &a, const ORN::Image &b, const std::vector<std::array<int, 4>> &rects) {
+    long inside = 0, outside = 0;
+    for (int y = 0; y < a.height(); ++y)
+        for (int x = 0; x < a.width(); ++x) {
+            const bool differs = std::memcmp(a.row<unsigned char>(y) + 3 * x, b.row<unsigned char>(y) + 3 * x, 3) != 0;
+            bool in = false;
+            for (const auto &r : rects)
+                in = in || (x >= r[0] && x < r[0] + r[2] && y >= r[1] && y < r[1] + r[3]);
+            (in ? inside : outside) += differs;
+        }
+    return {inside, outside};
+}
+
+TEST(StitchLibrary, FlowSeamsKeepThePlainBlendWhereTheLensesAgreeOnEveryThreadCount) {
+    TempDir out;
+    Stitcher s;
+    const ORN::Image both = overlap(WIDTH, HEIGHT);
+    const ORN::Image truth = ORN::Image::read(at("truth/point_000.png"));
+    ASSERT_EQ(s.stitch(0, out / "plain.png"), Lib::KIVO_OK);
+    const int threads = cv::getNumThreads();
+    cv::setNumThreads(1);
+    ASSERT_EQ(s.stitch(0, out / "flow1.png", nullptr, FLOW_SIZE), Lib::KIVO_OK);
+    cv::setNumThreads(7);
+    ASSERT_EQ(s.stitch(0, out / "flow7.png", nullptr, FLOW_SIZE), Lib::KIVO_OK);
+    cv::setNumThreads(threads);
+    EXPECT_TRUE(read_file(out / "flow1.png") == read_file(out / "flow7.png"));
+    const double plain_db = ImageProc::psnr(truth, ORN::Image::read(out / "plain.png"), both);
+    const double flow_db = ImageProc::psnr(truth, ORN::Image::read(out / "flow1.png"), both);
+    std::printf("single centre, where both lenses see: plain %.2f dB, flow %.2f dB\n", plain_db, flow_db);
+    EXPECT_GE(flow_db, plain_db - 0.02);
+    // An unknown seam is refused before anything is written.
+    const int unknown[3] = {WIDTH, HEIGHT, 2};
+    EXPECT_EQ(s.stitch(0, out / "unknown.png", nullptr, unknown), Lib::KIVO_BAD_ARGUMENT);
+    EXPECT_FALSE(fs::exists(out / "unknown.png"));
+}
+
+TEST(StitchLibrary, FlowSeamsReduceTheBandErrorOnParallaxCaptures) {
+    const fs::path &job = parallax_job();
+    if (job.empty())
+        GTEST_SKIP() << "the capture generator makes no parallax captures";
+    TempDir out;
+    constexpr int W = 1024, H = 512;
+    Lib::IMAGE_HANDLE h = api().mCreate();
+    ASSERT_EQ(api().mInit(h, (job / "caches/table_Up.bin").c_str(), (job / "caches/table_Down.bin").c_str(), W, H,
+                          W / 8, H / 8, 8),
+              Lib::KIVO_OK);
+    const std::string up = job / "captures/point_000_up.jpg", down = job / "captures/point_000_down.jpg";
+    const ORN::Image truth = ORN::Image::read((job / "truth/point_000.png").string()), band = band_mask(job, W, H);
+    double db[2];
+    for (int seam = 0; seam < 2; ++seam) {
+        const int size[3] = {W, H, seam};
+        const std::string file = out / ("p" + std::to_string(seam) + ".png");
+        ASSERT_EQ(api().mExecute(h, up.c_str(), down.c_str(), file.c_str(), size, nullptr, "p"), Lib::KIVO_OK);
+        db[seam] = ImageProc::psnr(truth, ORN::Image::read(file), band);
+    }
+    std::printf("parallax, where both lenses see: plain %.2f dB, flow %.2f dB\n", db[0], db[1]);
+    EXPECT_GT(db[1], db[0] + 1.0);
+    api().mDestroy(h);
+}
+
+// The regions of the repair cases: one across the band, one in the
+// panorama's last blocks (its grown rectangle clipped by the edges).
+const int REGIONS[2][5] = {{101, 110, 50, 30, 0}, {500, 250, 12, 6, 0}};
+// Grown to 16 x 16 blocks (4:2:0 JPEG), and by the pixel around them whose
+// chroma the decoder interpolates from the blocks' samples.
+const std::vector<std::array<int, 4>> GROWN = {{95, 95, 66, 50}, {495, 239, 17, 17}};
+const std::vector<std::array<int, 4>> EXACT = {{101, 110, 50, 30}, {500, 250, 12, 6}};
+
+struct Repair {
+    Stitcher &mStitcher;
+    std::string mUp = capture(0, "up"), mDown = capture(0, "down");
+    int mSize[2] = {WIDTH, HEIGHT};
+    int run(const std::string &panorama, const std::string &output, int method, const int *regions = &REGIONS[0][0],
+            int count = 2) {
+        std::vector<int> r;
+        if (regions != nullptr && count > 0)
+            r.assign(regions, regions + 5 * count);
+        for (int i = 0; i < count && method >= 0; ++i)
+            r[std::size_t(5 * i + 4)] = method;
+        const char *u[1] = {mUp.c_str()}, *d[1] = {mDown.c_str()};
+        return api().mRepair(mStitcher.mHandle, u, d, 1, panorama.c_str(), output.c_str(), mSize,
+                             regions ? r.data() : nullptr, count);
+    }
+};
+
+TEST(StitchLibrary, RepairRendersOnlyTheRegionsGrownToTheBlockGrid) {
+    TempDir out;
+    Stitcher s;
+    Repair repair{s};
+    const std::string jpg = out / "pano.jpg", png = out / "pano.png";
+    ASSERT_EQ(s.stitch(0, jpg), Lib::KIVO_OK);
+    ASSERT_EQ(s.stitch(0, png), Lib::KIVO_OK);
+    const std::string jpg_bytes = read_file(jpg), png_bytes = read_file(png);
+    const ORN::Image before_jpg = ORN::Image::read(jpg), before_png = ORN::Image::read(png);
+    const ORN::Image truth = ORN::Image::read(at("truth/point_000.png"));
+    const ORN::Image region = rect_mask(WIDTH, HEIGHT, 101, 110, 50, 30);
+    for (const int method : {Lib::REPAIR_UPPER, Lib::REPAIR_LOWER, Lib::REPAIR_FLOW, Lib::REPAIR_AUTO}) {
+        const std::string name = std::to_string(method);
+        ASSERT_EQ(repair.run(jpg, out / ("r" + name + ".jpg"), method), Lib::KIVO_OK) << method;
+        ASSERT_EQ(repair.run(png, out / ("r" + name + ".png"), method), Lib::KIVO_OK) << method;
+        const ORN::Image a = ORN::Image::read(out / ("r" + name + ".jpg"));
+        const ORN::Image b = ORN::Image::read(out / ("r" + name + ".png"));
+        ASSERT_TRUE(a.same_layout(before_jpg));
+        const auto [in_jpg, out_jpg] = differing(before_jpg, a, GROWN);
+        const auto [in_png, out_png] = differing(before_png, b, EXACT);
+        EXPECT_EQ(out_jpg, 0) << method;
+        EXPECT_EQ(out_png, 0) << method;
+        // One lens alone is not the blend across the band.
+        if (method == Lib::REPAIR_UPPER || method == Lib::REPAIR_LOWER) {
+            EXPECT_GT(in_jpg, 100) << method;
+            EXPECT_GT(in_png, 100) << method;
+        }
+        const double db = ImageProc::psnr(truth, b, region);
+        std::printf("repair by method %d: %.2f dB in the region (%.2f dB before)\n", method, db,
+                    ImageProc::psnr(truth, before_png, region));
+        EXPECT_GT(db, 28.0) << method;
+    }
+    // The same regions give the same file; the panoramas are untouched.
+    ASSERT_EQ(repair.run(jpg, out / "again.jpg", Lib::REPAIR_FLOW), Lib::KIVO_OK);
+    EXPECT_TRUE(read_file(out / "again.jpg") == read_file(out / "r3.jpg"));
+    EXPECT_TRUE(read_file(jpg) == jpg_bytes);
+    EXPECT_TRUE(read_file(png) == png_bytes);
+}
+
+TEST(StitchLibrary, RepairBringsMarkedRegionsCloserToTheTruthOnParallaxCaptures) {
+    const fs::path &job = parallax_job();
+    if (job.empty())
+        GTEST_SKIP() << "the capture generator makes no parallax captures";
+    TempDir out;
+    constexpr int W = 1024, H = 512;
+    Lib::IMAGE_HANDLE h = api().mCreate();
+    ASSERT_EQ(api().mInit(h, (job / "caches/table_Up.bin").c_str(), (job / "caches/table_Down.bin").c_str(), W, H,
+                          W / 8, H / 8, 8),
+              Lib::KIVO_OK);
+    const std::string up = job / "captures/point_000_up.jpg", down = job / "captures/point_000_down.jpg";
+    const std::string pano = out / "pano.jpg";
+    const int size[3] = {W, H, Lib::SEAM_PLAIN};
+    ASSERT_EQ(api().mExecute(h, up.c_str(), down.c_str(), pano.c_str(), size, nullptr, "p"), Lib::KIVO_OK);
+    const ORN::Image truth = ORN::Image::read((job / "truth/point_000.png").string()), before = ORN::Image::read(pano);
+    rapidjson::Document repairs;
+    repairs.Parse(read_file(job / "truth/repairs.json").c_str());
+    ASSERT_FALSE(repairs.HasParseError());
+    std::vector<int> regions;
+    for (const auto &r : repairs["regions"].GetArray())
+        if (std::string(r["name"].GetString()) == "point_000")
+            regions.insert(regions.end(), {r["rect"]["x"].GetInt(), r["rect"]["y"].GetInt(), r["rect"]["w"].GetInt(),
+                                           r["rect"]["h"].GetInt(), Lib::REPAIR_AUTO});
+    ASSERT_FALSE(regions.empty());
+    const int count = int(regions.size() / 5);
+    for (const int method : {Lib::REPAIR_FLOW, Lib::REPAIR_AUTO}) {
+        for (int i = 0; i < count; ++i)
+            regions[std::size_t(5 * i + 4)] = method;
+        const char *u[1] = {up.c_str()}, *d[1] = {down.c_str()};
+        const std::string file = out / ("r" + std::to_string(method) + ".jpg");
+        ASSERT_EQ(api().mRepair(h, u, d, 1, pano.c_str(), file.c_str(), size, regions.data(), count), Lib::KIVO_OK);
+        const ORN::Image after = ORN::Image::read(file);
+        for (int i = 0; i < count; ++i) {
+            const int *r = &regions[std::size_t(5 * i)];
+            const ORN::Image mask = rect_mask(W, H, r[0], r[1], r[2], r[3]);
+            const double was = ImageProc::psnr(truth, before, mask), is = ImageProc::psnr(truth, after, mask);
+            std::printf("parallax region %d by method %d: %.2f dB, %.2f dB before\n", i, method, is, was);
+            EXPECT_GT(is, was + 0.5) << i << " " << method;
+        }
+    }
+    api().mDestroy(h);
+}
+
+TEST(StitchLibrary, RepairRefusesBadArgumentsAndWritesNothing) {
+    TempDir dir;
+    Stitcher s;
+    Repair repair{s};
+    const std::string pano = dir / "pano.jpg", o = dir / "o.jpg";
+    ASSERT_EQ(s.stitch(0, pano), Lib::KIVO_OK);
+    ORN::Image::write(dir / "small.jpg", ORN::Image::zeros(64, 64, 3, ORN::ImageDepth::U8));
+    write_file(dir / "text.jpg", "not an image");
+    const auto codes = [&](const std::function<int()> &call) {
+        const int code = call();
+        EXPECT_FALSE(fs::exists(o)) << code;
+        EXPECT_EQ(api().mCode(s.mHandle), code);
+        return code;
+    };
+    const auto with = [&](std::initializer_list<int> region) {
+        std::vector<int> r(region);
+        return codes([&] { return repair.run(pano, o, -1, r.data(), 1); });
+    };
+    capture_stdout([&] {
+        EXPECT_EQ(with({0, 0, 0, 10, 0}), Lib::KIVO_BAD_ARGUMENT);            // empty
+        EXPECT_EQ(with({-1, 0, 10, 10, 0}), Lib::KIVO_BAD_ARGUMENT);          // outside
+        EXPECT_EQ(with({500, 0, 13, 10, 0}), Lib::KIVO_BAD_ARGUMENT);         // past the right edge
+        EXPECT_EQ(with({0, 250, 10, 7, 0}), Lib::KIVO_BAD_ARGUMENT);          // past the bottom
+        EXPECT_EQ(with({1, 0, 2147483647, 10, 0}), Lib::KIVO_BAD_ARGUMENT);   // no overflow
+        EXPECT_EQ(with({0, 0, 10, 10, 4}), Lib::KIVO_BAD_ARGUMENT);           // unknown method
+        EXPECT_EQ(with({0, 0, 10, 10, -1}), Lib::KIVO_BAD_ARGUMENT);
+        std::vector<int> many(5 * 257, 0);
+        for (std::size_t i = 0; i < many.size(); i += 5)
+            many[i + 2] = many[i + 3] = 8;
+        EXPECT_EQ(codes([&] { return repair.run(pano, o, -1, many.data(), 257); }), Lib::KIVO_BAD_ARGUMENT);
+        EXPECT_EQ(codes([&] { return repair.run(pano, o, -1, many.data(), 0); }), Lib::KIVO_BAD_ARGUMENT);
+        EXPECT_EQ(codes([&] { return repair.run(pano, o, -1, nullptr, 1); }), Lib::KIVO_BAD_ARGUMENT);
+        EXPECT_EQ(codes([&] { return repair.run(pano, pano, 1); }), Lib::KIVO_BAD_ARGUMENT); // over the panorama
+        EXPECT_EQ(codes([&] { return repair.run(pano, dir / "o.gif", 1); }), Lib::KIVO_BAD_ARGUMENT);
+        const char *u[2] = {repair.mUp.c_str(), nullptr}, *d[2] = {repair.mDown.c_str(), nullptr};
+        const auto brackets = [&](int n, const char *const *uu, const char *const *dd) {
+            return codes([&] {
+                return api().mRepair(s.mHandle, uu, dd, n, pano.c_str(), o.c_str(), repair.mSize, &REGIONS[0][0], 1);
+            });
+        };
+        EXPECT_EQ(brackets(0, u, d), Lib::KIVO_BAD_ARGUMENT);
+        EXPECT_EQ(brackets(5, u, d), Lib::KIVO_BAD_ARGUMENT);
+        EXPECT_EQ(brackets(2, u, d), Lib::KIVO_BAD_ARGUMENT); // a null exposure
+        EXPECT_EQ(brackets(1, nullptr, d), Lib::KIVO_BAD_ARGUMENT);
+        repair.mSize[0] = 1024;
+        EXPECT_EQ(codes([&] { return repair.run(pano, o, 1); }), Lib::KIVO_INPUT_MISMATCH); // not the panorama's size
+        repair.mSize[0] = WIDTH;
+        EXPECT_EQ(codes([&] { return repair.run(dir / "absent.jpg", o, 1); }), Lib::KIVO_BAD_INPUT);
+        EXPECT_EQ(codes([&] { return repair.run(dir / "text.jpg", o, 1); }), Lib::KIVO_BAD_INPUT);
+        EXPECT_EQ(codes([&] { return repair.run(dir / "small.jpg", o, 1); }), Lib::KIVO_INPUT_MISMATCH);
+        repair.mDown = dir / "absent.jpg";
+        EXPECT_EQ(codes([&] { return repair.run(pano, o, 1); }), Lib::KIVO_BAD_INPUT);
+        repair.mDown = dir / "small.jpg";
+        EXPECT_EQ(codes([&] { return repair.run(pano, o, 1); }), Lib::KIVO_INPUT_MISMATCH);
+        repair.mDown = capture(0, "down");
+        EXPECT_EQ(repair.run(pano, dir / "absent/o.jpg", 1), Lib::KIVO_WRITE_FAILED);
+        EXPECT_EQ(api().mRepair(nullptr, nullptr, nullptr, 1, pano.c_str(), o.c_str(), repair.mSize, &REGIONS[0][0], 1),
+                  Lib::KIVO_BAD_ARGUMENT);
+        Lib::IMAGE_HANDLE fresh = api().mCreate();
+        const char *uu[1] = {repair.mUp.c_str()}, *dd[1] = {repair.mDown.c_str()};
+        EXPECT_EQ(api().mRepair(fresh, uu, dd, 1, pano.c_str(), o.c_str(), repair.mSize, &REGIONS[0][0], 1),
+                  Lib::KIVO_NOT_INITIALISED);
+        api().mDestroy(fresh);
+        EXPECT_EQ(repair.run(pano, o, 1), Lib::KIVO_OK);
+    });
+    // Nothing but the panorama, its test files and the output.
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 4);
+}
+
 // Sets an environment variable for the life of the object.
 struct Env {
     std::string mName;
@@ -529,6 +823,18 @@ TEST(StitchLibrary, FaultSwitchesAndTrace) {
         EXPECT_EQ(api().mCode(s.mHandle), 5);
     }
     {
+        Env fail("ZARN_BACKEND_FAIL", "KIVO_ExecutePanoRepairHandle:11");
+        ASSERT_EQ(s.stitch(0, o), Lib::KIVO_OK);
+        Repair repair{s};
+        EXPECT_EQ(repair.run(o, dir / "r.jpg", Lib::REPAIR_UPPER), 11);
+        EXPECT_EQ(api().mCode(s.mHandle), 11);
+        EXPECT_FALSE(fs::exists(dir / "r.jpg"));
+        Env thrown("ZARN_BACKEND_THROW", "KIVO_ExecutePanoRepairHandle");
+        EXPECT_EQ(failure_of([&] { repair.run(o, dir / "r.jpg", Lib::REPAIR_UPPER); }),
+                  "KIVO_ExecutePanoRepairHandle : injected fault");
+        fs::remove(o);
+    }
+    {
         Env null("ZARN_BACKEND_NULL", "KIVO_CreateOptFlowStitchHandle");
         EXPECT_EQ(api().mCreate(), nullptr);
         const auto v = api().mCreateVideo();
@@ -541,13 +847,22 @@ TEST(StitchLibrary, FaultSwitchesAndTrace) {
     }
     {
         Env trace("ZARN_BACKEND_TRACE", dir / "trace.txt");
-        const int size[2] = {WIDTH, HEIGHT};
-        api().mExecute(s.mHandle, capture(0, "up").c_str(), nullptr, o.c_str(), size, nullptr, "p\"0");
+        api().mExecute(s.mHandle, capture(0, "up").c_str(), nullptr, o.c_str(), SIZE, nullptr, "p\"0");
     }
+    {
+        Env trace("ZARN_BACKEND_TRACE", dir / "repair.txt");
+        Repair repair{s};
+        repair.run(o, dir / "r.png", Lib::REPAIR_FLOW);
+    }
+    const auto repaired = lines_of(read_file(dir / "repair.txt"));
+    ASSERT_EQ(repaired.size(), 1u);
+    EXPECT_TRUE(repaired[0].ends_with(" \"" + capture(0, "up") + "\" \"" + capture(0, "down") + "\" \"1\" \"" + o +
+                                      "\" \"" + (dir / "r.png") + "\" \"512x256\" \"101,110,50,30,3;500,250,12,6,3\" \"2\""))
+        << repaired[0];
     const auto lines = lines_of(read_file(dir / "trace.txt"));
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_TRUE(starts_with(lines[0], "KIVO_ExecuteOptFlowStitchHandle \"0x")) << lines[0];
-    EXPECT_TRUE(lines[0].ends_with(" \"" + capture(0, "up") + "\" \"\" \"" + o + "\" \"512x256\" \"\" \"p\\\"0\""))
+    EXPECT_TRUE(lines[0].ends_with(" \"" + capture(0, "up") + "\" \"\" \"" + o + "\" \"512x256x0\" \"\" \"p\\\"0\""))
         << lines[0];
 }
 
