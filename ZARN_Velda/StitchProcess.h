@@ -13,6 +13,8 @@
 // IMAGE_HANDLE and init_image(library, object, tables, configuration),
 // VIDEO_HANDLE and init_video(library, object, tables, width, height), its
 // image passes ending in ACT_mImageStitch, and ACT_mImageInpainting_mEnable.
+// ImageROIProcess derives from it too, for the plan (CON_mStitchDataJson,
+// CON_mStitchData and their rules) and the worker loop alone.
 
 #include "ZARN_Velda/ProcessFrame.h"
 #include "ZARN_Velda/StitchHandle.h"
