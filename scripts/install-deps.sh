@@ -6,7 +6,8 @@
 # peer) and meshoptimizer (mesh simplification) serve the mesh process.
 # calib3d serves the reference calibration library (chessboard detection,
 # fisheye calibration, pose); video (DIS optical flow) its stitching library's
-# parallax-aligned seams.
+# parallax-aligned seams; libjpeg (the turbo build) its block-wise repair of
+# JPEG panoramas.
 # FFmpeg's libraries (libavcodec with x264, libavformat, libswscale) serve the
 # reference video delivery; the command-line ffmpeg is also the overlay tool
 # of the framed video views, with the DejaVu font for their time text.
@@ -17,7 +18,7 @@ set -eu
 PACKAGES="cmake g++ make pkg-config \
 libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev \
 libopencv-photo-dev libopencv-videoio-dev libopencv-calib3d-dev libopencv-video-dev \
-libavcodec-dev libavformat-dev libavutil-dev libswscale-dev libssl-dev fonts-dejavu-core \
+libavcodec-dev libavformat-dev libavutil-dev libswscale-dev libssl-dev fonts-dejavu-core libjpeg62-turbo-dev \
 libflann-dev liblz4-dev libpugixml-dev \
 libopen3d-dev libmeshoptimizer-dev \
 libgtest-dev libgmock-dev libbenchmark-dev \
