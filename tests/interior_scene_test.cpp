@@ -138,6 +138,80 @@ TEST(InteriorScene, DistanceIsZeroOnSurfacesAndExactElsewhere) {
     }
 }
 
+TEST(InteriorScene, SurfacesKnowWhatTheyArePartOf) {
+    const Scene &scene = sample().mScene;
+    std::map<Part, int> parts;
+    std::vector<int> ceilings(scene.mRooms.size(), 0);
+    for (const Surface &s : scene.mSurfaces) {
+        ++parts[s.mPart];
+        const Room &room = scene.mRooms[static_cast<std::size_t>(s.mRoom)];
+        EXPECT_EQ(s.mBlock >= 0, s.mPart == Part::FURNITURE);
+        if (s.mPart == Part::CEILING) {
+            ++ceilings[static_cast<std::size_t>(s.mRoom)];
+            EXPECT_EQ(s.mNormal[2], -1);
+            EXPECT_EQ(s.mOrigin[2], room.mMax[2]);
+        } else if (s.mPart == Part::FLOOR) {
+            EXPECT_EQ(s.mNormal[2], 1);
+            EXPECT_EQ(s.mOrigin[2], room.mMin[2]);
+        } else if (s.mPart == Part::WALL) {
+            EXPECT_EQ(s.mNormal[2], 0);
+        } else if (s.mPart == Part::FURNITURE) {
+            const Block &b = scene.mFurniture[static_cast<std::size_t>(s.mBlock)];
+            EXPECT_EQ(b.mRoom, s.mRoom);
+            for (int k = 0; k < 3; ++k)
+                EXPECT_TRUE(s.mOrigin[k] >= b.mMin[k] && s.mOrigin[k] + s.mU[k] + s.mV[k] <= b.mMax[k]);
+        }
+    }
+    EXPECT_EQ(ceilings, std::vector<int>(scene.mRooms.size(), 1));
+    EXPECT_EQ(parts[Part::OPENING], 12); // two jambs and a head per door, four doors
+    EXPECT_GT(parts[Part::FURNITURE], 0);
+}
+
+TEST(InteriorScene, RaysMeetTheNearestSurfaceTheyFace) {
+    const Scene &scene = sample().mScene;
+    // Directions spread evenly over the sphere.
+    constexpr int RAYS = 3000;
+    std::vector<std::array<double, 3>> directions;
+    for (int i = 0; i < RAYS; ++i) {
+        const double z = 1 - (2 * i + 1.0) / RAYS, r = std::sqrt(1 - z * z), a = 2.399963229728653 * i;
+        directions.push_back({r * std::cos(a), r * std::sin(a), z});
+    }
+    for (const Room &room : scene.mRooms) {
+        double eye[3];
+        room.viewpoint(eye);
+        eye[0] += 0.137; // off the middle, where surfaces' edges would line up with the rays
+        const RayCaster caster(scene, eye);
+        EXPECT_LT(caster.candidates(), scene.mSurfaces.size() / 2);
+        for (const auto &d : directions) {
+            // Every surface, from its own parametrisation.
+            double best = 1e300;
+            int nearest = -1;
+            for (std::size_t i = 0; i < scene.mSurfaces.size(); ++i) {
+                const Surface &s = scene.mSurfaces[i];
+                const double facing = d[0] * s.mNormal[0] + d[1] * s.mNormal[1] + d[2] * s.mNormal[2];
+                if (facing >= 0)
+                    continue;
+                const double t = ((s.mOrigin[0] - eye[0]) * s.mNormal[0] + (s.mOrigin[1] - eye[1]) * s.mNormal[1] +
+                                  (s.mOrigin[2] - eye[2]) * s.mNormal[2]) / facing;
+                const double p[3] = {eye[0] + t * d[0], eye[1] + t * d[1], eye[2] + t * d[2]};
+                if (t > 0 && t < best && rectangle_distance(s, p) < 1e-9) {
+                    best = t;
+                    nearest = static_cast<int>(i);
+                }
+            }
+            Hit hit;
+            ASSERT_TRUE(caster.cast(d.data(), hit)) << d[0] << " " << d[1] << " " << d[2]; // the rooms are closed
+            EXPECT_EQ(hit.mSurface, nearest);
+            EXPECT_NEAR(hit.mDistance, best, 1e-9);
+            EXPECT_EQ(scene.mSurfaces[static_cast<std::size_t>(hit.mSurface)].mFloor, room.mFloor);
+            EXPECT_LT(rectangle_distance(scene.mSurfaces[static_cast<std::size_t>(hit.mSurface)], hit.mPoint), 1e-9);
+            // Nothing nearer than a limit short of the hit.
+            Hit none;
+            EXPECT_FALSE(caster.cast(d.data(), none, best * 0.999));
+        }
+    }
+}
+
 TEST(InteriorScene, ChunksCarryEveryPointOnceWithIdenticalCopiesInTheBand) {
     const Sample &s = sample();
     ASSERT_EQ(s.mChunks.size(), 2 * s.mScene.mRooms.size());
