@@ -257,6 +257,21 @@ TEST_F(ImageROI, RepairsAreIdempotentUndoneByARunWithoutRegionsAndFollowANewStit
     for (const std::string &file : PANORAMAS)
         EXPECT_EQ(read_file(job / "caches/images" / file), first[file]) << file;
 
+    // Other regions: the first ones are the stitcher's again, not kept as
+    // repaired; the panorama that lost its regions is the stitcher's file.
+    set_regions(job, R"({"regions":[)" + region("point_000", 800, 100, 32, 32, "\"upper\"") + "]}");
+    r = zarn(job, REPAIR);
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_EQ(repairs(), 1u);
+    const cv::Mat before = cv::imdecode(cv::Mat(1, int(stitched["point_000.jpg"].size()), CV_8U,
+                                                stitched["point_000.jpg"].data()), cv::IMREAD_COLOR);
+    EXPECT_TRUE(same_outside(before, cv::imread((job / "caches/images/point_000.jpg").string()),
+                             to_grid(cv::Rect(800, 100, 32, 32))));
+    EXPECT_EQ(read_file(job / "caches/images/point_001.jpg"), stitched["point_001.jpg"]);
+    EXPECT_EQ(read_file(job / "caches/upload.part7.json"), R"({"upload":[{"file":"image_roi/point_000.jpg"}]})");
+    set_regions(job, regions);
+    ASSERT_EQ(zarn(job, REPAIR).status, 0);
+
     // Without regions: the stitcher's output back, nothing published.
     set_regions(job, R"({"regions":[]})");
     r = zarn(job, REPAIR);
