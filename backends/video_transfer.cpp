@@ -48,6 +48,7 @@ extern "C" {
 #include <mutex>
 #include <new>
 #include <type_traits>
+#include <utility>
 
 namespace Lib = ZARN::VideoTransferLibrary;
 using ZARN::StitchLibrary::KIVO_BAD_ARGUMENT;
@@ -341,13 +342,18 @@ int run(const ENCODING &encoding, const char *source_path, double hdr_value, con
     const long long poster_frame = std::llround(std::min(poster_time * frames_per_second, double(Lib::MAX_FRAMES)));
 
     Scaler scaler;
-    Frame decoded(av_frame_alloc()), converted(av_frame_alloc()), shown;
+    // Two converted frames in turn: the one being made and the last one,
+    // the poster should the video end before the poster time (the encoder
+    // copies what it keeps, so neither is ever copied).
+    Frame decoded(av_frame_alloc()), converted(av_frame_alloc()), last(av_frame_alloc());
     Packet in(av_packet_alloc()), out(av_packet_alloc());
-    require(decoded && converted && in && out, KIVO_WRITE_FAILED);
-    converted->width = width;
-    converted->height = height;
-    converted->format = AV_PIX_FMT_YUV420P;
-    require(av_frame_get_buffer(converted.get(), 0) >= 0, KIVO_WRITE_FAILED);
+    require(decoded && converted && last && in && out, KIVO_WRITE_FAILED);
+    for (AVFrame *frame : {converted.get(), last.get()}) {
+        frame->width = width;
+        frame->height = height;
+        frame->format = AV_PIX_FMT_YUV420P;
+        require(av_frame_get_buffer(frame, 0) >= 0, KIVO_WRITE_FAILED);
+    }
     std::string jpeg;
     long long count = 0;
     int format = AV_PIX_FMT_NONE; // the scaler's source format
@@ -371,15 +377,10 @@ int run(const ENCODING &encoding, const char *source_path, double hdr_value, con
                     row[x] = curve[row[x]];
             }
         converted->pts = count - 1;
-        if (jpeg.empty() && count - 1 <= poster_frame) {
-            if (count - 1 == poster_frame)
-                jpeg = encode_poster(converted.get());
-            else { // the last frame so far, should the video end before the poster time
-                shown.reset(av_frame_clone(converted.get()));
-                require(shown != nullptr, KIVO_WRITE_FAILED);
-            }
-        }
+        if (count - 1 == poster_frame)
+            jpeg = encode_poster(converted.get());
         destination.encode(converted.get(), out.get());
+        std::swap(converted, last);
     };
     const auto drain = [&] {
         for (;;) {
@@ -411,7 +412,7 @@ int run(const ENCODING &encoding, const char *source_path, double hdr_value, con
     destination.encode(nullptr, out.get());
     destination.finish();
     if (jpeg.empty())
-        jpeg = encode_poster(shown.get());
+        jpeg = encode_poster(last.get());
 
     require(picture.write(jpeg.data(), jpeg.size()), KIVO_WRITE_FAILED);
     require(video.commit() && picture.commit(), KIVO_WRITE_FAILED);
