@@ -11,7 +11,6 @@
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
-#include <rapidjson/document.h>
 
 #include <cmath>
 #include <numbers>
