@@ -75,7 +75,7 @@ TEST(CaptureParallax, EachLensSeesFromItsOwnCentreAndTheTruthFromTheRigCentre) {
     const double baseline = 2 * STRIPE;
     const ParallaxRoom room(baseline);
     EXPECT_EQ(std::string(room.near_objects(0)[0].mName), "pole");
-    for (int point = 0; point < 4; ++point) {
+    for (int point = 0; point < 16; ++point) { // every place, every drift
         const auto p = on_pole(room, point, 0.5 * STRIPE); // the middle of a red stripe
         const double distance = std::hypot(p[0], p[2]);
         EXPECT_GE(distance, 0.5) << point;
