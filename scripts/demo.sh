@@ -1,6 +1,7 @@
 #!/bin/sh
-# Runs the launcher over a fresh copy of the sample job, and over a stereo
-# rotating-camera job, and shows what they produced.
+# Runs the launcher over a fresh copy of the sample job, over a stereo
+# rotating-camera job and over a job with parallax, and shows what they
+# produced.
 #
 # The sample job gets synthetic captures of a known room, made afresh for
 # each demo by zarn_capture: chessboard views, a colour chart and a flat
@@ -10,6 +11,8 @@
 # published. The reconstruction library's synthetic two-storey interior
 # (1.5 million points in overlapping chunks, with noise and flying pixels)
 # becomes a final point cloud and a mesh per floor in three sizes.
+# A third job has captures with parallax: its panoramas are shown as
+# stitched and as repaired around the near objects.
 set -eu
 BUILD=${1:-build}
 if [ ! -x "$BUILD/bin/zarn" ]; then
@@ -39,6 +42,18 @@ printf '<_Lumora><StereoRotStitchMainProcess><mThreadConcurrency value="2"/></St
 echo
 "$BUILD/bin/zarn" run --process StereoRotStitchMainProcess --libs "$BUILD/backends" "$(pwd)/$STEREO" || status=$?
 
+# Captures with parallax (the lenses 3 cm apart, near furniture around the
+# rig): stitched with the plain blend, which doubles the near objects where
+# they cross the seam, then repaired in the regions zarn_capture marks
+# around them (the split data's "ImageROIProcess" member).
+PARALLAX="$DEMO/parallax-job"
+mkdir -p "$PARALLAX/caches"
+printf '{"StitchMainProcess":{"seam":"plain"}}\n' > "$PARALLAX/caches/split_data.json"
+"$BUILD/bin/zarn_capture" "$PARALLAX" --width 4096 --points 2 --videos 0 --repairs > /dev/null
+echo
+"$BUILD/bin/zarn" run --process StitchMainProcess --process ImageROIProcess --libs "$BUILD/backends" \
+    "$(pwd)/$PARALLAX" || status=$?
+
 list() {
     if [ -d "$1" ]; then find "$1" -type f | sort; else echo "(none)"; fi
 }
@@ -66,6 +81,10 @@ echo "== floor meshes (binary PLY: level 0 and two simplified sizes), the room m
 echo "   the final point cloud, and a top view of each floor (PNG)"
 list "$JOB/results/mesh"
 echo "   counts per floor (points in, duplicates, outliers, triangles per level): $JOB/caches/mesh_report.json"
+echo "== a panorama before and after its repair (parallax captures, plain blend; the regions are in"
+echo "   $PARALLAX/caches/split_data.json, the rendered truth in $PARALLAX/truth/)"
+echo "   stitched: $PARALLAX/caches/image_roi/stitched/point_000.jpg"
+echo "   repaired: $PARALLAX/caches/images/point_000.jpg (published in $PARALLAX/results/image_roi/)"
 echo "== stereo rotating camera: developed, merged from three exposures, stitched, tripod inpainted"
 list "$STEREO/caches/images"
 echo
@@ -73,5 +92,5 @@ echo "== project.json"
 cat "$JOB/project.json"
 echo
 echo
-echo "results are in $JOB/results and $STEREO (log: $DEMO/console.log)"
+echo "results are in $JOB/results, $STEREO and $PARALLAX/results (log: $DEMO/console.log)"
 exit "$status"
