@@ -393,16 +393,21 @@ struct JOB {
 // What the console of a job's child says that its run record keeps: the
 // module's build stamp from a banner ("BUILD-TIME = <stamp>") and the last
 // error line, the one that tells a person why a process failed.
+// A stamp seen for the first time is told to the launcher through `pipe` at
+// once, so that a run cut short in its first process still records it.
 class ConsoleWatch {
 public:
-    ConsoleWatch() {
-        ORN::console().listen([this](ORN::ConsoleLevel level, std::string_view text) {
+    explicit ConsoleWatch(int pipe) {
+        ORN::console().listen([this, pipe](ORN::ConsoleLevel level, std::string_view text) {
             constexpr std::string_view BANNER = "BUILD-TIME = ";
             const std::lock_guard<std::mutex> lock(mMutex);
-            if (level == ORN::ConsoleLevel::Error || level == ORN::ConsoleLevel::Fatal)
+            if (level == ORN::ConsoleLevel::Error || level == ORN::ConsoleLevel::Fatal) {
                 mLastError = text;
-            else if (level == ORN::ConsoleLevel::Print && text.substr(0, BANNER.size()) == BANNER)
+            } else if (level == ORN::ConsoleLevel::Print && text.substr(0, BANNER.size()) == BANNER &&
+                       text.substr(BANNER.size()) != mStamp) {
                 mStamp = text.substr(BANNER.size());
+                tell(pipe, EVENT::STAMP, 0, mStamp);
+            }
         });
     }
     ConsoleWatch(const ConsoleWatch &) = delete;
@@ -444,7 +449,7 @@ int run_job(const JOB &job, const Factories &factories, int pipe, std::int64_t t
             return EXIT_FAILED;
         }
     }
-    ConsoleWatch watch;
+    ConsoleWatch watch(pipe);
     const OutputCapture capture;
     bool recording = true;
     for (std::size_t i = 0; i < factories.size(); ++i) {
@@ -455,12 +460,7 @@ int run_job(const JOB &job, const Factories &factories, int pipe, std::int64_t t
         entry.mStarted = utc_now();
         watch.clear_error();
         const ORN::TimePoint started = ORN::TimePoint::now();
-        const auto keep_stamp = [&] {
-            if (const std::string stamp = watch.stamp(); stamp != record.mBuild) {
-                record.mBuild = stamp;
-                tell(pipe, EVENT::STAMP, 0, stamp);
-            }
-        };
+        const auto keep_stamp = [&] { record.mBuild = watch.stamp(); };
         try {
             try {
                 save_run_record(job.mWorkdir, record);
@@ -669,6 +669,14 @@ public:
             if (gSignal != 0 && signal == gSignal)
                 return stopped(static_cast<int>(gSignal), false);
             line = "the program was ended by signal " + std::to_string(signal) + " (" + ::strsignal(signal) + ") during " + name;
+            // A stop signal sent to the job from outside (a scheduler that
+            // signals every program of a cancelled job, the launcher's
+            // own signal still on its way) stopped the job: nothing failed.
+            if (std::find(std::begin(STOP_SIGNALS), std::end(STOP_SIGNALS), signal) != std::end(STOP_SIGNALS)) {
+                console.error(mJob.mLabel, line);
+                record_end("interrupted", "interrupted", line);
+                return EXIT_FAILED;
+            }
         } else {
             line = "a library ended the program with exit status " + std::to_string(WEXITSTATUS(status)) + " during " + name;
         }

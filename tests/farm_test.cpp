@@ -1,0 +1,385 @@
+// Many jobs: the run record of each job, `zarn status`, `zarn run -j N`, and
+// `zarn submit` on a private Slurm cluster started on this machine.
+#include "support.h"
+
+#include "__ORN__/orn_serialization.h"
+
+#include <sched.h>
+#include <signal.h>
+
+#include <regex>
+#include <set>
+
+namespace {
+
+using namespace zarn_test;
+
+const std::string ZARN = std::string(ZARN_BINARY_DIR) + "/bin/zarn";
+const std::string CAPTURE = std::string(ZARN_BINARY_DIR) + "/bin/zarn_capture";
+const std::string BACKENDS = std::string(ZARN_BINARY_DIR) + "/backends";
+const std::string CLUSTER = std::string(ZARN_SOURCE_DIR) + "/scripts/slurm-private-cluster.sh";
+
+// A small generated capture whose only work is one panorama.
+fs::path capture(const fs::path &job) {
+    EXPECT_EQ(run(quote(CAPTURE) + " " + quote(job.string()) + " --width 256 --points 1 --videos 0").status, 0);
+    return job;
+}
+
+RunResult zarn(const std::string &arguments, const std::string &env = "") {
+    return run("env NO_COLOR=1 " + env + " timeout 120 " + quote(ZARN) + " " + arguments);
+}
+
+ORN::JsonParser record_of(const fs::path &job) { return ORN::JsonParser(read_file(job / "caches/zarn_run.json")); }
+
+std::string text(const ORN::JsonParser &node) { return node.exist() ? std::string(node.view()) : std::string("<absent>"); }
+
+// The states of the record's processes, "name=state" joined by spaces.
+std::string states(const ORN::JsonParser &record) {
+    std::string s;
+    for (const auto &p : record.child("processes").children())
+        s += (s.empty() ? "" : " ") + text(p.child("name")) + "=" + text(p.child("state"));
+    return s;
+}
+
+const std::regex UTC_TIME("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}Z");
+
+TEST(RunRecord, DoneSkippedAndFailedWithItsLine) {
+    TempDir root;
+    const fs::path good = capture(root.path() / "good"), bad = capture(root.path() / "bad");
+    fs::remove(bad / "captures/point_000_up.jpg");
+    const auto r = zarn("run --process CalibMainProcess --process StitchMainProcess --process VideoROIProcess --libs " +
+                        quote(BACKENDS) + " " + quote(good.string()) + " " + quote(bad.string()));
+    ASSERT_EQ(r.status, 1) << r.output;
+
+    const auto done = record_of(good);
+    EXPECT_EQ(text(done.child("state")), "done");
+    EXPECT_EQ(states(done), "CalibMainProcess=skipped StitchMainProcess=done VideoROIProcess=skipped");
+    // The module's stamp is the one its banners show.
+    std::smatch banner;
+    ASSERT_TRUE(std::regex_search(r.output, banner, std::regex("BUILD-TIME = ([^\n]+)\n"))) << r.output;
+    EXPECT_EQ(text(done.child("build")), banner[1].str());
+    EXPECT_TRUE(starts_with(text(done.child("launcher")), "zarn "));
+    char host[256] = {};
+    ::gethostname(host, sizeof(host) - 1);
+    EXPECT_EQ(text(done.child("host")), host);
+    EXPECT_TRUE(std::regex_match(text(done.child("started")), UTC_TIME)) << text(done.child("started"));
+    EXPECT_TRUE(std::regex_match(text(done.child("ended")), UTC_TIME)) << text(done.child("ended"));
+    EXPECT_GT(done.child("processes").children()[1].child("seconds").value(0.0), 0.0);
+
+    const auto failed = record_of(bad);
+    EXPECT_EQ(text(failed.child("state")), "failed");
+    EXPECT_EQ(states(failed), "CalibMainProcess=skipped StitchMainProcess=failed VideoROIProcess=not run");
+    const auto stitch = failed.child("processes").children()[1];
+    EXPECT_EQ(text(stitch.child("failure_line")), "missing file : " + (bad / "captures/point_000_up.jpg").string());
+    EXPECT_TRUE(starts_with(text(stitch.child("failure_text")), "dynamic_assert failed : ")) << text(stitch.child("failure_text"));
+    EXPECT_TRUE(contains(r.output, "StitchMainProcess error\n" + text(stitch.child("failure_text")) + "\n")) << r.output;
+}
+
+TEST(RunRecord, ARecordOfThisHostWhoseRunIsGoneIsInterrupted) {
+    TempDir root;
+    const fs::path job = root.path() / "job";
+    char host[256] = {};
+    ::gethostname(host, sizeof(host) - 1);
+    // A process id that is free: a child that has been waited for.
+    const pid_t gone = ::fork();
+    if (gone == 0)
+        ::_exit(0);
+    ::waitpid(gone, nullptr, 0);
+    write_file(job / "caches/zarn_run.json",
+               std::string(R"({"launcher":"zarn 0","build":"","host":")") + host + R"(","pid":)" + std::to_string(gone) +
+                   R"(,"started":"2026-01-01T00:00:00Z","ended":"","state":"running","processes":[)"
+                   R"({"name":"StitchMainProcess","state":"running","started":"2026-01-01T00:00:00Z","seconds":0}]})");
+    const auto r = zarn("status " + quote(job.string()));
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(starts_with(r.output, "interrupted : " + job.string() + " : StitchMainProcess : ")) << r.output;
+    EXPECT_TRUE(contains(r.output, " : the run of process " + std::to_string(gone) + " on " + host +
+                                       " ended without finishing its record\n"))
+        << r.output;
+}
+
+TEST(ZarnStatus, LinesJsonAndExitStatus) {
+    TempDir root;
+    const fs::path done = capture(root.path() / "done"), failed = capture(root.path() / "failed");
+    const fs::path never = root.path() / "never", linked = root.path() / "linked", broken = root.path() / "broken";
+    fs::create_directories(never);
+    fs::remove(failed / "captures/point_000_up.jpg");
+    ASSERT_EQ(zarn("run --process StitchMainProcess --libs " + quote(BACKENDS) + " " + done.string() + " " + failed.string())
+                  .status,
+              1);
+    fs::create_directories(linked / "caches");
+    fs::create_symlink(done / "caches/zarn_run.json", linked / "caches/zarn_run.json");
+    write_file(broken / "caches/zarn_run.json", R"({"state":"done",)");
+
+    const auto all = zarn("status " + done.string() + " " + failed.string() + " " + never.string() + " " + linked.string() +
+                          " " + broken.string());
+    EXPECT_EQ(all.status, 1);
+    auto lines = lines_of(all.output);
+    ASSERT_EQ(lines.size(), 7u) << all.output;
+    // The parser's own line about the broken record, on standard error,
+    // comes while the records are read, before the lines of the jobs.
+    EXPECT_EQ(lines[0], (broken / "caches/zarn_run.json").string() + " : line 1, column 17 : not valid JSON");
+    lines.erase(lines.begin());
+    EXPECT_TRUE(std::regex_match(lines[0], std::regex("done : " + done.string() + " : [0-9.]+ s"))) << lines[0];
+    EXPECT_TRUE(std::regex_match(lines[1], std::regex("failed : " + failed.string() +
+                                                      " : StitchMainProcess : [0-9.]+ s : missing file : " +
+                                                      (failed / "captures/point_000_up.jpg").string())))
+        << lines[1];
+    EXPECT_EQ(lines[2], "not run : " + never.string());
+    EXPECT_EQ(lines[3], "unreadable : " + linked.string() + " : " + (linked / "caches/zarn_run.json").string() +
+                            " : symbolic link, not followed");
+    EXPECT_TRUE(starts_with(lines[4], "unreadable : " + broken.string() + " : " + (broken / "caches/zarn_run.json").string() +
+                                          " : dynamic_assert failed : "))
+        << lines[4];
+    EXPECT_EQ(lines[5], "total : 5 jobs : 1 done, 1 failed, 1 not run, 2 unreadable");
+
+    const auto json = zarn("status --json " + done.string() + " " + failed.string() + " " + never.string());
+    EXPECT_EQ(json.status, 1);
+    const ORN::JsonParser doc(json.output);
+    const auto jobs = doc.child("jobs").children();
+    ASSERT_EQ(jobs.size(), 3);
+    EXPECT_EQ(text(jobs[0].child("workdir")), done.string());
+    EXPECT_EQ(text(jobs[0].child("state")), "done");
+    EXPECT_EQ(text(jobs[0].child("record").child("state")), "done");
+    EXPECT_EQ(text(jobs[1].child("process")), "StitchMainProcess");
+    EXPECT_EQ(text(jobs[1].child("failure_line")), "missing file : " + (failed / "captures/point_000_up.jpg").string());
+    EXPECT_EQ(text(jobs[2].child("state")), "not run");
+    EXPECT_TRUE(jobs[2].child("record").null_type());
+    EXPECT_EQ(doc.child("total").child("failed").value(-1), 1);
+    EXPECT_EQ(text(doc.child("all_done")), "false");
+
+    const auto only_done = zarn("status --json " + done.string());
+    EXPECT_EQ(only_done.status, 0) << only_done.output;
+    EXPECT_EQ(text(ORN::JsonParser(only_done.output).child("all_done")), "true");
+    // The same jobs listed in a file, one a line.
+    write_file(root.path() / "list", done.string() + "\n\n" + done.string() + "\n");
+    const auto listed = zarn("status --from " + quote(root / "list"));
+    EXPECT_EQ(listed.status, 0) << listed.output;
+    EXPECT_TRUE(contains(listed.output, "total : 2 jobs : 2 done\n")) << listed.output;
+    for (const std::string &usage : {std::string("status"), std::string("status --bogus ") + done.string(),
+                                     "status " + (root / "absent")}) {
+        const auto u = zarn(usage);
+        EXPECT_EQ(u.status, 2) << usage;
+        EXPECT_TRUE(starts_with(u.output, "zarn: ")) << u.output;
+    }
+}
+
+// Processors this test may use.
+int own_processors() {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    return ::sched_getaffinity(0, sizeof(set), &set) == 0 ? CPU_COUNT(&set) : 1;
+}
+
+// Every file below a folder with its content.
+std::map<std::string, std::string> contents(const fs::path &root) {
+    std::map<std::string, std::string> files;
+    for (const auto &[name, inode] : tree(root))
+        files[name] = read_file(root / name);
+    return files;
+}
+
+TEST(ParallelRun, ThreeJobsTwoAtOnceEachOnItsShareWithItsOwnLog) {
+    TempDir root, logs;
+    std::vector<fs::path> jobs, alone;
+    std::string list, alone_list;
+    for (const char *name : {"a", "b", "c"}) {
+        jobs.push_back(capture(root.path() / "parallel" / name));
+        alone.push_back(capture(root.path() / "alone" / name));
+        list += " " + jobs.back().string();
+        alone_list += " " + alone.back().string();
+    }
+    const auto r = zarn("run -j 2 --process StitchMainProcess --libs " + quote(BACKENDS) + " --log " + logs.str() + list);
+    ASSERT_EQ(r.status, 0) << r.output;
+    ASSERT_EQ(zarn("run -j 1 --process StitchMainProcess --libs " + quote(BACKENDS) + alone_list).status, 0);
+
+    // Each job's lines carry its name; the summary is the launcher's own.
+    bool summary = false;
+    for (const auto &line : lines_of(r.output)) {
+        summary = summary || line == "summary :";
+        if (!summary) {
+            EXPECT_TRUE(starts_with(line, "[a] ") || starts_with(line, "[b] ") || starts_with(line, "[c] ")) << line;
+        }
+    }
+    const int share = (own_processors() + 1) / 2;
+    for (std::size_t i = 0; i < jobs.size(); ++i) {
+        const std::string name = jobs[i].filename().string();
+        EXPECT_TRUE(contains(r.output, "[" + name + "] in " + jobs[i].string() + " (" + name + ")\n")) << r.output;
+        EXPECT_TRUE(contains(r.output, "done : StitchMainProcess : " + jobs[i].string() + " : ")) << r.output;
+        EXPECT_EQ(text(record_of(jobs[i]).child("state")), "done");
+        // Its own log holds its own lines and nobody else's.
+        const std::string log = read_file(logs / (name + "/console.log"));
+        EXPECT_TRUE(contains(log, "][PRINT] : in " + jobs[i].string() + " (" + name + ")\n")) << log;
+        for (const auto &other : jobs)
+            if (other != jobs[i]) {
+                EXPECT_FALSE(contains(log, other.string())) << log;
+            }
+        // Its workers were bounded by its share of the processors.
+        std::smatch cores;
+        ASSERT_TRUE(std::regex_search(log, cores, std::regex(", ([0-9]+) cores \\(affinity\\)"))) << log;
+        EXPECT_LE(std::stoi(cores[1].str()), std::max(share, 1)) << log;
+        // The panoramas are those of the same job run alone.
+        EXPECT_EQ(contents(jobs[i] / "caches/images"), contents(alone[i] / "caches/images")) << name;
+        EXPECT_FALSE(contents(jobs[i] / "caches/images").empty());
+    }
+    EXPECT_TRUE(contains(read_file(logs / "console.log"), "][PRINT] : [b] StitchMainProcess:\n"));
+    const auto usage = zarn("run -j 0 " + jobs[0].string());
+    EXPECT_EQ(usage.status, 2);
+    EXPECT_EQ(usage.output, "zarn: -j needs a whole number of jobs, at least 1, not 0\n");
+}
+
+// A private Slurm cluster (scripts/slurm-private-cluster.sh) for one test,
+// stopped by its process ids whatever the test's outcome.
+class PrivateCluster : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const auto r = run("timeout 60 " + quote(CLUSTER) + " start " + quote(mCluster.str()));
+        if (r.status == 3)
+            GTEST_SKIP() << "Slurm or munge is not installed (scripts/install-deps.sh installs slurm-wlm and munge): "
+                         << r.output;
+        ASSERT_EQ(r.status, 0) << "the private cluster did not start:\n" << r.output;
+        mStarted = true;
+        mEnv = "SLURM_CONF=" + quote(mCluster / "slurm.conf");
+    }
+    void TearDown() override {
+        if (mStarted)
+            run("timeout 60 " + quote(CLUSTER) + " stop " + quote(mCluster.str()));
+    }
+
+    RunResult slurm(const std::string &command) const { return run("env " + mEnv + " timeout 60 " + command); }
+    RunResult submit(const std::string &arguments, const std::string &env = "") const {
+        return zarn("submit " + arguments, mEnv + " " + env);
+    }
+    // The Slurm job ID of a submission's last line, which must be exactly
+    // "submitted <folder> as Slurm job <ID>".
+    static std::string job_id(const RunResult &r, const std::string &folder) {
+        const auto lines = lines_of(r.output);
+        std::smatch id;
+        const std::string last = lines.empty() ? std::string() : lines.back();
+        if (r.status != 0 || !std::regex_match(last, id, std::regex("submitted (.*) as Slurm job ([0-9]+)")) ||
+            id[1].str() != folder)
+            return "";
+        return id[2].str();
+    }
+    // Waits (at most two minutes) until Slurm has nothing of the job left.
+    void wait_for(const std::string &id) const {
+        for (int i = 0; i < 1200; ++i) {
+            const auto q = slurm("squeue -h -j " + id);
+            if (q.status == 0 && q.output.empty())
+                return;
+            ::usleep(100000);
+        }
+        ADD_FAILURE() << "Slurm job " << id << " did not end";
+    }
+
+    TempDir mCluster, mRoot;
+    bool mStarted = false;
+    std::string mEnv;
+};
+
+TEST_F(PrivateCluster, SubmittedJobsRunThrottledAndAgainFinishesTheFailedOne) {
+    std::vector<fs::path> jobs;
+    std::string list;
+    for (const char *name : {"one", "two words", "it's three"}) {
+        jobs.push_back(capture(mRoot.path() / name));
+        list += "\n" + jobs.back().string();
+    }
+    write_file(mRoot.path() / "list", list + "\n");
+    // The second job fails: a capture is missing.
+    fs::rename(jobs[1] / "captures", mRoot.path() / "captures-away");
+    const std::string folder = mRoot / "submission";
+    const auto r = submit("--max-parallel 2 --cpus 1 --process StitchMainProcess --libs " + quote(BACKENDS) + " --into " +
+                          quote(folder) + " --from " + quote(mRoot / "list"));
+    const std::string id = job_id(r, folder);
+    ASSERT_FALSE(id.empty()) << r.output;
+    const auto lines = lines_of(r.output);
+    EXPECT_EQ(lines[lines.size() - 2], quote(ZARN) + " status --from " + quote(folder + "/jobs.txt"));
+    EXPECT_EQ(read_file(folder + "/round-1/jobs.txt"), jobs[0].string() + "\n" + jobs[1].string() + "\n" + jobs[2].string() + "\n");
+    EXPECT_TRUE(contains(slurm("scontrol -o show job " + id).output, "ArrayTaskThrottle=2"));
+    wait_for(id);
+
+    // Each task's exit status is its job's.
+    std::map<std::string, std::string> exit_codes;
+    for (const auto &line : lines_of(slurm("scontrol -o show job " + id).output)) {
+        std::smatch m;
+        if (std::regex_search(line, m, std::regex("ArrayTaskId=([0-9]+) .* ExitCode=([0-9:]+)")))
+            exit_codes[m[1].str()] = m[2].str();
+    }
+    EXPECT_EQ(exit_codes, (std::map<std::string, std::string>{{"0", "0:0"}, {"1", "1:0"}, {"2", "0:0"}}));
+    EXPECT_TRUE(contains(read_file(folder + "/round-1/logs/1/console.log"), "][ERROR] : StitchMainProcess error\n"));
+    EXPECT_TRUE(contains(read_file(folder + "/round-1/slurm-" + id + "_1.out"), "StitchMainProcess error\n"));
+    const auto status = zarn("status --from " + quote(folder + "/jobs.txt"));
+    EXPECT_EQ(status.status, 1);
+    EXPECT_TRUE(contains(status.output, "total : 3 jobs : 2 done, 1 failed\n")) << status.output;
+    EXPECT_EQ(tree(jobs[0] / "caches/images").size(), 1u);
+    EXPECT_TRUE(tree(jobs[1] / "caches/images").empty());
+
+    // The fault removed, only the failed job goes again.
+    fs::rename(mRoot.path() / "captures-away", jobs[1] / "captures");
+    const auto again = submit("--again " + quote(folder));
+    const std::string again_id = job_id(again, folder);
+    ASSERT_FALSE(again_id.empty()) << again.output;
+    EXPECT_EQ(read_file(folder + "/round-2/jobs.txt"), jobs[1].string() + "\n");
+    wait_for(again_id);
+    const auto finished = zarn("status --from " + quote(folder + "/jobs.txt"));
+    EXPECT_EQ(finished.status, 0) << finished.output;
+    EXPECT_EQ(contents(jobs[1] / "caches/images"), contents(jobs[0] / "caches/images"));
+    const auto nothing = submit("--again " + quote(folder));
+    EXPECT_EQ(nothing.status, 0);
+    EXPECT_EQ(nothing.output, "every job of " + folder + " is done; nothing submitted\n");
+    EXPECT_FALSE(fs::exists(folder + "/round-3"));
+}
+
+TEST_F(PrivateCluster, ACancelledTaskLeavesItsJobConsistentAndAgainCompletesIt) {
+    const fs::path job = mRoot.path() / "hung";
+    fs::create_directories(job / "images");
+    for (const char *image : {"point_000_down.png", "point_000_up.png"})
+        fs::copy_file(fs::path(ZARN_SOURCE_DIR) / "examples/sample-job/images" / image, job / "images" / image);
+    write_file(job / "caches/split_data.json", R"({"VeldaMainProcess":{"Common":{"velda_type":"indoor"}}})");
+    const std::string folder = mRoot / "submission";
+    const auto r = submit("--process VeldaMainProcess --libs " + quote(BACKENDS) + " --into " + quote(folder) + " " +
+                              quote(job.string()),
+                          "ZARN_BACKEND_HANG=run_velda_main");
+    const std::string id = job_id(r, folder);
+    ASSERT_FALSE(id.empty()) << r.output;
+    const std::string log = folder + "/round-1/logs/0/console.log";
+    for (int i = 0; i < 600 && !contains(read_file(log), "run_velda_main : hanging"); ++i)
+        ::usleep(100000);
+    ASSERT_TRUE(contains(read_file(log), "run_velda_main : hanging")) << read_file(log);
+    EXPECT_EQ(text(record_of(job).child("state")), "running");
+    ASSERT_EQ(slurm("scancel " + id).status, 0);
+    wait_for(id);
+
+    const auto record = record_of(job);
+    EXPECT_EQ(text(record.child("state")), "interrupted");
+    EXPECT_EQ(states(record), "VeldaMainProcess=interrupted");
+    EXPECT_TRUE(contains(text(record.child("processes").children()[0].child("failure_line")), "signal 15 (Terminated)"));
+    EXPECT_FALSE(text(record.child("build")).empty());
+    EXPECT_TRUE(tree(job / "results").empty());
+    // Nothing of the task lives on: the job's lock is free.
+    EXPECT_EQ(run("flock -n " + quote(job / "caches/job.lock") + " true").status, 0);
+    EXPECT_EQ(zarn("status " + quote(job.string())).status, 1);
+
+    const auto again = submit("--again " + quote(folder));
+    const std::string again_id = job_id(again, folder);
+    ASSERT_FALSE(again_id.empty()) << again.output;
+    wait_for(again_id);
+    const auto finished = zarn("status " + quote(job.string()));
+    EXPECT_EQ(finished.status, 0) << finished.output << read_file(folder + "/round-2/logs/0/console.log");
+}
+
+TEST(ZarnSubmit, UsageErrorsSubmitNothing) {
+    TempDir root;
+    const fs::path job = root.path() / "job";
+    fs::create_directories(job);
+    for (const std::string &arguments :
+         {std::string("submit"), "submit --mem '1G; rm -rf /' " + job.string(), "submit --cpus 0 " + job.string(),
+          "submit --process Nope " + job.string(), "submit " + (root / "absent"), "submit --again " + root.str(),
+          "submit --from " + (root / "absent-list")}) {
+        const auto r = run("cd " + root.str() + " && " + quote(ZARN) + " " + arguments);
+        EXPECT_EQ(r.status, 2) << arguments << ": " << r.output;
+        EXPECT_TRUE(starts_with(r.output, "zarn: ")) << r.output;
+    }
+    EXPECT_FALSE(fs::exists(root / "zarn-submissions"));
+}
+
+} // namespace
