@@ -295,6 +295,11 @@ TEST_F(LauncherWatch, AHungLibraryIsEndedAtItsTimeLimitAndTheNextJobRuns) {
     ASSERT_EQ(lines.end() - summary, 3) << r.output;
     EXPECT_TRUE(starts_with(summary[1], "failed : VeldaMainProcess : " + hung.string() + " : 2.")) << summary[1];
     EXPECT_TRUE(starts_with(summary[2], "skipped : VeldaMainProcess : " + good.string() + " : ")) << summary[2];
+    // The run record says where and why the job stopped.
+    const std::string record = read_file(hung / "caches/zarn_run.json");
+    EXPECT_TRUE(contains(record, R"(,"state":"failed","processes":[{"name":"VeldaMainProcess","state":"failed",)")) << record;
+    EXPECT_TRUE(contains(record, R"("failure_line":"VeldaMainProcess exceeded its time limit of 2 s and was ended",)"))
+        << record;
     // Nothing of the hung job is left running: its lock is free at once.
     const auto again = run("timeout 120 " + command("", "--no-wait " + hung.string()));
     EXPECT_EQ(again.status, 0) << again.output;
@@ -328,6 +333,12 @@ TEST_F(LauncherWatch, AStopSignalReachesTheWholeJob) {
     EXPECT_TRUE(contains(out, "zarn was sent signal 15 (Terminated) during VeldaMainProcess; the job was stopped\n")) << out;
     EXPECT_TRUE(contains(out, "not run : VeldaMainProcess : " + next.string() + " : ")) << out;
     EXPECT_FALSE(fs::exists(next / "caches/vision.json"));
+    const std::string record = read_file(hung / "caches/zarn_run.json");
+    EXPECT_TRUE(contains(record, R"(,"state":"interrupted","processes":[{"name":"VeldaMainProcess","state":"interrupted",)"))
+        << record;
+    EXPECT_TRUE(contains(record, R"("failure_line":"zarn was sent signal 15 (Terminated) during VeldaMainProcess; the job was stopped",)"))
+        << record;
+    EXPECT_FALSE(fs::exists(next / "caches/zarn_run.json")) << "a job that never started keeps its record";
     // The job's child went with it: the lock is free.
     const auto again = run("timeout 120 " + command("", "--no-wait " + hung.string()));
     EXPECT_EQ(again.status, 0) << again.output;
