@@ -74,6 +74,23 @@ struct PROP {
     double mMin[3], mMax[3];
 };
 
+// The near objects of capture point `point` for a rig centre at `rig`
+// (interior frame) in a room from height `floor` to `ceiling`: the pole
+// from floor to ceiling, the lamp's stem and its shade.
+std::vector<PROP> props_of(int point, const double rig[3], double floor, double ceiling) {
+    const PLACE &p = PLACES[point % 4];
+    std::vector<PROP> props;
+    const auto add = [&](int kind, double azimuth, double distance, double half, double z0, double z1) {
+        const double a = azimuth * PI / 180;
+        const double x = rig[0] + distance * std::sin(a), y = rig[1] + distance * std::cos(a);
+        props.push_back(PROP{kind, {x - half, y - half, z0}, {x + half, y + half, z1}});
+    };
+    add(0, p.mPole, POLE_DISTANCE, POLE_HALF, floor, ceiling);
+    add(1, p.mLamp, LAMP_DISTANCE, STEM_HALF, floor, floor + SHADE_BOTTOM);
+    add(2, p.mLamp, LAMP_DISTANCE, SHADE_HALF, floor + SHADE_BOTTOM, floor + SHADE_TOP);
+    return props;
+}
+
 } // namespace
 
 struct ParallaxRoom::SCENE {
@@ -303,25 +320,24 @@ POINT3 ParallaxRoom::rig_centre(int point) const {
 }
 
 std::vector<NEAR_OBJECT> ParallaxRoom::near_objects(int point) const {
-    const PLACE &p = PLACES[point % 4];
-    const double c[3] = {0, 0, 0};
-    const POINT3 rig = to_interior(c); // the rig centre is the origin
-    const double ceiling = mScene->mInterior.mRooms[0].mMax[2];
-    const auto box = [&](const char *name, double azimuth, double distance, double half, double z0, double z1) {
-        const double a = azimuth * PI / 180;
-        const double x = rig[0] + distance * std::sin(a), y = rig[1] + distance * std::cos(a);
-        // Interior frame, relative to the rig centre, then the panorama's.
-        const POINT3 lo = to_panorama({x - half, y - half, z0 - RIG_HEIGHT});
-        const POINT3 hi = to_panorama({x + half, y + half, z1 - RIG_HEIGHT});
-        NEAR_OBJECT o{name, {}, {}};
+    // Around a rig centre at the origin of the interior frame, in a room
+    // whose floor lies RIG_HEIGHT below it.
+    const zarn_interior::Room &room = mScene->mInterior.mRooms[0];
+    const double origin[3] = {0, 0, 0};
+    std::vector<NEAR_OBJECT> out;
+    for (const PROP &p : props_of(point, origin, -RIG_HEIGHT, room.mMax[2] - room.mMin[2] - RIG_HEIGHT)) {
+        if (p.mKind == 1)
+            continue; // the stem: below the band but for its top, which the shade covers
+        const POINT3 lo = to_panorama({p.mMin[0], p.mMin[1], p.mMin[2]});
+        const POINT3 hi = to_panorama({p.mMax[0], p.mMax[1], p.mMax[2]});
+        NEAR_OBJECT o{p.mKind == 0 ? "pole" : "lamp", {}, {}};
         for (std::size_t k = 0; k < 3; ++k) {
             o.mMin[k] = std::min(lo[k], hi[k]);
             o.mMax[k] = std::max(lo[k], hi[k]);
         }
-        return o;
-    };
-    return {box("pole", p.mPole, POLE_DISTANCE, POLE_HALF, 0, ceiling),
-            box("lamp", p.mLamp, LAMP_DISTANCE, SHADE_HALF, SHADE_BOTTOM, SHADE_TOP)};
+        out.push_back(o);
+    }
+    return out;
 }
 
 ParallaxRoom::View ParallaxRoom::view(int point, EYE eye, double turn) const {
@@ -335,18 +351,8 @@ ParallaxRoom::View ParallaxRoom::view(int point, EYE eye, double turn) const {
     const double a = turn * PI / 180;
     state->mCos = std::cos(a);
     state->mSin = std::sin(a);
-    // The near objects in the interior frame: the pole from floor to
-    // ceiling, the lamp as its stem and its shade.
-    const PLACE &p = PLACES[point % 4];
     const zarn_interior::Room &room = mScene->mInterior.mRooms[static_cast<std::size_t>(state->mRoom)];
-    const auto add = [&](int kind, double azimuth, double distance, double half, double z0, double z1) {
-        const double r = azimuth * PI / 180;
-        const double x = rig[0] + distance * std::sin(r), y = rig[1] + distance * std::cos(r);
-        state->mProps.push_back(PROP{kind, {x - half, y - half, room.mMin[2] + z0}, {x + half, y + half, room.mMin[2] + z1}});
-    };
-    add(0, p.mPole, POLE_DISTANCE, POLE_HALF, 0, room.mMax[2] - room.mMin[2]);
-    add(1, p.mLamp, LAMP_DISTANCE, STEM_HALF, 0, SHADE_BOTTOM);
-    add(2, p.mLamp, LAMP_DISTANCE, SHADE_HALF, SHADE_BOTTOM, SHADE_TOP);
+    state->mProps = props_of(point, rig.data(), room.mMin[2], room.mMax[2]);
     View v;
     v.mState = std::move(state);
     return v;
