@@ -16,25 +16,40 @@ namespace {
 constexpr int PAD = 32;
 // Flow shorter than this, in pixels, is noise of the estimate.
 constexpr float FLOW_NOISE = 0.5f;
+// Shares of the upper lens below WARP_RAMP and above 1 - WARP_RAMP, the
+// band's edges, where the views turn from half-way back to where their own
+// lens puts them.
+constexpr float WARP_RAMP = 0.1f;
+
+// How far along the flow a pixel of the upper lens's share w is placed: 1
+// at the upper view, 0 at the lower one. Half-way, where the rig's centre
+// sees the scene, over the band's middle; at its edges each lens's own
+// place, so that the band meets the rows one lens fills alone.
+float warp_share(float w) {
+    if (w >= 1.0f - WARP_RAMP)
+        return 0.5f + 0.5f * std::min(1.0f, (w - (1.0f - WARP_RAMP)) / WARP_RAMP);
+    if (w <= WARP_RAMP)
+        return 0.5f * std::max(0.0f, w / WARP_RAMP);
+    return 0.5f;
+}
 
 // The views as the flow sees them: each where its lens sees the pixel, the
 // other (through the gain) where it does not, so that the flow there is
 // nil; the lower one brought to the upper's exposure for the grey levels.
 void fill_unseen(const cv::Mat &upper, const cv::Mat &lower, double gain, const cv::Mat &weight, cv::Mat &up,
                  cv::Mat &down, cv::Mat &up_grey, cv::Mat &down_grey) {
-    up = upper.clone();
-    down = lower.clone();
-    const float g = float(gain);
-    for (int y = 0; y < weight.rows; ++y) {
-        const float *w = weight.ptr<float>(y);
-        auto *pu = up.ptr<cv::Vec3b>(y);
-        auto *pl = down.ptr<cv::Vec3b>(y);
-        for (int x = 0; x < weight.cols; ++x)
-            for (int c = 0; c < 3; ++c)
-                if (w[x] <= 0.0f)
-                    pu[x][c] = cv::saturate_cast<unsigned char>(g * pl[x][c]);
-                else if (w[x] >= 1.0f)
-                    pl[x][c] = cv::saturate_cast<unsigned char>(pu[x][c] / g);
+    upper.copyTo(up);
+    lower.copyTo(down);
+    cv::Mat only_lower, only_upper, moved;
+    cv::compare(weight, 0.0, only_lower, cv::CMP_LE);
+    cv::compare(weight, 1.0, only_upper, cv::CMP_GE);
+    if (cv::countNonZero(only_lower) > 0) {
+        lower.convertTo(moved, CV_8U, gain);
+        moved.copyTo(up, only_lower);
+    }
+    if (cv::countNonZero(only_upper) > 0) {
+        upper.convertTo(moved, CV_8U, 1.0 / gain);
+        moved.copyTo(down, only_upper);
     }
     cv::cvtColor(up, up_grey, cv::COLOR_BGR2GRAY);
     cv::cvtColor(down, down_grey, cv::COLOR_BGR2GRAY);
@@ -98,17 +113,23 @@ void flow_blend(const cv::Mat &upper, const cv::Mat &lower, double gain, const c
     // the plain blend's, not a resampling of it.
     const int h = upper.rows, w = upper.cols;
     cv::Mat map_up(h, w, CV_32FC2), map_down(h, w, CV_32FC2);
+    constexpr float NOISE2 = FLOW_NOISE * FLOW_NOISE;
     for (int y = 0; y < h; ++y) {
         const float *pw = weight.ptr<float>(y);
         const auto *pf = flow.ptr<cv::Vec2f>(y + PAD) + PAD;
         auto *mu = map_up.ptr<cv::Vec2f>(y);
         auto *md = map_down.ptr<cv::Vec2f>(y);
+        const float py = float(y + PAD);
         for (int x = 0; x < w; ++x) {
-            const float length = std::hypot(pf[x][0], pf[x][1]);
-            const float keep = length > FLOW_NOISE ? (length - FLOW_NOISE) / length : 0.0f;
+            const float px = float(x + PAD);
+            const float length2 = pf[x][0] * pf[x][0] + pf[x][1] * pf[x][1];
+            if (length2 <= NOISE2) {
+                mu[x] = md[x] = cv::Vec2f(px, py);
+                continue;
+            }
+            const float keep = 1.0f - FLOW_NOISE / std::sqrt(length2);
             const float fx = keep * pf[x][0], fy = keep * pf[x][1];
-            const float t = pw[x];
-            const float px = float(x + PAD), py = float(y + PAD);
+            const float t = warp_share(pw[x]);
             mu[x] = cv::Vec2f(px - (1 - t) * fx, py - (1 - t) * fy);
             md[x] = cv::Vec2f(px + t * fx, py + t * fy);
         }
@@ -133,7 +154,7 @@ void flow_blend(const cv::Mat &upper, const cv::Mat &lower, double gain, const c
 }
 
 void compose_flow(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lower, double gain, cv::Mat &out) {
-    compose(maps, upper, lower, gain, out);
+    compose_around_band(maps, upper, lower, gain, out);
     cv::Mat up, down;
     band_views(maps, upper, lower, 1.0, up, down);
     if (up.empty())

@@ -10,13 +10,20 @@
 // (stitch_maps.h), the flow F from U to L (U(p) ~ L(p + F(p))) is estimated
 // on grey levels by OpenCV's DIS, and each view is moved part of the way:
 //
-//   out(p) = w U(p - (1 - w) F(p)) + (1 - w) L(p + w F(p))
+//   out(p) = w U(p - (1 - t) F(p)) + (1 - w) L(p + t F(p))
 //
-// Where w is 1 (only the upper lens sees the pixel) the upper view is taken
-// unmoved, where it is 0 the lower one, so the band's edges stay where each
-// lens alone puts them; half-way across, both views meet at the middle of
-// their disagreement. Where one lens does not see a pixel, its view is
-// filled with the other's before the flow, so the flow there is nil.
+// t is one half over the band's middle: both views are brought to where
+// the rig's centre, half-way between the lenses, sees the scene, which is
+// what the panorama shows. Over the band's edges (w within 0.1 of 1 or of
+// 0) t turns to w's side, 1 where only the upper lens sees the pixel and 0
+// where only the lower one does, so that the band meets the rows each lens
+// fills alone without a cut. Where one lens does not see a pixel, its view
+// is filled with the other's before the flow, so the flow there is nil.
+//
+// The flow is estimated at a quarter of the panorama's resolution: the
+// disparity of a near object is smooth over tens of pixels, and its size
+// (a few degrees) is found as well as at half resolution (docs/PERFORMANCE.md
+// compares them) at a fifth of the cost.
 //
 // DIS runs with its spatial propagation off: with it, the result depends on
 // how many stripes OpenCV splits the image into, which is its thread count.
@@ -39,8 +46,8 @@ struct FLOW_SETTINGS {
     int mContext;       // pixels of context around a repaired region that the flow also sees
 };
 
-// The seam of every stitched panorama: half resolution, fast.
-inline constexpr FLOW_SETTINGS SEAM_FLOW{2, 8, 4, 16, 5, 0};
+// The seam of every stitched panorama: quarter resolution, fast.
+inline constexpr FLOW_SETTINGS SEAM_FLOW{4, 8, 4, 16, 5, 0};
 // The re-alignment of a repaired region: full resolution, denser patches,
 // more refinement and 64 pixels of context on every side.
 inline constexpr FLOW_SETTINGS REPAIR_FLOW{1, 8, 3, 25, 10, 64};

@@ -183,11 +183,16 @@ void band_views(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &l
         down.convertTo(down, CV_8U, gain);
 }
 
-void compose(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lower, double gain, cv::Mat &out) {
+namespace {
+
+// The panorama from the two lenses; the band's rows only with `band`.
+void compose_rows(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lower, double gain, cv::Mat &out,
+                  bool band) {
     const int h = maps.mHeight;
     const int a = maps.band_begin(), b = maps.band_end();
     // Upper lens alone above the band (and the band itself, blended below).
-    remap_rows(upper, maps.mUpperMap1, maps.mUpperMap2, 0, 0, maps.mUpperEnd, out.rowRange(0, maps.mUpperEnd));
+    const int upper_rows = band ? maps.mUpperEnd : std::min(maps.mUpperEnd, a);
+    remap_rows(upper, maps.mUpperMap1, maps.mUpperMap2, 0, 0, upper_rows, out.rowRange(0, upper_rows));
     // Neither lens between them, when they leave a gap.
     if (maps.mLowerBegin > maps.mUpperEnd)
         out.rowRange(maps.mUpperEnd, maps.mLowerBegin).setTo(cv::Scalar::all(0));
@@ -198,7 +203,7 @@ void compose(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lowe
         if (gain != 1.0)
             below.convertTo(below, CV_8U, gain);
     }
-    if (b <= a)
+    if (b <= a || !band)
         return;
     cv::Mat down(b - a, maps.mWidth, CV_8UC3);
     remap_rows(lower, maps.mLowerMap1, maps.mLowerMap2, maps.mLowerBegin, a, b, down);
@@ -216,6 +221,17 @@ void compose(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lowe
             }
         }
     });
+}
+
+} // namespace
+
+void compose(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lower, double gain, cv::Mat &out) {
+    compose_rows(maps, upper, lower, gain, out, true);
+}
+
+void compose_around_band(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lower, double gain,
+                         cv::Mat &out) {
+    compose_rows(maps, upper, lower, gain, out, false);
 }
 
 double vertical_fov(const LENS_TABLE &upper, const LENS_TABLE &lower) {

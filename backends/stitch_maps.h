@@ -58,6 +58,9 @@ void band_views(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &l
 // Composes the panorama into `out` (the maps' size, CV_8UC3, allocated by
 // the caller) from the two captures (CV_8UC3), the lower one scaled by gain.
 void compose(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lower, double gain, cv::Mat &out);
+// As compose, the band's rows left as they are (for a blend of the caller's).
+void compose_around_band(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lower, double gain,
+                         cv::Mat &out);
 
 // The vertical field of view in degrees that the two lenses cover together:
 // along each meridian, the covered part of its 180 degrees, sampled every

@@ -616,7 +616,9 @@ TEST(StitchLibrary, FlowSeamsReduceTheBandErrorOnParallaxCaptures) {
         db[seam] = ImageProc::psnr(truth, ORN::Image::read(file), band);
     }
     std::printf("parallax, where both lenses see: plain %.2f dB, flow %.2f dB\n", db[0], db[1]);
-    EXPECT_GT(db[1], db[0] + 1.0);
+    // Both views brought half-way, where the truth's centre sees the scene
+    // (views kept near their own lens's place across the band gave +1.1 dB).
+    EXPECT_GT(db[1], db[0] + 2.5);
     api().mDestroy(h);
 }
 
@@ -721,7 +723,7 @@ TEST(StitchLibrary, RepairBringsMarkedRegionsCloserToTheTruthOnParallaxCaptures)
             const ORN::Image mask = rect_mask(W, H, r[0], r[1], r[2], r[3]);
             const double was = ImageProc::psnr(truth, before, mask), is = ImageProc::psnr(truth, after, mask);
             std::printf("parallax region %d by method %d: %.2f dB, %.2f dB before\n", i, method, is, was);
-            EXPECT_GT(is, was + 0.5) << i << " " << method;
+            EXPECT_GT(is, was + 2.0) << i << " " << method;
         }
     }
     api().mDestroy(h);
