@@ -4,8 +4,8 @@
 // ({"regions":[{"name","rect":{"x","y","w","h"},"method"},...]}) and check
 // them all against the stitch plan "caches/stitch_data.json" (read through
 // the stitch processes' own plan nodes and rules), the stitched panoramas'
-// headers, the lens tables "caches/table_Up.bin" and "caches/table_Down.bin"
-// and the raw captures, before any library call and before anything is
+// headers, the lens tables the stitcher uses ("caches/table_Up.bin" and
+// "caches/table_Down.bin", or the job's calibrated ones) and the raw captures, before any library call and before anything is
 // written. Then, for every panorama with regions:
 //
 //   caches/image_roi/stitched/<file>   the stitcher's own output, kept as a
@@ -66,8 +66,6 @@ public:
     static constexpr std::string_view KEPT_FOLDER = "caches/image_roi/stitched";
     static constexpr std::string_view REPAIRED_FOLDER = "caches/image_roi/repaired";
     static constexpr std::string_view RESULTS_FOLDER = "results/image_roi";
-    static constexpr std::string_view TABLE_UP = "caches/table_Up.bin";
-    static constexpr std::string_view TABLE_DOWN = "caches/table_Down.bin";
     // The fingerprints of the repairs' inputs when they were last made.
     static constexpr std::string_view FINGERPRINTS = "caches/fingerprints/ImageROIProcess.json";
     // The bytes of a panorama's start that are read for its size; a file
@@ -240,8 +238,9 @@ public:
                                         " for one panorama");
                 _DYNAMIC_ASSERT_(room);
                 if (!tables) {
-                    require(job, i, name, "lens table", String<char>(TABLE_UP));
-                    require(job, i, name, "lens table", String<char>(TABLE_DOWN));
+                    const auto names = lens_table_names(job);
+                    require(job, i, name, "lens table", names.mP1);
+                    require(job, i, name, "lens table", names.mP2);
                     tables = true;
                 }
                 if (p.mIndexes.empty())
@@ -355,8 +354,9 @@ public:
             tree.once([this, &handle, &regions, &data, &path] {
                 const ImageROIHandle &library = *handle.mSelf;
                 const ORN::JobDirectory job(path.mSelf);
-                mUp = job.open_input(TABLE_UP);
-                mDown = job.open_input(TABLE_DOWN);
+                const auto tables = lens_table_names(job);
+                mUp = job.open_input(tables.mP1);
+                mDown = job.open_input(tables.mP2);
                 ORN::console().info("initializing stitch");
                 for (const NDS_mImageROIData &p : regions.mSelf) {
                     const String<char> &config = data.mImage[p.mImage].config;
@@ -399,7 +399,8 @@ public:
                                            const NDS_mImageROIData &p) {
         Fingerprint fingerprint;
         fingerprint.add_file(job, kept_name(record.dst1));
-        fingerprint.add_file(job, TABLE_UP).add_file(job, TABLE_DOWN);
+        const auto tables = lens_table_names(job);
+        fingerprint.add_file(job, tables.mP1).add_file(job, tables.mP2);
         fingerprint.add(record.brackets());
         for (int k = 0; k < record.brackets(); ++k)
             fingerprint.add_file(job, record.upper(k)).add_file(job, record.lower(k));

@@ -28,10 +28,6 @@ class StitchMainProcess::Private::Implement final : public StitchProcess<Impleme
 
 public:
     using VIDEO_HANDLE = StitchLibrary::VIDEO_HANDLE;
-    static constexpr std::string_view TABLE_UP = "caches/table_Up.bin";
-    static constexpr std::string_view TABLE_DOWN = "caches/table_Down.bin";
-    static constexpr std::string_view CALIBRATED_UP = "results/calib/tablea.bin";
-    static constexpr std::string_view CALIBRATED_DOWN = "results/calib/tableb.bin";
     // The fingerprints of the panoramas' inputs when they were last made.
     static constexpr std::string_view FINGERPRINTS = "caches/fingerprints/StitchMainProcess.json";
 
@@ -68,11 +64,8 @@ public:
         int brackets() const { return static_cast<int>(std::clamp<ORN::int64>(hdr, 0, StitchLibrary::MAX_BRACKETS)); }
     };
 
-    // The lens tables, upper and lower lens: those the job's calibration
-    // published ("results/calib/tablea.bin" and "tableb.bin") when both are
-    // there, so that a rig calibrated in the job stitches with its own
-    // lenses; otherwise the job's "caches/table_Up.bin" and
-    // "caches/table_Down.bin".
+    // The lens tables, upper and lower lens (`lens_table_names`: the job's
+    // calibrated ones when it has them).
     struct CON_mImageStitchDistortTableFile {
         ORN_NODE(CON_mImageStitchDistortTableFile);
         ORN::PACK<String<char>, String<char>> mSelf;  // the paths handed to the library
@@ -83,10 +76,7 @@ public:
             const auto &path = tree.stack<VAR_mWorkingPath>();
             tree.once([this, &path] {
                 const ORN::JobDirectory job(path.mSelf);
-                const bool calibrated = job.find_file(CALIBRATED_UP) && job.find_file(CALIBRATED_DOWN);
-                mNames = calibrated ? ORN::PACK<String<char>, String<char>>{String<char>(CALIBRATED_UP),
-                                                                             String<char>(CALIBRATED_DOWN)}
-                                    : ORN::PACK<String<char>, String<char>>{String<char>(TABLE_UP), String<char>(TABLE_DOWN)};
+                mNames = lens_table_names(job);
                 mUp = job.open_input(mNames.mP1);
                 mDown = job.open_input(mNames.mP2);
                 mSelf = {mUp.path(), mDown.path()};

@@ -50,6 +50,18 @@ inline bool job_name(const String<char> &text) {
     return true;
 }
 
+// The lens tables a job's panoramas are stitched and repaired with, upper
+// lens first: those the job's calibration published ("results/calib/tablea.bin"
+// and "tableb.bin") when both are there, so that a rig calibrated in the job
+// stitches with its own lenses; otherwise "caches/table_Up.bin" and
+// "caches/table_Down.bin".
+inline ORN::PACK<String<char>, String<char>> lens_table_names(const ORN::JobDirectory &job) {
+    constexpr std::string_view calibrated_up = "results/calib/tablea.bin", calibrated_down = "results/calib/tableb.bin";
+    if (job.find_file(calibrated_up) && job.find_file(calibrated_down))
+        return {String<char>(calibrated_up), String<char>(calibrated_down)};
+    return {String<char>("caches/table_Up.bin"), String<char>("caches/table_Down.bin")};
+}
+
 // The folder part of a job name ("" for a name at the top).
 inline String<char> folder_of(const String<char> &name) {
     const auto slash = name.find_last_of("\\/");

@@ -377,6 +377,22 @@ TEST_F(ImageROI, TheLibrarysFailureCodeEndsTheRunWithNothingChanged) {
     EXPECT_EQ(repairs(), 1u);
 }
 
+// A job with calibrated lens tables is repaired with them, as it was
+// stitched: the job's own "caches/table_*.bin" may not even be valid.
+TEST_F(ImageROI, RepairsWithTheLensTablesTheStitcherUsed) {
+    const fs::path job = make_job("job", "");
+    fs::create_directories(job / "results/calib");
+    fs::copy_file(job / "caches/table_Up.bin", job / "results/calib/tablea.bin");
+    fs::copy_file(job / "caches/table_Down.bin", job / "results/calib/tableb.bin");
+    write_file(job / "caches/table_Up.bin", "not a lens table");
+    write_file(job / "caches/table_Down.bin", "not a lens table");
+    set_regions(job, R"({"regions":[)" + region("point_000", 10, 10, 32, 32) + "]}");
+    const auto r = zarn(job);
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_TRUE(contains(r.output, "lens tables : results/calib/tablea.bin, results/calib/tableb.bin\n")) << r.output;
+    EXPECT_EQ(repairs(), 1u);
+}
+
 // A stitching library without the repair entry stops the binding at that
 // name, after the three it links first.
 TEST_F(ImageROI, ALibraryWithoutTheRepairEntryFailsAtLink) {
