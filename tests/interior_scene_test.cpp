@@ -138,35 +138,6 @@ TEST(InteriorScene, DistanceIsZeroOnSurfacesAndExactElsewhere) {
     }
 }
 
-TEST(InteriorScene, SurfacesKnowWhatTheyArePartOf) {
-    const Scene &scene = sample().mScene;
-    std::map<Part, int> parts;
-    std::vector<int> ceilings(scene.mRooms.size(), 0);
-    for (const Surface &s : scene.mSurfaces) {
-        ++parts[s.mPart];
-        const Room &room = scene.mRooms[static_cast<std::size_t>(s.mRoom)];
-        EXPECT_EQ(s.mBlock >= 0, s.mPart == Part::FURNITURE);
-        if (s.mPart == Part::CEILING) {
-            ++ceilings[static_cast<std::size_t>(s.mRoom)];
-            EXPECT_EQ(s.mNormal[2], -1);
-            EXPECT_EQ(s.mOrigin[2], room.mMax[2]);
-        } else if (s.mPart == Part::FLOOR) {
-            EXPECT_EQ(s.mNormal[2], 1);
-            EXPECT_EQ(s.mOrigin[2], room.mMin[2]);
-        } else if (s.mPart == Part::WALL) {
-            EXPECT_EQ(s.mNormal[2], 0);
-        } else if (s.mPart == Part::FURNITURE) {
-            const Block &b = scene.mFurniture[static_cast<std::size_t>(s.mBlock)];
-            EXPECT_EQ(b.mRoom, s.mRoom);
-            for (int k = 0; k < 3; ++k)
-                EXPECT_TRUE(s.mOrigin[k] >= b.mMin[k] && s.mOrigin[k] + s.mU[k] + s.mV[k] <= b.mMax[k]);
-        }
-    }
-    EXPECT_EQ(ceilings, std::vector<int>(scene.mRooms.size(), 1));
-    EXPECT_EQ(parts[Part::OPENING], 12); // two jambs and a head per door, four doors
-    EXPECT_GT(parts[Part::FURNITURE], 0);
-}
-
 TEST(InteriorScene, RaysMeetTheNearestSurfaceTheyFace) {
     const Scene &scene = sample().mScene;
     // Directions spread evenly over the sphere.
