@@ -59,7 +59,7 @@ constexpr const char *USAGE = R"(usage:
   zarn run [--process NAME]... [--libs DIR] [--log DIR] [--module FILE]
            [--no-wait] [--verbose] [--time-limit SECONDS] [--force] [-j N]
            WORKDIR...
-  zarn status [--json] WORKDIR...
+  zarn status [--json] WORKDIR... | --from FILE
   zarn submit [--partition P] [--cpus N] [--mem SIZE] [--time T]
               [--max-parallel K] [--process NAME]... [--libs DIR] [--into DIR]
               WORKDIR... | --from FILE
