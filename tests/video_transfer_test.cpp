@@ -107,7 +107,9 @@ TEST_F(VideoTransfer, DeliversAStreamableSphericalVideoWithItsPosterAndManifest)
     const auto r = zarn(job);
     ASSERT_EQ(r.status, 0) << r.output;
     for (const char *line : {"\nmUploadPartSize = 4096\n", "\ncaches/videos/videos_hdr_param.json : 1 videos\n",
-                             "\ninitializing video transfer\n", "\nprocessing video [0] video_000\n",
+                             "\ninitializing video transfer\n", "\nmThreadConcurrency = 1\n",
+                             "\nasync processing 1 on 1 threads (bounded by mThreadConcurrency : ",
+                             "\nprocessing video [0] video_000\n",
                              "\nvideo_000 : 8 frames, 0.8 s\n", "\nresults/videos/web : 2 files published\n",
                              "\ncaches/upload.part10.json : 2 files\n", "\nall done\n"})
         EXPECT_TRUE(contains(r.output, line)) << line << "\n" << r.output;
