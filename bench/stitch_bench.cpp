@@ -6,6 +6,12 @@
 // The job is made by zarn_capture at that width (captures about 2464
 // pixels square); build the targets Stitch and zarn_capture first. Both
 // are found beside this program's build directory.
+//
+// Then, on a parallax capture of the same size (lenses 3 cm apart, near
+// objects across the seam band): the flow-aligned seam against the plain
+// blend in the same iterations (time, PSNR against the truth over the band
+// where both lenses see, edge doubling), and a 512 x 512 repair against a
+// whole stitch.
 #include "ZARN_Common/ImageProc.h"
 #include "ZARN_Common/StitchLibrary.h"
 #include "__ORN__/orn_images.h"
@@ -17,6 +23,10 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include <fstream>
+#include <sstream>
+
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
@@ -24,6 +34,7 @@
 #include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -250,6 +261,185 @@ void BM_ProcessTwentyPanoramas(benchmark::State &state) {
     state.counters["cold_library_percent"] = cold;
 }
 BENCHMARK(BM_ProcessTwentyPanoramas)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
+
+// --- Parallax: flow-aligned seams and repairs.
+
+double seconds_since(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+struct ParallaxSetup {
+    ParallaxSetup() {
+        char pattern[] = "/tmp/zarn_stitch_parallax_XXXXXX";
+        mJob = ::mkdtemp(pattern);
+        const std::string command = (build_directory() / "bin/zarn_capture").string() + " " + mJob.string() +
+                                    " --width 4096 --points 1 --videos 0 --parallax --repairs > /dev/null";
+        if (std::system(command.c_str()) != 0)
+            throw std::runtime_error("zarn_capture failed: " + command);
+        fs::create_directories(mJob / "caches/images");
+        void *lib = dlopen((build_directory() / "backends/libStitch.so").c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (lib == nullptr)
+            throw std::runtime_error(dlerror());
+        const auto create = reinterpret_cast<Lib::CREATE_OPT_FLOW_STITCH *>(dlsym(lib, "KIVO_CreateOptFlowStitchHandle"));
+        const auto init = reinterpret_cast<Lib::INIT_OPT_FLOW_STITCH *>(dlsym(lib, "KIVO_InitOptFlowStitchHandle"));
+        mExecute = reinterpret_cast<Lib::EXECUTE_OPT_FLOW_STITCH *>(dlsym(lib, "KIVO_ExecuteOptFlowStitchHandle"));
+        mRepair = reinterpret_cast<Lib::EXECUTE_PANO_REPAIR *>(dlsym(lib, "KIVO_ExecutePanoRepairHandle"));
+        mDestroy = reinterpret_cast<Lib::DESTROY_OPT_FLOW_STITCH *>(dlsym(lib, "KIVO_DestroyOptFlowStitchHandle"));
+        if (mExecute == nullptr || mRepair == nullptr || mDestroy == nullptr)
+            throw std::runtime_error("libStitch.so lacks an entry");
+        mHandle = create();
+        if (init(mHandle, path("caches/table_Up.bin").c_str(), path("caches/table_Down.bin").c_str(), WIDTH, HEIGHT,
+                 WIDTH / 8, HEIGHT / 8, Lib::OUTPUT_BITS) != Lib::KIVO_OK)
+            throw std::runtime_error("init failed");
+        mTruth = ORN::Image::read(path("truth/point_000.png"));
+        // The band: where both lenses see the panorama.
+        const auto up = ImageProc::lens_coverage(ImageProc::read_lens_table(path("caches/table_Up.bin")), WIDTH, HEIGHT);
+        const auto down = ImageProc::lens_coverage(ImageProc::read_lens_table(path("caches/table_Down.bin")), WIDTH, HEIGHT);
+        cv::Mat band;
+        cv::bitwise_and(ImageProc::mat(up), ImageProc::mat(down), band);
+        mBand = ImageProc::image(band);
+        mTruthEdges = edges(ImageProc::mat(mTruth));
+        // The first marked region, grown to 512 x 512 around its centre.
+        std::ifstream in(path("truth/repairs.json"));
+        std::stringstream text;
+        text << in.rdbuf();
+        int x = 0, y = 0, w = 0, h = 0;
+        const std::string all = text.str();
+        const auto rect = all.find("\"rect\":");
+        if (rect == std::string::npos ||
+            std::sscanf(all.c_str() + rect, "\"rect\":{\"x\":%d,\"y\":%d,\"w\":%d,\"h\":%d}", &x, &y, &w, &h) != 4)
+            throw std::runtime_error("no marked region in truth/repairs.json");
+        mRegion[0] = std::clamp(x + w / 2 - 256, 0, WIDTH - 512);
+        mRegion[1] = std::clamp(y + h / 2 - 256, 0, HEIGHT - 512);
+    }
+    ~ParallaxSetup() {
+        if (mHandle != nullptr)
+            mDestroy(mHandle);
+        std::error_code ec;
+        fs::remove_all(mJob, ec);
+    }
+    std::string path(const std::string &relative) const { return (mJob / relative).string(); }
+
+    // Strong edges: Canny on grey levels with fixed thresholds.
+    static cv::Mat edges(const cv::Mat &bgr) {
+        cv::Mat grey, out;
+        cv::cvtColor(bgr, grey, cv::COLOR_BGR2GRAY);
+        cv::Canny(grey, out, 40, 120);
+        return out;
+    }
+    // Edge doubling: the share (percent) of the stitch's edge pixels in the
+    // band with no edge of the truth within 2 pixels. A doubled or cut
+    // object leaves edges where the truth has none.
+    double ghost_percent(const ORN::Image &stitched) const {
+        cv::Mat near_truth;
+        cv::dilate(mTruthEdges, near_truth, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(5, 5)));
+        const cv::Mat found = edges(ImageProc::mat(stitched));
+        const cv::Mat band = ImageProc::mat(mBand);
+        long all = 0, stray = 0;
+        for (int y = 0; y < found.rows; ++y) {
+            const auto *f = found.ptr<unsigned char>(y);
+            const auto *n = near_truth.ptr<unsigned char>(y);
+            const auto *b = band.ptr<unsigned char>(y);
+            for (int x = 0; x < found.cols; ++x)
+                if (f[x] && b[x]) {
+                    ++all;
+                    stray += n[x] == 0;
+                }
+        }
+        return all ? 100.0 * double(stray) / double(all) : 0.0;
+    }
+
+    fs::path mJob;
+    Lib::EXECUTE_OPT_FLOW_STITCH *mExecute = nullptr;
+    Lib::EXECUTE_PANO_REPAIR *mRepair = nullptr;
+    Lib::DESTROY_OPT_FLOW_STITCH *mDestroy = nullptr;
+    Lib::IMAGE_HANDLE mHandle = nullptr;
+    ORN::Image mTruth, mBand;
+    cv::Mat mTruthEdges;
+    int mRegion[2] = {0, 0};
+};
+
+ParallaxSetup &parallax() {
+    static ParallaxSetup s;
+    return s;
+}
+
+// The flow-aligned seam (seam 1) against the plain blend (seam 0), one of
+// each per iteration on one object, JPEG out. The time is the flow
+// stitch's; counters: both times and their ratio, band PSNR and edge
+// doubling of both.
+void BM_ParallaxFlowAgainstPlain(benchmark::State &state) {
+    ParallaxSetup &s = parallax();
+    const std::string up = s.path("captures/point_000_up.jpg"), down = s.path("captures/point_000_down.jpg");
+    double time[2] = {0, 0};
+    std::string out[2];
+    for (auto _ : state) {
+        for (int seam = 0; seam < 2; ++seam) {
+            const int size[3] = {WIDTH, HEIGHT, seam};
+            out[seam] = s.path("caches/images/seam_" + std::to_string(seam) + ".jpg");
+            const auto start = std::chrono::steady_clock::now();
+            if (s.mExecute(s.mHandle, up.c_str(), down.c_str(), out[seam].c_str(), size, nullptr, "bench") !=
+                Lib::KIVO_OK) {
+                state.SkipWithError("execute failed");
+                return;
+            }
+            time[seam] += seconds_since(start);
+            if (seam == 1)
+                state.SetIterationTime(seconds_since(start));
+        }
+    }
+    const double n = double(state.iterations());
+    state.counters["plain_ms"] = 1e3 * time[0] / n;
+    state.counters["flow_ms"] = 1e3 * time[1] / n;
+    state.counters["flow_over_plain"] = time[1] / time[0];
+    const char *names[2] = {"plain", "flow"};
+    for (int seam = 0; seam < 2; ++seam) {
+        const ORN::Image stitched = ORN::Image::read(out[seam]);
+        state.counters[std::string(names[seam]) + "_band_dB"] = ImageProc::psnr(s.mTruth, stitched, s.mBand);
+        state.counters[std::string(names[seam]) + "_ghost_percent"] = s.ghost_percent(stitched);
+    }
+}
+BENCHMARK(BM_ParallaxFlowAgainstPlain)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
+
+// A 512 x 512 region around the first marked one, repaired (method auto)
+// in the plain stitch, against a whole stitch (plain, the cheaper seam) in
+// the same iterations. The time is the repair's.
+void BM_ParallaxRepairAgainstStitch(benchmark::State &state) {
+    ParallaxSetup &s = parallax();
+    const std::string up = s.path("captures/point_000_up.jpg"), down = s.path("captures/point_000_down.jpg");
+    const std::string pano = s.path("caches/images/plain.jpg"), repaired = s.path("caches/images/repaired.jpg");
+    const int size[3] = {WIDTH, HEIGHT, Lib::SEAM_PLAIN};
+    const int region[5] = {s.mRegion[0], s.mRegion[1], 512, 512, Lib::REPAIR_AUTO};
+    const char *u[1] = {up.c_str()}, *d[1] = {down.c_str()};
+    double stitch = 0, repair = 0;
+    for (auto _ : state) {
+        auto start = std::chrono::steady_clock::now();
+        if (s.mExecute(s.mHandle, up.c_str(), down.c_str(), pano.c_str(), size, nullptr, "bench") != Lib::KIVO_OK) {
+            state.SkipWithError("execute failed");
+            return;
+        }
+        stitch += seconds_since(start);
+        start = std::chrono::steady_clock::now();
+        if (s.mRepair(s.mHandle, u, d, 1, pano.c_str(), repaired.c_str(), size, region, 1) != Lib::KIVO_OK) {
+            state.SkipWithError("repair failed");
+            return;
+        }
+        const double r = seconds_since(start);
+        repair += r;
+        state.SetIterationTime(r);
+    }
+    const double n = double(state.iterations());
+    state.counters["stitch_ms"] = 1e3 * stitch / n;
+    state.counters["repair_ms"] = 1e3 * repair / n;
+    state.counters["repair_percent_of_stitch"] = 100.0 * repair / stitch;
+    const ORN::Image before = ORN::Image::read(pano), after = ORN::Image::read(repaired);
+    cv::Mat mask = cv::Mat::zeros(HEIGHT, WIDTH, CV_8UC1);
+    mask(cv::Rect(region[0], region[1], 512, 512)).setTo(255);
+    const ORN::Image inside = ImageProc::image(mask);
+    state.counters["region_dB_before"] = ImageProc::psnr(s.mTruth, before, inside);
+    state.counters["region_dB_after"] = ImageProc::psnr(s.mTruth, after, inside);
+}
+BENCHMARK(BM_ParallaxRepairAgainstStitch)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
 
 } // namespace
 
