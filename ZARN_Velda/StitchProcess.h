@@ -16,6 +16,7 @@
 // ImageROIProcess derives from it too, for the plan (CON_mStitchDataJson,
 // CON_mStitchData and their rules) and the worker loop alone.
 
+#include "ZARN_Common/Digest.h"
 #include "ZARN_Velda/ProcessFrame.h"
 #include "ZARN_Velda/StitchHandle.h"
 #include "__ORN__/orn_thread.h"
@@ -68,58 +69,6 @@ inline String<char> folder_of(const String<char> &name) {
     return slash == String<char>::npos ? String<char>() : name.substr(0, slash);
 }
 
-// SHA-256 of a text (FIPS 180-4), the 32 bytes of the digest.
-inline std::array<unsigned char, 32> sha256(std::string_view text) {
-    static constexpr std::uint32_t K[64] = {
-        0x428a2f98, 0x71374491, 0xb5c0fbcf, 0xe9b5dba5, 0x3956c25b, 0x59f111f1, 0x923f82a4, 0xab1c5ed5,
-        0xd807aa98, 0x12835b01, 0x243185be, 0x550c7dc3, 0x72be5d74, 0x80deb1fe, 0x9bdc06a7, 0xc19bf174,
-        0xe49b69c1, 0xefbe4786, 0x0fc19dc6, 0x240ca1cc, 0x2de92c6f, 0x4a7484aa, 0x5cb0a9dc, 0x76f988da,
-        0x983e5152, 0xa831c66d, 0xb00327c8, 0xbf597fc7, 0xc6e00bf3, 0xd5a79147, 0x06ca6351, 0x14292967,
-        0x27b70a85, 0x2e1b2138, 0x4d2c6dfc, 0x53380d13, 0x650a7354, 0x766a0abb, 0x81c2c92e, 0x92722c85,
-        0xa2bfe8a1, 0xa81a664b, 0xc24b8b70, 0xc76c51a3, 0xd192e819, 0xd6990624, 0xf40e3585, 0x106aa070,
-        0x19a4c116, 0x1e376c08, 0x2748774c, 0x34b0bcb5, 0x391c0cb3, 0x4ed8aa4a, 0x5b9cca4f, 0x682e6ff3,
-        0x748f82ee, 0x78a5636f, 0x84c87814, 0x8cc70208, 0x90befffa, 0xa4506ceb, 0xbef9a3f7, 0xc67178f2};
-    std::uint32_t h[8] = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a, 0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19};
-    // The message, a one bit, zeros, and its length in bits: whole blocks.
-    std::vector<unsigned char> m(text.begin(), text.end());
-    const std::uint64_t bits = std::uint64_t(text.size()) * 8;
-    m.push_back(0x80);
-    while (m.size() % 64 != 56)
-        m.push_back(0);
-    for (int i = 7; i >= 0; --i)
-        m.push_back(static_cast<unsigned char>(bits >> (8 * i)));
-    const auto rotr = [](std::uint32_t x, int n) { return (x >> n) | (x << (32 - n)); };
-    for (std::size_t block = 0; block < m.size(); block += 64) {
-        std::uint32_t w[64];
-        for (int t = 0; t < 16; ++t)
-            w[t] = std::uint32_t(m[block + 4 * t]) << 24 | std::uint32_t(m[block + 4 * t + 1]) << 16 |
-                   std::uint32_t(m[block + 4 * t + 2]) << 8 | m[block + 4 * t + 3];
-        for (int t = 16; t < 64; ++t)
-            w[t] = (rotr(w[t - 2], 17) ^ rotr(w[t - 2], 19) ^ (w[t - 2] >> 10)) + w[t - 7] +
-                   (rotr(w[t - 15], 7) ^ rotr(w[t - 15], 18) ^ (w[t - 15] >> 3)) + w[t - 16];
-        std::uint32_t a = h[0], b = h[1], c = h[2], d = h[3], e = h[4], f = h[5], g = h[6], k = h[7];
-        for (int t = 0; t < 64; ++t) {
-            const std::uint32_t t1 = k + (rotr(e, 6) ^ rotr(e, 11) ^ rotr(e, 25)) + ((e & f) ^ (~e & g)) + K[t] + w[t];
-            const std::uint32_t t2 = (rotr(a, 2) ^ rotr(a, 13) ^ rotr(a, 22)) + ((a & b) ^ (a & c) ^ (b & c));
-            k = g;
-            g = f;
-            f = e;
-            e = d + t1;
-            d = c;
-            c = b;
-            b = a;
-            a = t1 + t2;
-        }
-        const std::uint32_t add[8] = {a, b, c, d, e, f, g, k};
-        for (int i = 0; i < 8; ++i)
-            h[i] += add[i];
-    }
-    std::array<unsigned char, 32> digest{};
-    for (int i = 0; i < 32; ++i)
-        digest[static_cast<std::size_t>(i)] = static_cast<unsigned char>(h[i / 4] >> (24 - 8 * (i % 4)));
-    return digest;
-}
-
 // A deterministic identifier of a capture point in the form of a UUID
 // version 8 (the form for identifiers made by an application's own rule):
 // the first 16 bytes of the SHA-256 of "zarn-point", the job's name and the
@@ -130,7 +79,7 @@ inline String<char> point_uuid(std::string_view job, std::string_view point) {
     message.push_back('\0');
     message.append(job).push_back('\0');
     message.append(point).push_back('\0');
-    std::array<unsigned char, 32> d = sha256(message);
+    std::array<unsigned char, 32> d = Sha256().add(message).digest();
     d[6] = static_cast<unsigned char>((d[6] & 0x0F) | 0x80); // version 8
     d[8] = static_cast<unsigned char>((d[8] & 0x3F) | 0x80); // variant 10
     String<char> text;

@@ -12,6 +12,7 @@
 // their sizes and SHA-256 digests, whole and per upload part, in
 // "caches/upload.part10.json".
 
+#include "ZARN_Common/Digest.h"
 #include "ZARN_Common/Fingerprint.h"
 #include "ZARN_Common/VideoTransferLibrary.h"
 #include "ZARN_Common/export.h"
@@ -19,7 +20,6 @@
 #include "ZARN_Velda/StitchHandle.h"
 #include "__ORN__/orn_thread.h"
 
-#include <openssl/evp.h>
 
 #include <algorithm>
 #include <array>
@@ -395,35 +395,11 @@ public:
             ORN::console().info(MANIFEST, " : ", files.size(), " files");
         }
 
-        // The SHA-256 of the whole file and of each of its parts.
-        struct DIGEST {
-            std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX *)> mContext{EVP_MD_CTX_new(), EVP_MD_CTX_free};
-            DIGEST() {
-                _DYNAMIC_ASSERT_(mContext != nullptr);
-                restart();
-            }
-            void restart() { _DYNAMIC_ASSERT_(EVP_DigestInit_ex (mContext.get (), EVP_sha256 (), nullptr) == 1); }
-            void add(const unsigned char *data, INDEX size) {
-                _DYNAMIC_ASSERT_(EVP_DigestUpdate (mContext.get (), data, static_cast<std::size_t> (size)) == 1);
-            }
-            String<char> text() {
-                unsigned char digest[EVP_MAX_MD_SIZE];
-                unsigned int size = 0;
-                _DYNAMIC_ASSERT_(EVP_DigestFinal_ex (mContext.get (), digest, &size) == 1);
-                static constexpr char HEX[] = "0123456789abcdef";
-                String<char> hex;
-                for (unsigned int i = 0; i < size; ++i) {
-                    hex += HEX[digest[i] >> 4];
-                    hex += HEX[digest[i] & 15];
-                }
-                return hex;
-            }
-        };
         static void hash_file(const ORN::JobDirectory &job, const String<char> &name, ORN::int64 part_size,
                               ORN::Buffer<unsigned char> &buffer, ORN::JsonWriter &writer) {
             const ORN::JobDirectory::Input input = job.open_input(name);
             ORN::StreamLoader stream = ORN::StreamLoader::open_read(input.path());
-            DIGEST whole, part;
+            Sha256 whole, part;
             ORN::Array<ORN::PACK<ORN::int64, String<char>>> parts; // size, digest
             ORN::int64 size = 0, in_part = 0;
             for (INDEX got; (got = stream.read(buffer.data(), buffer.size())) > 0;) {
@@ -434,16 +410,15 @@ public:
                     at += take;
                     in_part += take;
                     if (in_part == part_size) {
-                        parts.append(ORN::PACK<ORN::int64, String<char>>{in_part, part.text()});
-                        part.restart();
-                        in_part = 0;
+                        parts.append(ORN::PACK<ORN::int64, String<char>>{in_part, part.hex()});
+                                                in_part = 0;
                     }
                 }
                 size += got;
             }
             if (in_part > 0)
-                parts.append(ORN::PACK<ORN::int64, String<char>>{in_part, part.text()});
-            writer.comma().key("size").number(size).comma().key("sha256").string(whole.text());
+                parts.append(ORN::PACK<ORN::int64, String<char>>{in_part, part.hex()});
+            writer.comma().key("size").number(size).comma().key("sha256").string(whole.hex());
             if (size <= part_size)
                 return;
             writer.comma().key("parts").raw("[");
