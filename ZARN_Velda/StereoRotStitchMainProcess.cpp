@@ -25,18 +25,6 @@ namespace Lib = StereoRotCamLibrary;
 
 namespace {
 
-// A word for the shell: as it is when it holds nothing the shell would
-// read otherwise, single-quoted when it does.
-String<char> shell_word(const String<char> &word) {
-    if (!word.empty() && word.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+:,@") ==
-                             String<char>::npos)
-        return word;
-    String<char> quoted = "'";
-    for (char c : word)
-        quoted += c == '\'' ? String<char>("'\\''") : String<char>(1, c);
-    return quoted + "'";
-}
-
 // Where the ISP pass develops a raw frame: "caches/isp/" + the frame's name
 // in the job with the extension ".png", inside the process's own folder
 // whatever folder the plan keeps its frames in.
@@ -342,7 +330,8 @@ public:
         }
     };
     static String<char> shell_command(const String<char> &module_directory, const String<char> &working_path) {
-        return "bash " + shell_word(module_directory + "DataConverter.sh") + " IMAGE " + shell_word(working_path);
+        return "bash " + ORN::GlobalRuntime::quote_argument(module_directory + "DataConverter.sh") + " IMAGE " +
+               ORN::GlobalRuntime::quote_argument(working_path);
     }
 
     using CON_mProject = Project::CON_mProject;
