@@ -73,40 +73,8 @@ public:
     // whole.
     static constexpr INDEX HEADER_BYTES = INDEX(1) << 20;
 
-    // The two-lens image record of the plan, read as the stitcher reads it
-    // (a field of an element that is no object, and a missing key, stay
-    // empty or 0).
-    struct NDS_mStitchDataImage {
-        String<char> dst1, name, raw1, raw2;
-        std::array<String<char>, 4> src1, src2;
-        String<char> config;
-        ORN::int64 hdr = 0, resolution = 0, is_main = 0;
-
-        explicit NDS_mStitchDataImage(const ORN::JsonParser &e) {
-            if (!e.object_type())
-                return;
-            dst1 = e.child("dst1").value("");
-            name = e.child("name").value("");
-            raw1 = e.child("raw1").value("");
-            raw2 = e.child("raw2").value("");
-            for (int i = 0; i < 4; ++i)
-                src1[i] = e.child("src1_" + std::to_string(i)).value("");
-            for (int i = 0; i < 4; ++i)
-                src2[i] = e.child("src2_" + std::to_string(i)).value("");
-            config = e.child("config").value("");
-            hdr = e.child("hdr").value(ORN::int64(0));
-            resolution = e.child("resolution").value(ORN::int64(0));
-            is_main = e.child("is_main").value(ORN::int64(0));
-        }
-        std::vector<const String<char> *> names() const {
-            return {&dst1, &raw1, &raw2, &src1[0], &src1[1], &src1[2], &src1[3], &src2[0], &src2[1], &src2[2], &src2[3]};
-        }
-        // The exposures per lens the repair reads: the first min(hdr, 4)
-        // brackets, or the plain capture alone.
-        int brackets() const { return static_cast<int>(std::clamp<ORN::int64>(hdr, 1, StitchLibrary::MAX_BRACKETS)); }
-        const String<char> &upper(int k) const { return hdr > 0 ? src1[k] : raw1; }
-        const String<char> &lower(int k) const { return hdr > 0 ? src2[k] : raw2; }
-    };
+    // The plan's image records, read as the stitcher reads them.
+    using NDS_mStitchDataImage = TwoLensImage;
 
     // Where a panorama's kept stitcher output and its repair live.
     static String<char> kept_name(const String<char> &dst1) {
@@ -244,7 +212,7 @@ public:
                     tables = true;
                 }
                 if (p.mIndexes.empty())
-                    for (int k = 0; k < record.brackets(); ++k) {
+                    for (int k = 0; k < record.exposures(); ++k) {
                         require(job, i, name, "raw capture", record.upper(k));
                         require(job, i, name, "raw capture", record.lower(k));
                     }
@@ -401,8 +369,8 @@ public:
         fingerprint.add_file(job, kept_name(record.dst1));
         const auto tables = lens_table_names(job);
         fingerprint.add_file(job, tables.mP1).add_file(job, tables.mP2);
-        fingerprint.add(record.brackets());
-        for (int k = 0; k < record.brackets(); ++k)
+        fingerprint.add(record.exposures());
+        for (int k = 0; k < record.exposures(); ++k)
             fingerprint.add_file(job, record.upper(k)).add_file(job, record.lower(k));
         fingerprint.add(p.mWidth).add(p.mHeight);
         for (const int v : p.mRegions)
@@ -480,7 +448,7 @@ public:
                 const NDS_mStitchDataImage &image = data.mImage[p.mImage];
                 const auto me = mHandles->mSelf[mHandles->mConfigSet.map(image.config)].self().mP1;
                 ORN::console().info("processing image [", p.mImage, "] ", image.name);
-                const int brackets = image.brackets();
+                const int brackets = image.exposures();
                 std::array<ORN::JobDirectory::Input, 8> inputs;
                 std::array<const char *, 4> upper{}, lower{};
                 for (int k = 0; k < brackets; ++k) {

@@ -31,38 +31,8 @@ public:
     // The fingerprints of the panoramas' inputs when they were last made.
     static constexpr std::string_view FINGERPRINTS = "caches/fingerprints/StitchMainProcess.json";
 
-    // One capture point's image set, read field by field (a field of an
-    // element that is no object, and a missing key, stay empty or 0).
-    struct NDS_mStitchDataImage {
-        String<char> dst1, name, raw1, raw2;
-        std::array<String<char>, 4> src1, src2;
-        String<char> config;
-        ORN::int64 hdr = 0, resolution = 0, is_main = 0;
-
-        explicit NDS_mStitchDataImage(const ORN::JsonParser &e) {
-            if (!e.object_type())
-                return;
-            dst1 = e.child("dst1").value("");
-            name = e.child("name").value("");
-            raw1 = e.child("raw1").value("");
-            raw2 = e.child("raw2").value("");
-            for (int i = 0; i < 4; ++i)
-                src1[i] = e.child("src1_" + std::to_string(i)).value("");
-            for (int i = 0; i < 4; ++i)
-                src2[i] = e.child("src2_" + std::to_string(i)).value("");
-            config = e.child("config").value("");
-            hdr = e.child("hdr").value(ORN::int64(0));
-            resolution = e.child("resolution").value(ORN::int64(0));
-            is_main = e.child("is_main").value(ORN::int64(0));
-        }
-        // The plan's paths of the record, each to be a name inside the job.
-        std::vector<const String<char> *> names() const {
-            return {&dst1, &raw1, &raw2, &src1[0], &src1[1], &src1[2], &src1[3], &src2[0], &src2[1], &src2[2], &src2[3]};
-        }
-        // How many exposures per lens the HDR execute takes; 0 for a plain
-        // capture.
-        int brackets() const { return static_cast<int>(std::clamp<ORN::int64>(hdr, 0, StitchLibrary::MAX_BRACKETS)); }
-    };
+    // One capture point's image set.
+    using NDS_mStitchDataImage = TwoLensImage;
 
     // The lens tables, upper and lower lens (`lens_table_names`: the job's
     // calibrated ones when it has them).
