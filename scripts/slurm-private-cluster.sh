@@ -2,7 +2,7 @@
 # A private Slurm cluster of one node on this machine, for tests and for
 # trying `zarn submit` without a real cluster:
 #
-#   scripts/slurm-private-cluster.sh start DIR   # prints the SLURM_CONF line
+#   scripts/slurm-private-cluster.sh start DIR [OWNER]   # prints the SLURM_CONF line
 #   export SLURM_CONF=DIR/slurm.conf
 #   ...sbatch, squeue, scancel, zarn submit...
 #   scripts/slurm-private-cluster.sh stop DIR
@@ -13,20 +13,24 @@
 # machine's processors and memory), their state, spool, logs and process ids.
 # The daemons run as the current user (root or not); nothing outside DIR is
 # touched. `stop` cancels what still runs, then ends the daemons by the
-# process ids they wrote, and waits for them.
+# process ids they wrote, and waits for them. With OWNER (a process id), a
+# watcher stops the cluster as soon as that process is gone, so that a test
+# that crashes or is killed leaves no daemon behind.
 #
 # Exit status: 0 done; 1 the cluster could not be started (the reason and
 # the end of the daemon's log on standard error, and whatever was started is
-# stopped again); 2 usage; 3 the Slurm or munge programs are not installed.
+# stopped again); 2 usage; 3 the Slurm or munge programs are not installed;
+# 4 this user may not start the daemons (their logs say permission denied).
 set -eu
 
 usage() {
     echo "usage: $0 start|stop|status DIR" >&2
     exit 2
 }
-[ $# -eq 2 ] || usage
+[ $# -eq 2 ] || [ $# -eq 3 ] || usage
 command=$1
 dir=$2
+owner=${3:-}
 
 PATH=$PATH:/usr/sbin:/sbin
 export PATH
@@ -54,8 +58,11 @@ pid_of() {
     [ -s "$dir/$1.pid" ] && cat "$dir/$1.pid" || true
 }
 
+# A process that runs: a zombie (ended, not yet reaped by a parent that
+# may never reap it) counts as ended.
 alive() {
-    [ -n "$1" ] && kill -0 "$1" 2>/dev/null
+    [ -n "$1" ] && kill -0 "$1" 2>/dev/null &&
+        [ "$(sed 's/.*) //' "/proc/$1/stat" 2>/dev/null | cut -c1)" != Z ]
 }
 
 # Ends a daemon by its process id file and waits (at most 10 s, then KILL).
@@ -82,12 +89,18 @@ stop() {
     end_daemon slurmd
     end_daemon slurmctld
     end_daemon munged
+    # The watcher, unless it is the one stopping the cluster.
+    [ "$(pid_of watch)" = "$$" ] || end_daemon watch
 }
 
 fail() {
     echo "slurm-private-cluster: $1" >&2
     [ -n "${2:-}" ] && [ -f "$dir/$2" ] && tail -n 15 "$dir/$2" >&2
+    denied=0
+    cat "$dir"/*.out "$dir"/*.log "$dir"/munge/*.out "$dir"/munge/*.log 2>/dev/null |
+        grep -qiE 'permission denied|operation not permitted' && denied=1
     stop
+    [ $denied -eq 1 ] && exit 4
     exit 1
 }
 
@@ -146,8 +159,11 @@ MpiDefault=none
 SwitchType=switch/none
 SelectType=select/cons_tres
 SelectTypeParameters=CR_Core_Memory
+DefMemPerCPU=$((memory / cpus))
 SchedulerType=sched/builtin
-SchedulerParameters=batch_sched_delay=0,sched_min_interval=100000
+SchedulerParameters=batch_sched_delay=0,sched_min_interval=0,default_queue_depth=1000,sched_max_job_start=0
+PriorityType=priority/basic
+MessageTimeout=5
 ReturnToService=2
 MinJobAge=600
 KillWait=10
@@ -169,6 +185,10 @@ EOF
         i=$((i + 1))
     done
     case $state in idle*) ;; *) fail "the node did not come up (state: ${state:-none})" slurmd.log ;; esac
+    if [ -n "$owner" ]; then
+        setsid sh "$0" watch "$dir" "$owner" </dev/null >/dev/null 2>&1 &
+        echo $! >"$dir/watch.pid"
+    fi
     echo "SLURM_CONF=$SLURM_CONF"
 }
 
@@ -181,6 +201,15 @@ stop)
     ;;
 status)
     alive "$(pid_of slurmctld)" && alive "$(pid_of slurmd)" && alive "$(pid_of munged)"
+    ;;
+watch)
+    # Runs in the background from `start DIR OWNER`: stops the cluster once
+    # OWNER is gone (or once the cluster is stopped by someone else).
+    [ -n "$owner" ] || usage
+    echo $$ >"$dir/watch.pid"
+    while alive "$owner" && alive "$(pid_of slurmctld)"; do sleep 1; done
+    stop
+    rm -f "$dir/watch.pid"
     ;;
 *) usage ;;
 esac

@@ -227,27 +227,38 @@ TEST(ParallelRun, ThreeJobsTwoAtOnceEachOnItsShareWithItsOwnLog) {
     EXPECT_EQ(usage.output, "zarn: -j needs a whole number of jobs, at least 1, not 0\n");
 }
 
-// A private Slurm cluster (scripts/slurm-private-cluster.sh) for one test,
-// stopped by its process ids whatever the test's outcome.
+// A private Slurm cluster (scripts/slurm-private-cluster.sh) shared by the
+// cluster cases of this program: started once, stopped by its process ids
+// when the cases are over whatever their outcome, and by the script's
+// watcher if this program dies first.
 class PrivateCluster : public ::testing::Test {
 protected:
-    void SetUp() override {
-        const auto r = run("timeout 60 " + quote(CLUSTER) + " start " + quote(mCluster.str()));
-        if (r.status == 3)
-            GTEST_SKIP() << "Slurm or munge is not installed (scripts/install-deps.sh installs slurm-wlm and munge): "
-                         << r.output;
-        ASSERT_EQ(r.status, 0) << "the private cluster did not start:\n" << r.output;
-        mStarted = true;
-        mEnv = "SLURM_CONF=" + quote(mCluster / "slurm.conf");
+    static void SetUpTestSuite() {
+        sCluster = new TempDir;
+        const auto r = run("timeout 60 " + quote(CLUSTER) + " start " + quote(sCluster->str()) + " " +
+                           std::to_string(::getpid()));
+        sStarted = r.status;
+        sOutput = r.output;
+        sEnv = "SLURM_CONF=" + quote(*sCluster / "slurm.conf");
     }
-    void TearDown() override {
-        if (mStarted)
-            run("timeout 60 " + quote(CLUSTER) + " stop " + quote(mCluster.str()));
+    static void TearDownTestSuite() {
+        if (sStarted == 0)
+            run("timeout 60 " + quote(CLUSTER) + " stop " + quote(sCluster->str()));
+        delete sCluster;
+        sCluster = nullptr;
+    }
+    void SetUp() override {
+        if (sStarted == 3)
+            GTEST_SKIP() << "Slurm or munge is not installed (scripts/install-deps.sh installs slurm-wlm and munge): "
+                         << sOutput;
+        if (sStarted == 4)
+            GTEST_SKIP() << "this user may not start the Slurm daemons: " << sOutput;
+        ASSERT_EQ(sStarted, 0) << "the private cluster did not start:\n" << sOutput;
     }
 
-    RunResult slurm(const std::string &command) const { return run("env " + mEnv + " timeout 60 " + command); }
-    RunResult submit(const std::string &arguments, const std::string &env = "") const {
-        return zarn("submit " + arguments, mEnv + " " + env);
+    static RunResult slurm(const std::string &command) { return run("env " + sEnv + " timeout 60 " + command); }
+    static RunResult submit(const std::string &arguments, const std::string &env = "") {
+        return zarn("submit " + arguments, sEnv + " " + env);
     }
     // The Slurm job ID of a submission's last line, which must be exactly
     // "submitted <folder> as Slurm job <ID>".
@@ -261,7 +272,7 @@ protected:
         return id[2].str();
     }
     // Waits (at most two minutes) until Slurm has nothing of the job left.
-    void wait_for(const std::string &id) const {
+    static void wait_for(const std::string &id) {
         for (int i = 0; i < 1200; ++i) {
             const auto q = slurm("squeue -h -j " + id);
             if (q.status == 0 && q.output.empty())
@@ -270,22 +281,44 @@ protected:
         }
         ADD_FAILURE() << "Slurm job " << id << " did not end";
     }
+    // The exit code of each array task of a Slurm job, by task number.
+    static std::map<std::string, std::string> exit_codes(const std::string &id) {
+        std::map<std::string, std::string> codes;
+        for (const auto &line : lines_of(slurm("scontrol -o show job " + id).output)) {
+            std::smatch m;
+            if (std::regex_search(line, m, std::regex("ArrayTaskId=([0-9]+) .* ExitCode=([0-9:]+)")))
+                codes[m[1].str()] = m[2].str();
+        }
+        return codes;
+    }
 
-    TempDir mCluster, mRoot;
-    bool mStarted = false;
-    std::string mEnv;
+    static inline TempDir *sCluster = nullptr;
+    static inline int sStarted = -1;
+    static inline std::string sOutput, sEnv;
+    TempDir mRoot;
 };
 
-TEST_F(PrivateCluster, SubmittedJobsRunThrottledAndAgainFinishesTheFailedOne) {
+TEST_F(PrivateCluster, SixJobsTwoFailingThenAgainFinishesThem) {
+    // Six jobs with names a shell would split or unquote; the first run
+    // alone gives the panorama every job must have.
     std::vector<fs::path> jobs;
     std::string list;
-    for (const char *name : {"one", "two words", "it's three"}) {
-        jobs.push_back(capture(mRoot.path() / name));
+    for (const char *name : {"one", "two words", "it's three", "four;$(x)", "five", "six"}) {
+        jobs.push_back(capture(mRoot.path() / "jobs" / name));
         list += "\n" + jobs.back().string();
     }
+    const fs::path reference = capture(mRoot.path() / "reference");
+    ASSERT_EQ(zarn("run --process StitchMainProcess --libs " + quote(BACKENDS) + " " + quote(reference.string())).status, 0);
+    const auto panorama = contents(reference / "caches/images");
+    ASSERT_EQ(panorama.size(), 1u);
     write_file(mRoot.path() / "list", list + "\n");
-    // The second job fails: a capture is missing.
-    fs::rename(jobs[1] / "captures", mRoot.path() / "captures-away");
+    // Two faults in the jobs' input: a capture of the second job is away,
+    // the fifth job's split data is cut short.
+    const fs::path away = jobs[1] / "captures/point_000_up.jpg", split = jobs[4] / "caches/split_data.json";
+    const std::string split_text = read_file(split);
+    fs::rename(away, mRoot.path() / "away.jpg");
+    write_file(split, "{\"StitchMainProcess\":");
+
     const std::string folder = mRoot / "submission";
     const auto r = submit("--max-parallel 2 --cpus 1 --process StitchMainProcess --libs " + quote(BACKENDS) + " --into " +
                           quote(folder) + " --from " + quote(mRoot / "list"));
@@ -293,36 +326,53 @@ TEST_F(PrivateCluster, SubmittedJobsRunThrottledAndAgainFinishesTheFailedOne) {
     ASSERT_FALSE(id.empty()) << r.output;
     const auto lines = lines_of(r.output);
     EXPECT_EQ(lines[lines.size() - 2], quote(ZARN) + " status --from " + quote(folder + "/jobs.txt"));
-    EXPECT_EQ(read_file(folder + "/round-1/jobs.txt"), jobs[0].string() + "\n" + jobs[1].string() + "\n" + jobs[2].string() + "\n");
+    std::string listed;
+    for (const auto &job : jobs)
+        listed += job.string() + "\n";
+    EXPECT_EQ(read_file(folder + "/jobs.txt"), listed);
+    EXPECT_EQ(read_file(folder + "/round-1/jobs.txt"), listed);
     EXPECT_TRUE(contains(slurm("scontrol -o show job " + id).output, "ArrayTaskThrottle=2"));
     wait_for(id);
 
-    // Each task's exit status is its job's.
-    std::map<std::string, std::string> exit_codes;
-    for (const auto &line : lines_of(slurm("scontrol -o show job " + id).output)) {
-        std::smatch m;
-        if (std::regex_search(line, m, std::regex("ArrayTaskId=([0-9]+) .* ExitCode=([0-9:]+)")))
-            exit_codes[m[1].str()] = m[2].str();
+    // Each task's exit status is its job's; each job has its panorama and
+    // its record, or its failure line and nothing made.
+    EXPECT_EQ(exit_codes(id), (std::map<std::string, std::string>{
+                                  {"0", "0:0"}, {"1", "1:0"}, {"2", "0:0"}, {"3", "0:0"}, {"4", "1:0"}, {"5", "0:0"}}));
+    const std::map<std::size_t, std::string> failure_lines = {
+        {1, "missing file : " + away.string()}, {4, split.string() + " : line 1, column 22 : not valid JSON"}};
+    for (std::size_t i = 0; i < jobs.size(); ++i) {
+        const auto record = record_of(jobs[i]);
+        const auto process = record.child("processes").children()[0];
+        if (failure_lines.count(i)) {
+            EXPECT_EQ(text(record.child("state")), "failed") << jobs[i];
+            EXPECT_EQ(text(process.child("failure_line")), failure_lines.at(i)) << jobs[i];
+            EXPECT_TRUE(tree(jobs[i] / "caches/images").empty()) << jobs[i];
+        } else {
+            EXPECT_EQ(text(record.child("state")), "done") << jobs[i];
+            EXPECT_EQ(states(record), "StitchMainProcess=done") << jobs[i];
+            EXPECT_EQ(contents(jobs[i] / "caches/images"), panorama) << jobs[i];
+        }
     }
-    EXPECT_EQ(exit_codes, (std::map<std::string, std::string>{{"0", "0:0"}, {"1", "1:0"}, {"2", "0:0"}}));
-    EXPECT_TRUE(contains(read_file(folder + "/round-1/logs/1/console.log"), "][ERROR] : StitchMainProcess error\n"));
-    EXPECT_TRUE(contains(read_file(folder + "/round-1/slurm-" + id + "_1.out"), "StitchMainProcess error\n"));
     const auto status = zarn("status --from " + quote(folder + "/jobs.txt"));
     EXPECT_EQ(status.status, 1);
-    EXPECT_TRUE(contains(status.output, "total : 3 jobs : 2 done, 1 failed\n")) << status.output;
-    EXPECT_EQ(tree(jobs[0] / "caches/images").size(), 1u);
-    EXPECT_TRUE(tree(jobs[1] / "caches/images").empty());
+    EXPECT_TRUE(contains(status.output, "total : 6 jobs : 4 done, 2 failed\n")) << status.output;
 
-    // The fault removed, only the failed job goes again.
-    fs::rename(mRoot.path() / "captures-away", jobs[1] / "captures");
+    // The faults removed, only the failed jobs go again.
+    fs::rename(mRoot.path() / "away.jpg", away);
+    write_file(split, split_text);
     const auto again = submit("--again " + quote(folder));
     const std::string again_id = job_id(again, folder);
     ASSERT_FALSE(again_id.empty()) << again.output;
-    EXPECT_EQ(read_file(folder + "/round-2/jobs.txt"), jobs[1].string() + "\n");
+    EXPECT_EQ(read_file(folder + "/round-2/jobs.txt"), jobs[1].string() + "\n" + jobs[4].string() + "\n");
     wait_for(again_id);
+    EXPECT_EQ(exit_codes(again_id), (std::map<std::string, std::string>{{"0", "0:0"}, {"1", "0:0"}}));
     const auto finished = zarn("status --from " + quote(folder + "/jobs.txt"));
     EXPECT_EQ(finished.status, 0) << finished.output;
-    EXPECT_EQ(contents(jobs[1] / "caches/images"), contents(jobs[0] / "caches/images"));
+    EXPECT_TRUE(contains(finished.output, "total : 6 jobs : 6 done\n")) << finished.output;
+    for (const auto &job : jobs) {
+        EXPECT_EQ(text(record_of(job).child("state")), "done") << job;
+        EXPECT_EQ(contents(job / "caches/images"), panorama) << job;
+    }
     const auto nothing = submit("--again " + quote(folder));
     EXPECT_EQ(nothing.status, 0);
     EXPECT_EQ(nothing.output, "every job of " + folder + " is done; nothing submitted\n");
