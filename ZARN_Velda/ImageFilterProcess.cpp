@@ -221,12 +221,7 @@ public:
     static void check_result(int result, CODE &&code) {
         if (result == StitchLibrary::KIVO_OK)
             return;
-        // Workers share the object, so its last code may already be another
-        // worker's success: the failed call's own result stands then.
-        const ORN::int64 object_code = _CALL_TRY_(code);
-        const ORN::int64 mFilterReturnValue = object_code != 0 ? object_code : result;
-        ConsistencyProc::report_result("filtering", mFilterReturnValue, StitchLibrary::meaning(mFilterReturnValue));
-        ORN::console().error("return value = ", mFilterReturnValue);
+        const ORN::int64 mFilterReturnValue = Frame::failed_call_code(result, code, "filtering", StitchLibrary::meaning);
         _DYNAMIC_ASSERT_(mFilterReturnValue == 0);
     }
 

@@ -352,12 +352,7 @@ public:
     static void check_repair(int result, CODE &&code) {
         if (result == StitchLibrary::KIVO_OK)
             return;
-        // Workers share the object, so its last code may already be another
-        // worker's success: the failed call's own result stands then.
-        const ORN::int64 object_code = _CALL_TRY_(code);
-        const ORN::int64 mRepairReturnValue = object_code != 0 ? object_code : result;
-        ConsistencyProc::report_result("repair", mRepairReturnValue, StitchLibrary::meaning(mRepairReturnValue));
-        ORN::console().error("return value = ", mRepairReturnValue);
+        const ORN::int64 mRepairReturnValue = Frame::failed_call_code(result, code, "repair", StitchLibrary::meaning);
         _DYNAMIC_ASSERT_(mRepairReturnValue == 0);
     }
 

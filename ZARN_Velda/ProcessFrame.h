@@ -25,6 +25,20 @@ using ORN::FileSystemProc;
 // The working directory's own name: its last path component.
 inline ORN::String<char> working_name(const ORN::String<char> &path) { return FileSystemProc::file_name(path); }
 
+// The code of a failed call on a library object that several workers
+// share: the object's last code, unless that is already another worker's
+// success, when the call's own result stands. The failure is told on the
+// console ("<what> failed : <meaning>", "return value = <code>"); the caller
+// then asserts on the code under its own name.
+template <class CODE, class MEANING>
+ORN::int64 failed_call_code(int result, CODE &&code, std::string_view what, MEANING &&meaning) {
+    const ORN::int64 object_code = _CALL_TRY_(code);
+    const ORN::int64 failed = object_code != 0 ? object_code : result;
+    ConsistencyProc::report_result(what, failed, meaning(failed));
+    ORN::console().error("return value = ", failed);
+    return failed;
+}
+
 // An ordered list of top-level action node types.
 template <class... ACTIONS>
 struct Actions {

@@ -547,12 +547,7 @@ public:
     static void check_result(int result, CODE &&code) {
         if (result == StitchLibrary::KIVO_OK)
             return;
-        // Workers share the object, so its last code may already be another
-        // worker's success: the failed call's own result stands then.
-        const ORN::int64 object_code = _CALL_TRY_(code);
-        const ORN::int64 mStitchReturnValue = object_code != 0 ? object_code : result;
-        ConsistencyProc::report_result("stitching", mStitchReturnValue, StitchLibrary::meaning(mStitchReturnValue));
-        ORN::console().error("return value = ", mStitchReturnValue);
+        const ORN::int64 mStitchReturnValue = Frame::failed_call_code(result, code, "stitching", StitchLibrary::meaning);
         _DYNAMIC_ASSERT_(mStitchReturnValue == 0);
     }
 

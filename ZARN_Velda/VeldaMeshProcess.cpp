@@ -469,9 +469,10 @@ public:
                 for (INDEX i = 0; i < listing.mChunk.size(); ++i) {
                     const ORN::JobDirectory::STAMP s = job.stamp(listing.mChunk[i].mFile);
                     const auto [at, fresh] = identity.emplace(std::pair(s.mDevice, s.mInode), i);
-                    refuse_unless(fresh, job.path(MESH_JSON), "chunks[" + std::to_string(i) + "].file",
-                                  "\"" + ORN::json_escape(listing.mChunk[i].mFile.substr(7)) +
-                                      "\" is the same file as chunks[" + std::to_string(at->second) + "].file");
+                    ORN::String<char> reason(1, '"');
+                    reason += ORN::json_escape(listing.mChunk[i].mFile.substr(7));
+                    reason += "\" is the same file as chunks[" + std::to_string(at->second) + "].file";
+                    refuse_unless(fresh, job.path(MESH_JSON), "chunks[" + std::to_string(i) + "].file", reason);
                 }
                 const INDEX n = listing.mChunk.size();
                 const ORN::TimePoint start = ORN::TimePoint::now();

@@ -250,12 +250,7 @@ public:
     static void check_result(int result, CODE &&code) {
         if (result == StitchLibrary::KIVO_OK)
             return;
-        // Workers share the object, so its last code may already be another
-        // worker's success: the failed call's own result stands then.
-        const ORN::int64 object_code = _CALL_TRY_(code);
-        const ORN::int64 mTransferReturnValue = object_code != 0 ? object_code : result;
-        ConsistencyProc::report_result("video transfer", mTransferReturnValue, Lib::meaning(mTransferReturnValue));
-        ORN::console().error("return value = ", mTransferReturnValue);
+        const ORN::int64 mTransferReturnValue = Frame::failed_call_code(result, code, "video transfer", Lib::meaning);
         _DYNAMIC_ASSERT_(mTransferReturnValue == 0);
     }
 
