@@ -50,7 +50,7 @@ struct FLOW_SETTINGS {
 inline constexpr FLOW_SETTINGS SEAM_FLOW{4, 8, 4, 16, 5, 0};
 // The re-alignment of a repaired region: full resolution, denser patches,
 // more refinement and 64 pixels of context on every side.
-inline constexpr FLOW_SETTINGS REPAIR_FLOW{1, 8, 3, 25, 10, 64};
+inline constexpr FLOW_SETTINGS REPAIR_FLOW{2, 8, 4, 16, 5, 64};
 
 // The flow-aligned blend of one piece of the panorama: `upper` and `lower`
 // the two views (CV_8UC3, black where a lens does not see), the lower one

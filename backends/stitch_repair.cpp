@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 namespace zarn_stitch {
 
@@ -321,6 +322,133 @@ struct MALLOCED {
     ~MALLOCED() { std::free(mBytes); }
 };
 
+// --- Captures decoded only where the regions need them.
+
+// A JPEG capture of one bracket is decoded in part: the rows and columns
+// the regions sample (their footprint) in colour, and its luminance alone
+// (no chroma, no colour conversion) for the lower lens's gain, which the
+// whole band of both lenses decides.
+// Capture pixels decoded around a footprint.
+constexpr int FOOTPRINT_MARGIN = 16;
+// A decode that this path leaves to the whole one (not a JPEG, or not of
+// a colour space it reads as BGR).
+constexpr int NOT_HERE = -1;
+
+// The capture pixels the panorama rectangle r samples through one lens's
+// tables (each entry and its right and lower neighbours), grown by
+// FOOTPRINT_MARGIN; empty when the lens sees none of r.
+cv::Rect footprint(const cv::Mat &map1, int origin, int rows_end, const cv::Rect &r) {
+    const int first = std::max(r.y, origin), last = std::min(r.y + r.height, rows_end);
+    if (last <= first || map1.empty())
+        return {};
+    int x0 = std::numeric_limits<int>::max(), y0 = x0, x1 = std::numeric_limits<int>::min(), y1 = x1;
+    for (int y = first; y < last; ++y) {
+        const auto *m = map1.ptr<cv::Vec2s>(y - origin) + r.x;
+        for (int x = 0; x < r.width; ++x)
+            if (m[x][0] > UNSEEN_BELOW && m[x][1] > UNSEEN_BELOW) {
+                x0 = std::min<int>(x0, m[x][0]);
+                x1 = std::max<int>(x1, m[x][0]);
+                y0 = std::min<int>(y0, m[x][1]);
+                y1 = std::max<int>(y1, m[x][1]);
+            }
+    }
+    if (x1 < x0)
+        return {};
+    return cv::Rect(x0 - FOOTPRINT_MARGIN, y0 - FOOTPRINT_MARGIN, x1 - x0 + 2 + 2 * FOOTPRINT_MARGIN,
+                    y1 - y0 + 2 + 2 * FOOTPRINT_MARGIN);
+}
+
+struct READER {
+    jpeg_decompress_struct mInfo{};
+    JPEG_ERROR mError{};
+    bool mMade = false;
+    ~READER() {
+        if (mMade)
+            jpeg_destroy_decompress(&mInfo);
+    }
+};
+
+// Decodes a JPEG capture of the lens's size: with `grey`, its luminance
+// whole into `out`; otherwise the pixels of `box` into `out`, a
+// capture-sized matrix whose other pixels are left as they are (skipped
+// rows are only entropy-decoded, cropped columns not transformed). Returns
+// a RESULT, or NOT_HERE.
+int decode_jpeg(const std::vector<unsigned char> &bytes, const LENS_TABLE &lens, bool grey, cv::Rect box,
+                cv::Mat &out) {
+    if (bytes.size() < 3 || bytes[0] != 0xFF || bytes[1] != 0xD8 || bytes[2] != 0xFF)
+        return NOT_HERE;
+    READER r;
+    r.mInfo.err = jpeg_std_error(&r.mError.mManager);
+    r.mError.mManager.error_exit = jump_out;
+    r.mError.mManager.emit_message = silent;
+    if (setjmp(r.mError.mJump))
+        return Lib::KIVO_BAD_INPUT;
+    jpeg_create_decompress(&r.mInfo);
+    r.mMade = true;
+    jpeg_mem_src(&r.mInfo, bytes.data(), static_cast<unsigned long>(bytes.size()));
+    if (jpeg_read_header(&r.mInfo, TRUE) != JPEG_HEADER_OK)
+        return Lib::KIVO_BAD_INPUT;
+    if (int(r.mInfo.image_width) != lens.mWidth || int(r.mInfo.image_height) != lens.mHeight)
+        return Lib::KIVO_INPUT_MISMATCH;
+    const bool colour = r.mInfo.jpeg_color_space == JCS_YCbCr && r.mInfo.num_components == 3;
+    if (!colour && r.mInfo.jpeg_color_space != JCS_GRAYSCALE)
+        return NOT_HERE;
+    r.mInfo.out_color_space = grey ? JCS_GRAYSCALE : JCS_EXT_BGR;
+    jpeg_start_decompress(&r.mInfo);
+    if (grey) {
+        out.create(int(r.mInfo.output_height), int(r.mInfo.output_width), CV_8UC1);
+        while (r.mInfo.output_scanline < r.mInfo.output_height) {
+            JSAMPROW row = out.ptr<unsigned char>(int(r.mInfo.output_scanline));
+            jpeg_read_scanlines(&r.mInfo, &row, 1);
+        }
+    } else {
+        box &= cv::Rect(0, 0, lens.mWidth, lens.mHeight);
+        if (!box.empty()) {
+            auto x = static_cast<JDIMENSION>(box.x), width = static_cast<JDIMENSION>(box.width);
+            jpeg_crop_scanline(&r.mInfo, &x, &width); // widened to the block columns
+            if (box.y > 0)
+                jpeg_skip_scanlines(&r.mInfo, static_cast<JDIMENSION>(box.y));
+            while (r.mInfo.output_scanline < static_cast<JDIMENSION>(box.y + box.height)) {
+                JSAMPROW row = out.ptr<unsigned char>(int(r.mInfo.output_scanline)) + 3 * x;
+                jpeg_read_scanlines(&r.mInfo, &row, 1);
+            }
+        }
+    }
+    jpeg_abort_decompress(&r.mInfo);
+    return Lib::KIVO_OK;
+}
+
+// The two captures of one bracket, decoded where the regions sample them,
+// and the gain from their luminance; NOT_HERE when either is not a
+// JPEG this path reads (the whole path then decodes both).
+int read_footprints(const PanoramaMaps &m, const Stitcher &stitcher, const LENS_TABLE *const lenses[2],
+                    const char *const paths[2], const std::vector<cv::Rect> &rects, cv::Mat fused[2], double &gain) {
+    std::vector<unsigned char> bytes[2];
+    for (int lens = 0; lens < 2; ++lens) {
+        std::error_code ec;
+        if (!fs::is_regular_file(paths[lens], ec) || !zarn_backend::read_path(paths[lens], bytes[lens], MAX_PANORAMA_BYTES))
+            return Lib::KIVO_BAD_INPUT;
+    }
+    cv::Mat luminance[2];
+    for (int lens = 0; lens < 2; ++lens)
+        if (const int r = decode_jpeg(bytes[lens], *lenses[lens], true, {}, luminance[lens]); r != Lib::KIVO_OK)
+            return r;
+    for (int lens = 0; lens < 2; ++lens) {
+        const cv::Mat &map1 = lens ? m.mLowerMap1 : m.mUpperMap1;
+        const int origin = lens ? m.mLowerBegin : 0, end = lens ? m.mHeight : m.mUpperEnd;
+        cv::Rect box;
+        for (const cv::Rect &r : rects)
+            box |= footprint(map1, origin, end, r);
+        // Capture-sized, black but inside the box: what the regions sample.
+        fused[lens] = cv::Mat::zeros(lenses[lens]->mHeight, lenses[lens]->mWidth, CV_8UC3);
+        if (const int r = decode_jpeg(bytes[lens], *lenses[lens], false, box, fused[lens]); r != Lib::KIVO_OK)
+            return r;
+    }
+    double difference = 0;
+    gain = stitcher.exposure_gain(luminance[0], luminance[1], difference);
+    return Lib::KIVO_OK;
+}
+
 } // namespace
 
 int repair_panorama(const Stitcher &stitcher, const std::vector<const char *> &upper,
@@ -368,23 +496,49 @@ int repair_panorama(const Stitcher &stitcher, const std::vector<const char *> &u
             return Lib::KIVO_INPUT_MISMATCH;
     }
 
-    // The captures, fused, and the gain the stitcher gives them.
-    cv::Mat fused[2];
-    const std::vector<const char *> *paths[2] = {&upper, &lower};
-    std::vector<CAPTURE> captures[2];
-    for (int lens = 0; lens < 2; ++lens) {
-        captures[lens].resize(paths[lens]->size());
-        std::vector<cv::Mat> exposures;
-        for (std::size_t i = 0; i < captures[lens].size(); ++i) {
-            if (const int r = read_capture((*paths[lens])[i], *lenses[lens], captures[lens][i]); r != Lib::KIVO_OK)
-                return r;
-            exposures.push_back(captures[lens][i].mPixels);
-        }
-        fused[lens] = fuse(exposures);
+    // Each region as it is rendered: grown to the block grid, with the
+    // flow's context around it.
+    const int mcu_w = blocks ? 8 * source.mInfo.max_h_samp_factor : 1;
+    const int mcu_h = blocks ? 8 * source.mInfo.max_v_samp_factor : 1;
+    std::vector<cv::Rect> grown, sampled;
+    for (const REGION &r : todo) {
+        const int x0 = r.mRect.x / mcu_w * mcu_w, y0 = r.mRect.y / mcu_h * mcu_h;
+        const int x1 = std::min(size[0], (r.mRect.x + r.mRect.width + mcu_w - 1) / mcu_w * mcu_w);
+        const int y1 = std::min(size[1], (r.mRect.y + r.mRect.height + mcu_h - 1) / mcu_h * mcu_h);
+        grown.emplace_back(x0, y0, x1 - x0, y1 - y0);
+        const int c = REPAIR_FLOW.mContext;
+        sampled.push_back(cv::Rect(x0 - c, y0 - c, x1 - x0 + 2 * c, y1 - y0 + 2 * c) & cv::Rect(0, 0, size[0], size[1]));
     }
-    double difference = 0;
-    const double gain = stitcher.exposure_gain(fused[0], fused[1], difference);
     const std::shared_ptr<const PanoramaMaps> maps = stitcher.maps(size[0], size[1]);
+
+    // The captures, fused, and the gain the stitcher gives them: a single
+    // JPEG bracket decoded only where the regions sample it, anything else
+    // decoded whole.
+    cv::Mat fused[2];
+    double gain = 1;
+    std::vector<CAPTURE> captures[2];
+    int read = NOT_HERE;
+    if (upper.size() == 1) {
+        const char *const pair[2] = {upper[0], lower[0]};
+        read = read_footprints(*maps, stitcher, lenses, pair, sampled, fused, gain);
+        if (read != Lib::KIVO_OK && read != NOT_HERE)
+            return read;
+    }
+    if (read == NOT_HERE) {
+        const std::vector<const char *> *paths[2] = {&upper, &lower};
+        for (int lens = 0; lens < 2; ++lens) {
+            captures[lens].resize(paths[lens]->size());
+            std::vector<cv::Mat> exposures;
+            for (std::size_t i = 0; i < captures[lens].size(); ++i) {
+                if (const int r = read_capture((*paths[lens])[i], *lenses[lens], captures[lens][i]); r != Lib::KIVO_OK)
+                    return r;
+                exposures.push_back(captures[lens][i].mPixels);
+            }
+            fused[lens] = fuse(exposures);
+        }
+        double difference = 0;
+        gain = stitcher.exposure_gain(fused[0], fused[1], difference);
+    }
 
     if (!blocks) {
         cv::Mat pixels = ImageProc::mat(whole);
@@ -397,16 +551,11 @@ int repair_panorama(const Stitcher &stitcher, const std::vector<const char *> &u
     }
 
     // Each region grown to the MCU grid, rendered, encoded and pasted.
-    const int mcu_w = 8 * source.mInfo.max_h_samp_factor, mcu_h = 8 * source.mInfo.max_v_samp_factor;
-    for (const REGION &r : todo) {
-        const int x0 = r.mRect.x / mcu_w * mcu_w, y0 = r.mRect.y / mcu_h * mcu_h;
-        const int x1 = std::min(size[0], (r.mRect.x + r.mRect.width + mcu_w - 1) / mcu_w * mcu_w);
-        const int y1 = std::min(size[1], (r.mRect.y + r.mRect.height + mcu_h - 1) / mcu_h * mcu_h);
-        const cv::Rect grown(x0, y0, x1 - x0, y1 - y0);
-        const cv::Mat tile = render(*maps, fused[0], fused[1], gain, grown, r.mRect, r.mMethod);
+    for (std::size_t i = 0; i < todo.size(); ++i) {
+        const cv::Mat tile = render(*maps, fused[0], fused[1], gain, grown[i], todo[i].mRect, todo[i].mMethod);
         MALLOCED encoded;
         if (!encode_tile(source.mInfo, tile, encoded.mBytes, encoded.mSize) ||
-            !paste_tile(source, encoded.mBytes, encoded.mSize, x0 / mcu_w, y0 / mcu_h))
+            !paste_tile(source, encoded.mBytes, encoded.mSize, grown[i].x / mcu_w, grown[i].y / mcu_h))
             return Lib::KIVO_BAD_INPUT;
     }
     MALLOCED repaired;
