@@ -28,13 +28,20 @@ constexpr short UNSEEN_BELOW = -8;
 
 // --- The two lenses over a rectangle of the panorama.
 
+// A capture's pixels, or the part of them from mOrigin on (capture
+// coordinates) that the regions sample.
+struct LENS_PIXELS {
+    cv::Mat mPixels;
+    cv::Point mOrigin;
+};
+
 struct VIEWS {
     cv::Mat mUp, mDown;           // CV_8UC3, the lower one before the gain; black where unseen
     cv::Mat mUpSees, mDownSees;   // CV_8UC1, 255 where the lens sees the pixel
     cv::Mat mWeight;              // CV_32FC1, the upper lens's share as compose gives it
 };
 
-void lens_view(const cv::Mat &capture, const cv::Mat &map1, const cv::Mat &map2, int origin, int rows_end,
+void lens_view(const LENS_PIXELS &capture, const cv::Mat &map1, const cv::Mat &map2, int origin, int rows_end,
                const cv::Rect &r, cv::Mat &view, cv::Mat &sees) {
     view = cv::Mat::zeros(r.size(), CV_8UC3);
     sees = cv::Mat::zeros(r.size(), CV_8UC1);
@@ -43,7 +50,14 @@ void lens_view(const cv::Mat &capture, const cv::Mat &map1, const cv::Mat &map2,
         return;
     const cv::Rect in_map(r.x, first - origin, r.width, last - first);
     cv::Mat part = view.rowRange(first - r.y, last - r.y);
-    cv::remap(capture, part, map1(in_map), map2(in_map), cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar::all(0));
+    // The tables are shared: a part of a capture gets shifted copies.
+    cv::Mat table = map1(in_map);
+    if (capture.mOrigin != cv::Point()) {
+        cv::Mat shifted;
+        cv::subtract(table, cv::Scalar(capture.mOrigin.x, capture.mOrigin.y), shifted);
+        table = shifted;
+    }
+    cv::remap(capture.mPixels, part, table, map2(in_map), cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar::all(0));
     for (int y = 0; y < in_map.height; ++y) {
         const auto *m = map1.ptr<cv::Vec2s>(in_map.y + y) + in_map.x;
         auto *s = sees.ptr<unsigned char>(first - r.y + y);
@@ -52,7 +66,7 @@ void lens_view(const cv::Mat &capture, const cv::Mat &map1, const cv::Mat &map2,
     }
 }
 
-VIEWS views(const PanoramaMaps &m, const cv::Mat &upper, const cv::Mat &lower, const cv::Rect &r) {
+VIEWS views(const PanoramaMaps &m, const LENS_PIXELS &upper, const LENS_PIXELS &lower, const cv::Rect &r) {
     VIEWS v;
     lens_view(upper, m.mUpperMap1, m.mUpperMap2, 0, m.mUpperEnd, r, v.mUp, v.mUpSees);
     lens_view(lower, m.mLowerMap1, m.mLowerMap2, m.mLowerBegin, m.mHeight, r, v.mDown, v.mDownSees);
@@ -121,8 +135,8 @@ int automatic(const VIEWS &v, double gain) {
 }
 
 // The pixels of rectangle r by a method.
-cv::Mat render(const PanoramaMaps &m, const cv::Mat &upper, const cv::Mat &lower, double gain, const cv::Rect &r,
-               const cv::Rect &measured, int method) {
+cv::Mat render(const PanoramaMaps &m, const LENS_PIXELS &upper, const LENS_PIXELS &lower, double gain,
+               const cv::Rect &r, const cv::Rect &measured, int method) {
     if (method == Lib::REPAIR_AUTO) {
         const VIEWS v = views(m, upper, lower, measured);
         method = automatic(v, gain);
@@ -330,6 +344,8 @@ struct MALLOCED {
 // whole band of both lenses decides.
 // Capture pixels decoded around a footprint.
 constexpr int FOOTPRINT_MARGIN = 16;
+// Pixels of room beyond a cropped decode's rows.
+constexpr int CROP_SLACK = 64;
 // A decode that this path leaves to the whole one (not a JPEG, or not of
 // a colour space it reads as BGR).
 constexpr int NOT_HERE = -1;
@@ -369,12 +385,12 @@ struct READER {
 };
 
 // Decodes a JPEG capture of the lens's size: with `grey`, its luminance
-// whole into `out`; otherwise the pixels of `box` into `out`, a
-// capture-sized matrix whose other pixels are left as they are (skipped
-// rows are only entropy-decoded, cropped columns not transformed). Returns
-// a RESULT, or NOT_HERE.
+// whole into `out.mPixels`; otherwise the pixels of `box` (its columns
+// widened to the blocks') from `out.mOrigin` on: the rows above are only
+// entropy-decoded, the columns beside not transformed. Returns a RESULT, or
+// NOT_HERE.
 int decode_jpeg(const std::vector<unsigned char> &bytes, const LENS_TABLE &lens, bool grey, cv::Rect box,
-                cv::Mat &out) {
+                LENS_PIXELS &out) {
     if (bytes.size() < 3 || bytes[0] != 0xFF || bytes[1] != 0xD8 || bytes[2] != 0xFF)
         return NOT_HERE;
     READER r;
@@ -395,21 +411,30 @@ int decode_jpeg(const std::vector<unsigned char> &bytes, const LENS_TABLE &lens,
         return NOT_HERE;
     r.mInfo.out_color_space = grey ? JCS_GRAYSCALE : JCS_EXT_BGR;
     jpeg_start_decompress(&r.mInfo);
+    out.mOrigin = cv::Point();
     if (grey) {
-        out.create(int(r.mInfo.output_height), int(r.mInfo.output_width), CV_8UC1);
+        out.mPixels.create(int(r.mInfo.output_height), int(r.mInfo.output_width), CV_8UC1);
         while (r.mInfo.output_scanline < r.mInfo.output_height) {
-            JSAMPROW row = out.ptr<unsigned char>(int(r.mInfo.output_scanline));
+            JSAMPROW row = out.mPixels.ptr<unsigned char>(int(r.mInfo.output_scanline));
             jpeg_read_scanlines(&r.mInfo, &row, 1);
         }
     } else {
         box &= cv::Rect(0, 0, lens.mWidth, lens.mHeight);
-        if (!box.empty()) {
+        if (box.empty()) {
+            out.mPixels = cv::Mat::zeros(1, 1, CV_8UC3);
+        } else {
             auto x = static_cast<JDIMENSION>(box.x), width = static_cast<JDIMENSION>(box.width);
             jpeg_crop_scanline(&r.mInfo, &x, &width); // widened to the block columns
+            out.mOrigin = cv::Point(int(x), box.y);
+            // The decoder may write past the cropped width (whole blocks,
+            // its upsampling's context): rows as wide as the capture's and
+            // more, and a spare row below.
+            const cv::Mat rows(box.height + 1, lens.mWidth + CROP_SLACK, CV_8UC3);
+            out.mPixels = rows(cv::Rect(0, 0, int(width), box.height));
             if (box.y > 0)
                 jpeg_skip_scanlines(&r.mInfo, static_cast<JDIMENSION>(box.y));
             while (r.mInfo.output_scanline < static_cast<JDIMENSION>(box.y + box.height)) {
-                JSAMPROW row = out.ptr<unsigned char>(int(r.mInfo.output_scanline)) + 3 * x;
+                JSAMPROW row = out.mPixels.ptr<unsigned char>(int(r.mInfo.output_scanline) - box.y);
                 jpeg_read_scanlines(&r.mInfo, &row, 1);
             }
         }
@@ -422,14 +447,15 @@ int decode_jpeg(const std::vector<unsigned char> &bytes, const LENS_TABLE &lens,
 // and the gain from their luminance; NOT_HERE when either is not a
 // JPEG this path reads (the whole path then decodes both).
 int read_footprints(const PanoramaMaps &m, const Stitcher &stitcher, const LENS_TABLE *const lenses[2],
-                    const char *const paths[2], const std::vector<cv::Rect> &rects, cv::Mat fused[2], double &gain) {
+                    const char *const paths[2], const std::vector<cv::Rect> &rects, LENS_PIXELS fused[2],
+                    double &gain) {
     std::vector<unsigned char> bytes[2];
     for (int lens = 0; lens < 2; ++lens) {
         std::error_code ec;
         if (!fs::is_regular_file(paths[lens], ec) || !zarn_backend::read_path(paths[lens], bytes[lens], MAX_PANORAMA_BYTES))
             return Lib::KIVO_BAD_INPUT;
     }
-    cv::Mat luminance[2];
+    LENS_PIXELS luminance[2];
     for (int lens = 0; lens < 2; ++lens)
         if (const int r = decode_jpeg(bytes[lens], *lenses[lens], true, {}, luminance[lens]); r != Lib::KIVO_OK)
             return r;
@@ -439,13 +465,11 @@ int read_footprints(const PanoramaMaps &m, const Stitcher &stitcher, const LENS_
         cv::Rect box;
         for (const cv::Rect &r : rects)
             box |= footprint(map1, origin, end, r);
-        // Capture-sized, black but inside the box: what the regions sample.
-        fused[lens] = cv::Mat::zeros(lenses[lens]->mHeight, lenses[lens]->mWidth, CV_8UC3);
         if (const int r = decode_jpeg(bytes[lens], *lenses[lens], false, box, fused[lens]); r != Lib::KIVO_OK)
             return r;
     }
     double difference = 0;
-    gain = stitcher.exposure_gain(luminance[0], luminance[1], difference);
+    gain = stitcher.exposure_gain(luminance[0].mPixels, luminance[1].mPixels, difference);
     return Lib::KIVO_OK;
 }
 
@@ -514,7 +538,7 @@ int repair_panorama(const Stitcher &stitcher, const std::vector<const char *> &u
     // The captures, fused, and the gain the stitcher gives them: a single
     // JPEG bracket decoded only where the regions sample it, anything else
     // decoded whole.
-    cv::Mat fused[2];
+    LENS_PIXELS fused[2];
     double gain = 1;
     std::vector<CAPTURE> captures[2];
     int read = NOT_HERE;
@@ -534,10 +558,10 @@ int repair_panorama(const Stitcher &stitcher, const std::vector<const char *> &u
                     return r;
                 exposures.push_back(captures[lens][i].mPixels);
             }
-            fused[lens] = fuse(exposures);
+            fused[lens].mPixels = fuse(exposures);
         }
         double difference = 0;
-        gain = stitcher.exposure_gain(fused[0], fused[1], difference);
+        gain = stitcher.exposure_gain(fused[0].mPixels, fused[1].mPixels, difference);
     }
 
     if (!blocks) {
