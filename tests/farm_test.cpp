@@ -294,6 +294,50 @@ TEST(ParallelRun, AStopSignalEndsBothRunningJobsAndStartsNoOther) {
     }
 }
 
+TEST(LogInJob, KeptInTheJobRotatedAndNeverThroughALinkOrAFifo) {
+    TempDir root, outside;
+    const fs::path good = capture(root.path() / "good"), file_link = capture(root.path() / "file link"),
+                   folder_link = capture(root.path() / "folder link"), fifo = capture(root.path() / "fifo");
+    const fs::path victim = outside.path() / "console.log";
+    write_file(victim, "kept\n");
+    fs::create_directories(file_link / "caches/logs");
+    fs::create_symlink(victim, file_link / "caches/logs/console.log");
+    fs::create_symlink(outside.path(), folder_link / "caches/logs");
+    fs::create_directories(fifo / "caches/logs");
+    ASSERT_EQ(::mkfifo((fifo / "caches/logs/console.log").c_str(), 0644), 0);
+    const std::string arguments = "run --log-in-job --process StitchMainProcess --libs " + quote(BACKENDS) + " ";
+    ASSERT_EQ(zarn(arguments + quote(good.string())).status, 0);
+    const auto r = zarn(arguments + quote(good.string()) + " " + quote(file_link.string()) + " " +
+                        quote(folder_link.string()) + " " + quote(fifo.string()));
+    EXPECT_EQ(r.status, 1) << r.output;
+
+    // Each run of the good job has its own log in the job, the one before
+    // kept once.
+    const std::string log = read_file(good / "caches/logs/console.log"),
+                      old = read_file(good / "caches/logs/console.old.log");
+    EXPECT_TRUE(contains(log, "][PRINT] : in " + good.string() + " (good)\n")) << log;
+    EXPECT_TRUE(contains(old, "][INFO] : all done\n")) << old;
+    EXPECT_NE(log, old);
+    EXPECT_EQ(tree(good / "caches/logs").size(), 2u);
+
+    // The refused ones fail with one line naming the file and why, and
+    // nothing outside the job is written.
+    const std::map<fs::path, std::string> refusals = {
+        {file_link, (file_link / "caches/logs/console.log").string() + " : symbolic link, not followed"},
+        {folder_link, (folder_link / "caches/logs").string() + " : symbolic link, not followed"},
+        {fifo, (fifo / "caches/logs/console.log").string() + " : not a regular file"}};
+    for (const auto &[job, reason] : refusals) {
+        EXPECT_TRUE(contains(r.output, "open : " + reason + "\nStitchMainProcess error\n")) << r.output;
+        const auto record = record_of(job);
+        EXPECT_EQ(states(record), "StitchMainProcess=failed") << job;
+        EXPECT_EQ(text(record.child("processes").children()[0].child("failure_line")), "open : " + reason);
+        EXPECT_TRUE(tree(job / "caches/images").empty()) << job;
+    }
+    EXPECT_EQ(read_file(victim), "kept\n");
+    EXPECT_EQ(tree(outside.path()).size(), 1u);
+    EXPECT_TRUE(fs::is_symlink(file_link / "caches/logs/console.log"));
+}
+
 // A private Slurm cluster (scripts/slurm-private-cluster.sh) shared by the
 // cluster cases of this program: started once, stopped by its process ids
 // when the cases are over whatever their outcome, and by the script's
@@ -420,6 +464,12 @@ TEST_F(PrivateCluster, SixJobsTwoFailingThenAgainFinishesThem) {
             EXPECT_EQ(contents(jobs[i] / "caches/images"), panorama) << jobs[i];
         }
     }
+    // Each task's log is in its job; Slurm's own output stays in the
+    // submission folder.
+    EXPECT_TRUE(contains(read_file(jobs[1] / "caches/logs/console.log"), "][ERROR] : StitchMainProcess error\n"));
+    EXPECT_TRUE(contains(read_file(jobs[0] / "caches/logs/console.log"), "][INFO] : all done\n"));
+    EXPECT_TRUE(contains(read_file(folder + "/round-1/slurm-" + id + "_4.out"), "StitchMainProcess error\n"));
+    EXPECT_FALSE(fs::exists(folder + "/round-1/logs"));
     const auto status = zarn("status --from " + quote(folder + "/jobs.txt"));
     EXPECT_EQ(status.status, 1);
     EXPECT_TRUE(contains(status.output, "total : 6 jobs : 4 done, 2 failed\n")) << status.output;
@@ -454,7 +504,7 @@ TEST_F(PrivateCluster, ACancelledTaskLeavesItsJobConsistentAndAgainCompletesIt) 
                           "ZARN_BACKEND_HANG=run_velda_main");
     const std::string id = job_id(r, folder);
     ASSERT_FALSE(id.empty()) << r.output;
-    const std::string log = folder + "/round-1/logs/0/console.log";
+    const fs::path log = job / "caches/logs/console.log";
     for (int i = 0; i < 600 && !contains(read_file(log), "run_velda_main : hanging"); ++i)
         ::usleep(100000);
     ASSERT_TRUE(contains(read_file(log), "run_velda_main : hanging")) << read_file(log);
@@ -477,7 +527,7 @@ TEST_F(PrivateCluster, ACancelledTaskLeavesItsJobConsistentAndAgainCompletesIt) 
     ASSERT_FALSE(again_id.empty()) << again.output;
     wait_for(again_id);
     const auto finished = zarn("status " + quote(job.string()));
-    EXPECT_EQ(finished.status, 0) << finished.output << read_file(folder + "/round-2/logs/0/console.log");
+    EXPECT_EQ(finished.status, 0) << finished.output << read_file(log);
 }
 
 TEST(ZarnSubmit, UsageErrorsSubmitNothing) {
