@@ -342,6 +342,7 @@ struct MALLOCED {
 // the regions sample (their footprint) in colour, and its luminance alone
 // (no chroma, no colour conversion) for the lower lens's gain, which the
 // whole band of both lenses decides.
+
 // Capture pixels decoded around a footprint.
 constexpr int FOOTPRINT_MARGIN = 16;
 // Pixels of room beyond a cropped decode's rows.
@@ -384,16 +385,14 @@ struct READER {
     }
 };
 
-// Decodes a JPEG capture of the lens's size: with `grey`, its luminance
-// whole into `out.mPixels`; otherwise the pixels of `box` (its columns
-// widened to the blocks') from `out.mOrigin` on: the rows above are only
-// entropy-decoded, the columns beside not transformed. Returns a RESULT, or
+// Starts decoding a JPEG capture of the lens's size: its luminance with
+// `grey`, otherwise colour (BGR) cropped to the columns of `box` (`x` and
+// `width` receive them, widened to the blocks'). Returns a RESULT, or
 // NOT_HERE.
-int decode_jpeg(const std::vector<unsigned char> &bytes, const LENS_TABLE &lens, bool grey, cv::Rect box,
-                LENS_PIXELS &out) {
+int start_jpeg(READER &r, const std::vector<unsigned char> &bytes, const LENS_TABLE &lens, bool grey,
+               const cv::Rect &box, JDIMENSION &x, JDIMENSION &width) {
     if (bytes.size() < 3 || bytes[0] != 0xFF || bytes[1] != 0xD8 || bytes[2] != 0xFF)
         return NOT_HERE;
-    READER r;
     r.mInfo.err = jpeg_std_error(&r.mError.mManager);
     r.mError.mManager.error_exit = jump_out;
     r.mError.mManager.emit_message = silent;
@@ -411,36 +410,59 @@ int decode_jpeg(const std::vector<unsigned char> &bytes, const LENS_TABLE &lens,
         return NOT_HERE;
     r.mInfo.out_color_space = grey ? JCS_GRAYSCALE : JCS_EXT_BGR;
     jpeg_start_decompress(&r.mInfo);
-    out.mOrigin = cv::Point();
-    if (grey) {
-        out.mPixels.create(int(r.mInfo.output_height), int(r.mInfo.output_width), CV_8UC1);
-        while (r.mInfo.output_scanline < r.mInfo.output_height) {
-            JSAMPROW row = out.mPixels.ptr<unsigned char>(int(r.mInfo.output_scanline));
-            jpeg_read_scanlines(&r.mInfo, &row, 1);
-        }
-    } else {
-        box &= cv::Rect(0, 0, lens.mWidth, lens.mHeight);
-        if (box.empty()) {
-            out.mPixels = cv::Mat::zeros(1, 1, CV_8UC3);
-        } else {
-            auto x = static_cast<JDIMENSION>(box.x), width = static_cast<JDIMENSION>(box.width);
-            jpeg_crop_scanline(&r.mInfo, &x, &width); // widened to the block columns
-            out.mOrigin = cv::Point(int(x), box.y);
-            // The decoder may write past the cropped width (whole blocks,
-            // its upsampling's context): rows as wide as the capture's and
-            // more, and a spare row below.
-            const cv::Mat rows(box.height + 1, lens.mWidth + CROP_SLACK, CV_8UC3);
-            out.mPixels = rows(cv::Rect(0, 0, int(width), box.height));
-            if (box.y > 0)
-                jpeg_skip_scanlines(&r.mInfo, static_cast<JDIMENSION>(box.y));
-            while (r.mInfo.output_scanline < static_cast<JDIMENSION>(box.y + box.height)) {
-                JSAMPROW row = out.mPixels.ptr<unsigned char>(int(r.mInfo.output_scanline) - box.y);
-                jpeg_read_scanlines(&r.mInfo, &row, 1);
-            }
-        }
+    x = 0;
+    width = r.mInfo.output_width;
+    if (!grey) {
+        x = static_cast<JDIMENSION>(box.x);
+        width = static_cast<JDIMENSION>(box.width);
+        jpeg_crop_scanline(&r.mInfo, &x, &width);
+    }
+    return Lib::KIVO_OK;
+}
+
+// Reads rows [first, first + out.rows) of a started decode into `out`, the
+// rows above only entropy-decoded; false when the data fail.
+bool read_rows(READER &r, int first, cv::Mat &out) {
+    if (setjmp(r.mError.mJump))
+        return false;
+    if (first > 0)
+        jpeg_skip_scanlines(&r.mInfo, static_cast<JDIMENSION>(first));
+    while (r.mInfo.output_scanline < static_cast<JDIMENSION>(first + out.rows)) {
+        JSAMPROW row = out.ptr<unsigned char>(int(r.mInfo.output_scanline) - first);
+        jpeg_read_scanlines(&r.mInfo, &row, 1);
     }
     jpeg_abort_decompress(&r.mInfo);
-    return Lib::KIVO_OK;
+    return true;
+}
+
+// Decodes a JPEG capture of the lens's size: with `grey`, its luminance
+// whole into `out.mPixels`; otherwise the pixels of `box` (its columns
+// widened to the blocks') from `out.mOrigin` on: the rows above are only
+// entropy-decoded, the columns beside not transformed. Returns a RESULT, or
+// NOT_HERE. (No C++ object is made while libjpeg may jump out.)
+int decode_jpeg(const std::vector<unsigned char> &bytes, const LENS_TABLE &lens, bool grey, cv::Rect box,
+                LENS_PIXELS &out) {
+    box &= cv::Rect(0, 0, lens.mWidth, lens.mHeight);
+    out.mOrigin = cv::Point();
+    if (!grey && box.empty()) { // the lens sees none of the regions
+        out.mPixels = cv::Mat::zeros(1, 1, CV_8UC3);
+        return Lib::KIVO_OK;
+    }
+    READER r;
+    JDIMENSION x = 0, width = 0;
+    if (const int code = start_jpeg(r, bytes, lens, grey, box, x, width); code != Lib::KIVO_OK)
+        return code;
+    if (grey) {
+        out.mPixels.create(lens.mHeight, lens.mWidth, CV_8UC1);
+        return read_rows(r, 0, out.mPixels) ? int(Lib::KIVO_OK) : int(Lib::KIVO_BAD_INPUT);
+    }
+    out.mOrigin = cv::Point(int(x), box.y);
+    // The decoder may write past the cropped width (whole blocks, its
+    // upsampling's context): rows as wide as the capture's and more, and a
+    // spare row below.
+    const cv::Mat rows(box.height + 1, lens.mWidth + CROP_SLACK, CV_8UC3);
+    out.mPixels = rows(cv::Rect(0, 0, int(width), box.height));
+    return read_rows(r, box.y, out.mPixels) ? int(Lib::KIVO_OK) : int(Lib::KIVO_BAD_INPUT);
 }
 
 // The two captures of one bracket, decoded where the regions sample them,
