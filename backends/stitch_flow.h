@@ -23,7 +23,7 @@
 // The flow is estimated at a quarter of the panorama's resolution: the
 // disparity of a near object is smooth over tens of pixels, and its size
 // (a few degrees) is found as well as at half resolution (docs/PERFORMANCE.md
-// compares them) at a fifth of the cost.
+// compares them) at a third of the cost or less.
 //
 // DIS runs with its spatial propagation off: with it, the result depends on
 // how many stripes OpenCV splits the image into, which is its thread count.
