@@ -1,0 +1,222 @@
+// Many jobs: what Slurm costs a job on the private cluster of this machine
+// (scripts/slurm-private-cluster.sh), and `zarn run -j 2` against `-j 1`.
+//
+// Every job is a small generated capture whose only work is one panorama
+// (zarn_capture --width 256 --points 1 --videos 0, StitchMainProcess with the
+// reference libraries); local runs use --force and submitted jobs are fresh,
+// so that each run does the work.
+//
+//   BM_ClusterOverhead   one job submitted with `zarn submit` and waited for
+//                        until Slurm has nothing of it left, against the same
+//                        job run by `zarn run` here: overhead_s is the
+//                        difference, per job (the target is at most 1 s).
+//   BM_ClusterArray8     eight jobs as one array (all processors in use):
+//                        overhead_per_job_s is the array's time less the
+//                        time `zarn run -j 2` takes for the same jobs, by job.
+//   BM_ParallelRun       eight jobs with -j 1 and with -j 2 in the same
+//                        iteration: speedup is the ratio (target at least 1.7).
+//
+// The cluster benchmarks are skipped when the daemons cannot be started.
+
+#include <benchmark/benchmark.h>
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string BIN = std::string(ZARN_BINARY_DIR) + "/bin";
+const std::string BACKENDS = std::string(ZARN_BINARY_DIR) + "/backends";
+const std::string CLUSTER = std::string(ZARN_SOURCE_DIR) + "/scripts/slurm-private-cluster.sh";
+
+std::string quote(const std::string &word) {
+    std::string q = "'";
+    for (const char c : word)
+        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
+// Runs a shell command; its exit status and output (both streams).
+std::pair<int, std::string> shell(const std::string &command) {
+    FILE *pipe = ::popen(("{ " + command + "\n} 2>&1").c_str(), "r");
+    std::string out;
+    char buffer[4096];
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0;)
+        out.append(buffer, n);
+    const int status = ::pclose(pipe);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128, out};
+}
+
+double seconds_since(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// A folder of generated jobs, removed at the end.
+class Jobs {
+public:
+    explicit Jobs(int count) {
+        char pattern[] = "/tmp/zarn-farm-bench-XXXXXX";
+        mRoot = ::mkdtemp(pattern);
+        for (int i = 0; i < count; ++i) {
+            const std::string job = mRoot + "/job" + std::to_string(i);
+            shell(quote(BIN + "/zarn_capture") + " " + quote(job) + " --width 256 --points 1 --videos 0");
+            mList += " " + quote(job);
+            mJobs.push_back(job);
+        }
+    }
+    ~Jobs() {
+        std::error_code ec;
+        fs::remove_all(mRoot, ec);
+    }
+    const std::string &root() const { return mRoot; }
+    const std::string &list() const { return mList; }
+
+private:
+    std::string mRoot, mList;
+    std::vector<std::string> mJobs;
+};
+
+// Runs the jobs here; the seconds it took, or a negative number on failure.
+double run_here(const Jobs &jobs, int parallel) {
+    const auto start = std::chrono::steady_clock::now();
+    const auto r = shell("NO_COLOR=1 " + quote(BIN + "/zarn") + " run --force -j " + std::to_string(parallel) +
+                         " --process StitchMainProcess --libs " + quote(BACKENDS) + jobs.list() + " > /dev/null");
+    return r.first == 0 ? seconds_since(start) : -1.0;
+}
+
+// The private cluster, started on first use and stopped at the end.
+class Cluster {
+public:
+    static Cluster &get() {
+        static Cluster cluster;
+        return cluster;
+    }
+    bool up() const { return mUp; }
+    const std::string &why() const { return mWhy; }
+    // Submits the jobs as one array and waits until Slurm has nothing of it
+    // left; the seconds it took, or a negative number on failure.
+    double submit_and_wait(const Jobs &jobs, int round) const {
+        const std::string env = "SLURM_CONF=" + quote(mDir + "/slurm.conf");
+        const std::string into = jobs.root() + "/submission-" + std::to_string(round);
+        const auto start = std::chrono::steady_clock::now();
+        const auto r = shell("env " + env + " " + quote(BIN + "/zarn") + " submit --cpus 1 --process StitchMainProcess --libs " +
+                             quote(BACKENDS) + " --into " + quote(into) + jobs.list() + " | tail -n 1");
+        const auto at = r.second.rfind("Slurm job ");
+        if (r.first != 0 || at == std::string::npos)
+            return -1.0;
+        const std::string id = r.second.substr(at + 10, r.second.find('\n', at) - at - 10);
+        // Done when squeue knows nothing of the job (Slurm's own end),
+        // looked at every 20 ms.
+        for (int i = 0; i < 6000; ++i) {
+            const auto q = shell("env " + env + " squeue -h -j " + id);
+            if (q.first == 0 && q.second.empty())
+                return seconds_since(start);
+            ::usleep(20000);
+        }
+        return -1.0;
+    }
+    ~Cluster() {
+        if (mUp)
+            shell(quote(CLUSTER) + " stop " + quote(mDir));
+        std::error_code ec;
+        fs::remove_all(mDir, ec);
+    }
+
+private:
+    Cluster() {
+        char pattern[] = "/tmp/zarn-cluster-XXXXXX";
+        mDir = ::mkdtemp(pattern);
+        const auto r = shell("timeout 60 " + quote(CLUSTER) + " start " + quote(mDir) + " " + std::to_string(::getpid()));
+        mUp = r.first == 0;
+        mWhy = r.second;
+        if (mUp) {
+            // The first job after the start waits for the node's first
+            // registration; it is not what a running cluster costs.
+            Jobs warm(1);
+            submit_and_wait(warm, 0);
+        }
+    }
+    std::string mDir, mWhy;
+    bool mUp = false;
+};
+
+void BM_ClusterOverhead(benchmark::State &state) {
+    Cluster &cluster = Cluster::get();
+    if (!cluster.up()) {
+        state.SkipWithError(("the private cluster did not start: " + cluster.why()).c_str());
+        return;
+    }
+    double here = 0, there = 0;
+    for (auto _ : state) {
+        // Fresh jobs each time: a task does not redo work that is up to date.
+        const Jobs local(1), submitted(1);
+        const double h = run_here(local, 1), t = cluster.submit_and_wait(submitted, 1);
+        if (h < 0 || t < 0) {
+            state.SkipWithError("a run failed");
+            return;
+        }
+        here += h;
+        there += t;
+    }
+    const double n = static_cast<double>(state.iterations());
+    state.counters["run_here_s"] = here / n;
+    state.counters["submit_to_done_s"] = there / n;
+    state.counters["overhead_s"] = (there - here) / n;
+}
+BENCHMARK(BM_ClusterOverhead)->Iterations(5)->Unit(benchmark::kSecond)->UseRealTime();
+
+void BM_ClusterArray8(benchmark::State &state) {
+    Cluster &cluster = Cluster::get();
+    if (!cluster.up()) {
+        state.SkipWithError(("the private cluster did not start: " + cluster.why()).c_str());
+        return;
+    }
+    double here = 0, there = 0;
+    for (auto _ : state) {
+        const Jobs local(8), submitted(8);
+        const double h = run_here(local, 2), t = cluster.submit_and_wait(submitted, 1);
+        if (h < 0 || t < 0) {
+            state.SkipWithError("a run failed");
+            return;
+        }
+        here += h;
+        there += t;
+    }
+    const double n = static_cast<double>(state.iterations());
+    state.counters["run_here_j2_s"] = here / n;
+    state.counters["submit_to_done_s"] = there / n;
+    state.counters["overhead_per_job_s"] = (there - here) / n / 8;
+}
+BENCHMARK(BM_ClusterArray8)->Iterations(2)->Unit(benchmark::kSecond)->UseRealTime();
+
+void BM_ParallelRun(benchmark::State &state) {
+    Jobs jobs(8);
+    double one = 0, two = 0;
+    for (auto _ : state) {
+        const double a = run_here(jobs, 1), b = run_here(jobs, 2);
+        if (a < 0 || b < 0) {
+            state.SkipWithError("a run failed");
+            return;
+        }
+        one += a;
+        two += b;
+    }
+    const double n = static_cast<double>(state.iterations());
+    state.counters["j1_s"] = one / n;
+    state.counters["j2_s"] = two / n;
+    state.counters["speedup"] = one / two;
+}
+BENCHMARK(BM_ParallelRun)->Iterations(2)->Unit(benchmark::kSecond)->UseRealTime();
+
+} // namespace
+
+BENCHMARK_MAIN();
