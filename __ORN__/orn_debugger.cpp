@@ -21,7 +21,7 @@ class ConsoleService::Abstract : public Interface {
 public:
     virtual void write(ConsoleLevel level, const String<char> &message) = 0;
     virtual void show() = 0;
-    virtual void attach_log(const String<char> &directory) = 0;
+    virtual void attach_log(const JobDirectory &base, std::string_view directory) = 0;
     virtual void detach_log() = 0;
     virtual bool log_attached() const = 0;
     virtual String<char> log_directory() const = 0;
@@ -83,19 +83,16 @@ public:
     // operation reports itself on the console (which takes the mutex) before
     // its assertion leaves. The previous log is closed first, so the report
     // of a failure reaches the screen only.
-    void attach_log(const String<char> &directory) override {
+    // The log is rotated by a rename inside the one real directory reached
+    // without links, and opened there as a regular file.
+    void attach_log(const JobDirectory &base, std::string_view directory) override {
         detach_log();
-        if (!directory.empty() && !FileSystemProc::find_directory(directory))
-            FileSystemProc::build_directory(directory);
-        const String<char> r1x = FileSystemProc::join_path(directory, "console.old.log");
-        const String<char> r2x = FileSystemProc::join_path(directory, "console.log");
-        FileSystemProc::erase_file(r1x);
-        if (FileSystemProc::find_file(r2x))
-            FileSystemProc::move_file(r2x, r1x);
-        StreamLoader log = StreamLoader::open_write(r2x);
+        const String<char> r1x = directory.empty() ? String<char>("console.log")
+                                                   : FileSystemProc::join_path(String<char>(directory), "console.log");
+        StreamLoader log = base.append_file(r1x, "console.old.log");
         const std::lock_guard<std::mutex> lock(mMutex);
         mLog = std::move(log);
-        mLogDirectory = directory;
+        mLogDirectory = directory.empty() ? base.root() : base.path(directory);
     }
 
     void detach_log() override {
@@ -292,7 +289,13 @@ String<char> ConsoleService::ansi_colour(int attribute) {
 
 void ConsoleService::write(ConsoleLevel level, const String<char> &message) { mThis->write(level, message); }
 void ConsoleService::show() { mThis->show(); }
-void ConsoleService::attach_log(const String<char> &directory) { mThis->attach_log(directory); }
+void ConsoleService::attach_log(const String<char> &directory) {
+    mThis->detach_log();
+    if (!directory.empty() && !FileSystemProc::find_directory(directory))
+        FileSystemProc::build_directory(directory);
+    mThis->attach_log(JobDirectory(directory.empty() ? String<char>(".") : directory), {});
+}
+void ConsoleService::attach_log(const JobDirectory &job, std::string_view directory) { mThis->attach_log(job, directory); }
 void ConsoleService::detach_log() { mThis->detach_log(); }
 bool ConsoleService::log_attached() const { return mThis->log_attached(); }
 String<char> ConsoleService::log_directory() const { return mThis->log_directory(); }

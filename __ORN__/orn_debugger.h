@@ -35,6 +35,8 @@
 
 namespace ORN {
 
+class JobDirectory;
+
 class ConsoleProgress;
 
 enum class ConsoleLevel : int { Print, Fatal, Error, Warn, Info, Debug, Verbose };
@@ -122,11 +124,17 @@ public:
     // failure lines this way.
     void listen(Function<void(ConsoleLevel, std::string_view)> listener);
 
-    // Rotates the log of the directory and opens a new one: "console.old.log"
-    // is deleted, "console.log" (if present) becomes "console.old.log", and
-    // "console.log" is opened for appending. The directory is created when
-    // missing. A log attached before is closed first.
+    // Rotates the log of the directory and opens a new one: "console.log"
+    // (if present) is renamed over "console.old.log", and "console.log" is
+    // opened for appending. The directory is created when missing. The log
+    // is a regular file opened without following a link: a link or a FIFO
+    // named "console.log" is refused ("open : <path> : <reason>").
+    // A log attached before is closed first.
     void attach_log(const String<char> &directory);
+    // The same for a log folder inside a job (e.g. "caches/logs"), reached
+    // like every name of the job: no link on the way is followed, and the
+    // missing folders are made as real directories.
+    void attach_log(const JobDirectory &job, std::string_view directory);
     // Closes the log; later lines go to the console only.
     void detach_log();
     bool log_attached() const;

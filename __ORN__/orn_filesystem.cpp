@@ -839,6 +839,34 @@ void JobDirectory::build_directory(std::string_view relative) const {
     _DYNAMIC_ASSERT_(directory);
 }
 
+StreamLoader JobDirectory::append_file(std::string_view relative, std::string_view rotated) const {
+    const ENTRY r1x = job_entry(mRoot, relative, true);
+    int error = r1x.mDirectory.mError;
+    FileDescriptor file;
+    if (r1x.ok()) {
+        const int dir = r1x.mDirectory.mFd.get();
+        const String<char> old(rotated);
+        struct stat st;
+        const bool present = ::fstatat(dir, r1x.mName.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+        if (present && !S_ISREG(st.st_mode))
+            error = type_refusal(st);
+        else if (!rotated.empty() && (old == "." || old == ".." || old.find_first_of("/\\") != String<char>::npos))
+            error = REFUSED_NAME;
+        else if (present && !rotated.empty() && ::renameat(dir, r1x.mName.c_str(), dir, old.c_str()) != 0)
+            error = errno;
+        else
+            error = open_regular(r1x, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK, file, st);
+    }
+    // Told as the file layer tells a file it cannot open; a link or
+    // other refusal on the way names the component refused.
+    if (error != 0)
+        report_error("open", r1x.ok() || r1x.mDirectory.mFailed == mRoot ? path(relative) : r1x.mDirectory.mFailed, error);
+    const bool r2x = error == 0;
+    _DYNAMIC_ASSERT_(r2x);
+    (void)::fcntl(file.get(), F_SETFL, ::fcntl(file.get(), F_GETFL) & ~O_NONBLOCK);
+    return StreamLoader::adopt(file.release(), path(relative));
+}
+
 void JobDirectory::erase_file(std::string_view relative) const {
     const ENTRY r1x = job_entry(mRoot, relative, false);
     if (r1x.ok())

@@ -90,6 +90,7 @@ private:
 // "<operation> : <path> : <reason>" on the line before the assertion that
 // ends the caller's work.
 class FileWriter;
+class StreamLoader;
 
 class JobDirectory {
 public:
@@ -166,6 +167,11 @@ public:
 
     // Makes the directory and its missing parents, each a real directory.
     void build_directory(std::string_view relative) const;
+    // Opens a regular file of the job for appending, made (with its missing
+    // directories) when absent; a link, a FIFO or anything else under the
+    // name is refused. With `rotated` (a file name), an existing file is
+    // first renamed to that name in the same directory, replacing it.
+    StreamLoader append_file(std::string_view relative, std::string_view rotated = {}) const;
     // Removes a name (a link itself, never its target); a missing name is fine.
     void erase_file(std::string_view relative) const;
 

@@ -881,6 +881,35 @@ Array<JobDirectory::LISTED> JobDirectory::list_entries(std::string_view relative
     return r1x;
 }
 
+// The name is checked (no reparse point, no directory) before it is
+// rotated and opened; the walked directories are held open meanwhile.
+StreamLoader JobDirectory::append_file(std::string_view relative, std::string_view rotated) const {
+    const ENTRY r1x = job_entry(mRoot, relative, true);
+    int error = r1x.mDirectory.mError;
+    if (r1x.ok()) {
+        const String<char> old(rotated);
+        const DWORD attributes = ::GetFileAttributesA(r1x.path().c_str());
+        const bool present = attributes != INVALID_FILE_ATTRIBUTES;
+        if (present && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0)
+            error = REFUSED_LINK;
+        else if (present && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
+            error = REFUSED_SPECIAL;
+        else if (!rotated.empty() && (old == "." || old == ".." || old.find_first_of("/\\") != String<char>::npos))
+            error = REFUSED_NAME;
+        else if (present && !rotated.empty() &&
+                 !::MoveFileExA(r1x.path().c_str(), FileSystemProc::join_path(r1x.mDirectory.mFailed, old).c_str(),
+                                MOVEFILE_REPLACE_EXISTING))
+            error = refusal(r1x.path(), last_error());
+    }
+    // Told as the file layer tells a file it cannot open; a link or
+    // other refusal on the way names the component refused.
+    if (error != 0)
+        report_error("open", r1x.ok() || r1x.mDirectory.mFailed == mRoot ? path(relative) : r1x.mDirectory.mFailed, error);
+    const bool r2x = error == 0;
+    _DYNAMIC_ASSERT_(r2x);
+    return StreamLoader::open_write(r1x.path());
+}
+
 void JobDirectory::erase_file(std::string_view relative) const {
     const ENTRY r1x = job_entry(mRoot, relative, false);
     int error = 0;

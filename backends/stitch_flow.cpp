@@ -114,43 +114,48 @@ void flow_blend(const cv::Mat &upper, const cv::Mat &lower, double gain, const c
     const int h = upper.rows, w = upper.cols;
     cv::Mat map_up(h, w, CV_32FC2), map_down(h, w, CV_32FC2);
     constexpr float NOISE2 = FLOW_NOISE * FLOW_NOISE;
-    for (int y = 0; y < h; ++y) {
-        const float *pw = weight.ptr<float>(y);
-        const auto *pf = flow.ptr<cv::Vec2f>(y + PAD) + PAD;
-        auto *mu = map_up.ptr<cv::Vec2f>(y);
-        auto *md = map_down.ptr<cv::Vec2f>(y);
-        const float py = float(y + PAD);
-        for (int x = 0; x < w; ++x) {
-            const float px = float(x + PAD);
-            const float length2 = pf[x][0] * pf[x][0] + pf[x][1] * pf[x][1];
-            if (length2 <= NOISE2) {
-                mu[x] = md[x] = cv::Vec2f(px, py);
-                continue;
+    // Every pixel on its own: the same result on any split into stripes.
+    cv::parallel_for_(cv::Range(0, h), [&](const cv::Range &rows) {
+        for (int y = rows.start; y < rows.end; ++y) {
+            const float *pw = weight.ptr<float>(y);
+            const auto *pf = flow.ptr<cv::Vec2f>(y + PAD) + PAD;
+            auto *mu = map_up.ptr<cv::Vec2f>(y);
+            auto *md = map_down.ptr<cv::Vec2f>(y);
+            const float py = float(y + PAD);
+            for (int x = 0; x < w; ++x) {
+                const float px = float(x + PAD);
+                const float length2 = pf[x][0] * pf[x][0] + pf[x][1] * pf[x][1];
+                if (length2 <= NOISE2) {
+                    mu[x] = md[x] = cv::Vec2f(px, py);
+                    continue;
+                }
+                const float keep = 1.0f - FLOW_NOISE / std::sqrt(length2);
+                const float fx = keep * pf[x][0], fy = keep * pf[x][1];
+                const float t = warp_share(pw[x]);
+                mu[x] = cv::Vec2f(px - (1 - t) * fx, py - (1 - t) * fy);
+                md[x] = cv::Vec2f(px + t * fx, py + t * fy);
             }
-            const float keep = 1.0f - FLOW_NOISE / std::sqrt(length2);
-            const float fx = keep * pf[x][0], fy = keep * pf[x][1];
-            const float t = warp_share(pw[x]);
-            mu[x] = cv::Vec2f(px - (1 - t) * fx, py - (1 - t) * fy);
-            md[x] = cv::Vec2f(px + t * fx, py + t * fy);
         }
-    }
+    });
     cv::Mat moved_up, moved_down;
     cv::remap(up_pad, moved_up, map_up, cv::noArray(), cv::INTER_LINEAR, cv::BORDER_REPLICATE);
     cv::remap(down_pad, moved_down, map_down, cv::noArray(), cv::INTER_LINEAR, cv::BORDER_REPLICATE);
     // The blend of compose, to the bit.
     out.create(h, w, CV_8UC3);
     const float g = float(gain);
-    for (int y = 0; y < h; ++y) {
-        const float *pw = weight.ptr<float>(y);
-        const auto *pu = moved_up.ptr<unsigned char>(y);
-        const auto *pl = moved_down.ptr<unsigned char>(y);
-        auto *po = out.ptr<unsigned char>(y);
-        for (int x = 0; x < w; ++x)
-            for (int c = 0; c < 3; ++c) {
-                const float l = std::min(255.0f, g * pl[3 * x + c]);
-                po[3 * x + c] = cv::saturate_cast<unsigned char>(pw[x] * pu[3 * x + c] + (1 - pw[x]) * l);
-            }
-    }
+    cv::parallel_for_(cv::Range(0, h), [&](const cv::Range &rows) {
+        for (int y = rows.start; y < rows.end; ++y) {
+            const float *pw = weight.ptr<float>(y);
+            const auto *pu = moved_up.ptr<unsigned char>(y);
+            const auto *pl = moved_down.ptr<unsigned char>(y);
+            auto *po = out.ptr<unsigned char>(y);
+            for (int x = 0; x < w; ++x)
+                for (int c = 0; c < 3; ++c) {
+                    const float l = std::min(255.0f, g * pl[3 * x + c]);
+                    po[3 * x + c] = cv::saturate_cast<unsigned char>(pw[x] * pu[3 * x + c] + (1 - pw[x]) * l);
+                }
+        }
+    });
 }
 
 void compose_flow(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lower, double gain, cv::Mat &out) {

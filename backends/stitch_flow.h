@@ -48,9 +48,12 @@ struct FLOW_SETTINGS {
 
 // The seam of every stitched panorama: quarter resolution, fast.
 inline constexpr FLOW_SETTINGS SEAM_FLOW{4, 8, 4, 16, 5, 0};
-// The re-alignment of a repaired region: full resolution, denser patches,
-// more refinement and 64 pixels of context on every side.
-inline constexpr FLOW_SETTINGS REPAIR_FLOW{1, 8, 3, 25, 10, 64};
+// The re-alignment of a repaired region: twice the seam's resolution and
+// 64 pixels of context on every side. Full resolution with denser patches
+// and more refinement gains 0.03 dB on a 512 x 512 region of a 4096-wide
+// panorama (0.35 dB on the small regions of a 1024-wide one) at about three
+// times the region's flow time.
+inline constexpr FLOW_SETTINGS REPAIR_FLOW{2, 8, 4, 16, 5, 64};
 
 // The flow-aligned blend of one piece of the panorama: `upper` and `lower`
 // the two views (CV_8UC3, black where a lens does not see), the lower one

@@ -127,17 +127,16 @@ void remap_rows(const cv::Mat &capture, const cv::Mat &map1, const cv::Mat &map2
 
 } // namespace
 
-double match_exposure(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lower, double &difference) {
-    difference = 0;
-    const int a = maps.band_begin(), b = maps.band_end();
-    if (b <= a)
-        return 1;
-    cv::Mat up(b - a, maps.mWidth, CV_8UC3), down(b - a, maps.mWidth, CV_8UC3);
-    remap_rows(upper, maps.mUpperMap1, maps.mUpperMap2, 0, a, b, up);
-    remap_rows(lower, maps.mLowerMap1, maps.mLowerMap2, maps.mLowerBegin, a, b, down);
-    cv::Mat up_grey, down_grey;
-    cv::cvtColor(up, up_grey, cv::COLOR_BGR2GRAY);
-    cv::cvtColor(down, down_grey, cv::COLOR_BGR2GRAY);
+namespace {
+
+// The gain of the lower lens's view of the band against the upper one's
+// (match_exposure).
+double exposure_of_views(const PanoramaMaps &maps, const cv::Mat &up, const cv::Mat &down, double &difference) {
+    cv::Mat up_grey = up, down_grey = down;
+    if (up.channels() == 3)
+        cv::cvtColor(up, up_grey, cv::COLOR_BGR2GRAY);
+    if (down.channels() == 3)
+        cv::cvtColor(down, down_grey, cv::COLOR_BGR2GRAY);
     double su = 0, sl = 0;
     for (int y = 0; y < up_grey.rows; ++y) {
         const auto *pu = up_grey.ptr<unsigned char>(y);
@@ -165,6 +164,19 @@ double match_exposure(const PanoramaMaps &maps, const cv::Mat &upper, const cv::
     }
     difference = count ? sum / double(count) : 0;
     return gain;
+}
+
+} // namespace
+
+double match_exposure(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lower, double &difference) {
+    difference = 0;
+    const int a = maps.band_begin(), b = maps.band_end();
+    if (b <= a)
+        return 1;
+    cv::Mat up(b - a, maps.mWidth, upper.type()), down(b - a, maps.mWidth, lower.type());
+    remap_rows(upper, maps.mUpperMap1, maps.mUpperMap2, 0, a, b, up);
+    remap_rows(lower, maps.mLowerMap1, maps.mLowerMap2, maps.mLowerBegin, a, b, down);
+    return exposure_of_views(maps, up, down, difference);
 }
 
 void band_views(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lower, double gain, cv::Mat &up,

@@ -45,8 +45,10 @@ PanoramaMaps build_maps(const LENS_TABLE &upper, const LENS_TABLE &lower, int wi
 // The gain that brings the lower lens to the upper lens's exposure, from the
 // pixels both see in a panorama of the maps' size: the ratio of their grey
 // sums over pixels neither clipped nor near black (1 when there are none),
-// kept within [1/4, 4]. `difference` receives the mean absolute grey
-// difference over the overlap after the gain (0 without overlap).
+// kept within [1/4, 4]. The captures are colour (CV_8UC3, compared by
+// their grey levels) or grey levels already (CV_8UC1, a JPEG's luminance).
+// `difference` receives the mean absolute grey difference over the overlap
+// after the gain (0 without overlap).
 double match_exposure(const PanoramaMaps &maps, const cv::Mat &upper, const cv::Mat &lower, double &difference);
 
 // The two lenses' views of the band rows (band_end () - band_begin () rows

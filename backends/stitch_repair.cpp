@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 namespace zarn_stitch {
 
@@ -27,13 +28,20 @@ constexpr short UNSEEN_BELOW = -8;
 
 // --- The two lenses over a rectangle of the panorama.
 
+// A capture's pixels, or the part of them from mOrigin on (capture
+// coordinates) that the regions sample.
+struct LENS_PIXELS {
+    cv::Mat mPixels;
+    cv::Point mOrigin;
+};
+
 struct VIEWS {
     cv::Mat mUp, mDown;           // CV_8UC3, the lower one before the gain; black where unseen
     cv::Mat mUpSees, mDownSees;   // CV_8UC1, 255 where the lens sees the pixel
     cv::Mat mWeight;              // CV_32FC1, the upper lens's share as compose gives it
 };
 
-void lens_view(const cv::Mat &capture, const cv::Mat &map1, const cv::Mat &map2, int origin, int rows_end,
+void lens_view(const LENS_PIXELS &capture, const cv::Mat &map1, const cv::Mat &map2, int origin, int rows_end,
                const cv::Rect &r, cv::Mat &view, cv::Mat &sees) {
     view = cv::Mat::zeros(r.size(), CV_8UC3);
     sees = cv::Mat::zeros(r.size(), CV_8UC1);
@@ -42,7 +50,14 @@ void lens_view(const cv::Mat &capture, const cv::Mat &map1, const cv::Mat &map2,
         return;
     const cv::Rect in_map(r.x, first - origin, r.width, last - first);
     cv::Mat part = view.rowRange(first - r.y, last - r.y);
-    cv::remap(capture, part, map1(in_map), map2(in_map), cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar::all(0));
+    // The tables are shared: a part of a capture gets shifted copies.
+    cv::Mat table = map1(in_map);
+    if (capture.mOrigin != cv::Point()) {
+        cv::Mat shifted;
+        cv::subtract(table, cv::Scalar(capture.mOrigin.x, capture.mOrigin.y), shifted);
+        table = shifted;
+    }
+    cv::remap(capture.mPixels, part, table, map2(in_map), cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar::all(0));
     for (int y = 0; y < in_map.height; ++y) {
         const auto *m = map1.ptr<cv::Vec2s>(in_map.y + y) + in_map.x;
         auto *s = sees.ptr<unsigned char>(first - r.y + y);
@@ -51,7 +66,7 @@ void lens_view(const cv::Mat &capture, const cv::Mat &map1, const cv::Mat &map2,
     }
 }
 
-VIEWS views(const PanoramaMaps &m, const cv::Mat &upper, const cv::Mat &lower, const cv::Rect &r) {
+VIEWS views(const PanoramaMaps &m, const LENS_PIXELS &upper, const LENS_PIXELS &lower, const cv::Rect &r) {
     VIEWS v;
     lens_view(upper, m.mUpperMap1, m.mUpperMap2, 0, m.mUpperEnd, r, v.mUp, v.mUpSees);
     lens_view(lower, m.mLowerMap1, m.mLowerMap2, m.mLowerBegin, m.mHeight, r, v.mDown, v.mDownSees);
@@ -120,8 +135,8 @@ int automatic(const VIEWS &v, double gain) {
 }
 
 // The pixels of rectangle r by a method.
-cv::Mat render(const PanoramaMaps &m, const cv::Mat &upper, const cv::Mat &lower, double gain, const cv::Rect &r,
-               const cv::Rect &measured, int method) {
+cv::Mat render(const PanoramaMaps &m, const LENS_PIXELS &upper, const LENS_PIXELS &lower, double gain,
+               const cv::Rect &r, const cv::Rect &measured, int method) {
     if (method == Lib::REPAIR_AUTO) {
         const VIEWS v = views(m, upper, lower, measured);
         method = automatic(v, gain);
@@ -321,6 +336,143 @@ struct MALLOCED {
     ~MALLOCED() { std::free(mBytes); }
 };
 
+// --- Captures decoded only where the regions need them.
+
+// A JPEG capture of one bracket is decoded in part: the rows and columns
+// the regions sample (their footprint) in colour, and its luminance alone
+// (no chroma, no colour conversion) for the lower lens's gain, which the
+// whole band of both lenses decides.
+// Capture pixels decoded around a footprint.
+constexpr int FOOTPRINT_MARGIN = 16;
+// Pixels of room beyond a cropped decode's rows.
+constexpr int CROP_SLACK = 64;
+// A decode that this path leaves to the whole one (not a JPEG, or not of
+// a colour space it reads as BGR).
+constexpr int NOT_HERE = -1;
+
+// The capture pixels the panorama rectangle r samples through one lens's
+// tables (each entry and its right and lower neighbours), grown by
+// FOOTPRINT_MARGIN; empty when the lens sees none of r.
+cv::Rect footprint(const cv::Mat &map1, int origin, int rows_end, const cv::Rect &r) {
+    const int first = std::max(r.y, origin), last = std::min(r.y + r.height, rows_end);
+    if (last <= first || map1.empty())
+        return {};
+    int x0 = std::numeric_limits<int>::max(), y0 = x0, x1 = std::numeric_limits<int>::min(), y1 = x1;
+    for (int y = first; y < last; ++y) {
+        const auto *m = map1.ptr<cv::Vec2s>(y - origin) + r.x;
+        for (int x = 0; x < r.width; ++x)
+            if (m[x][0] > UNSEEN_BELOW && m[x][1] > UNSEEN_BELOW) {
+                x0 = std::min<int>(x0, m[x][0]);
+                x1 = std::max<int>(x1, m[x][0]);
+                y0 = std::min<int>(y0, m[x][1]);
+                y1 = std::max<int>(y1, m[x][1]);
+            }
+    }
+    if (x1 < x0)
+        return {};
+    return cv::Rect(x0 - FOOTPRINT_MARGIN, y0 - FOOTPRINT_MARGIN, x1 - x0 + 2 + 2 * FOOTPRINT_MARGIN,
+                    y1 - y0 + 2 + 2 * FOOTPRINT_MARGIN);
+}
+
+struct READER {
+    jpeg_decompress_struct mInfo{};
+    JPEG_ERROR mError{};
+    bool mMade = false;
+    ~READER() {
+        if (mMade)
+            jpeg_destroy_decompress(&mInfo);
+    }
+};
+
+// Decodes a JPEG capture of the lens's size: with `grey`, its luminance
+// whole into `out.mPixels`; otherwise the pixels of `box` (its columns
+// widened to the blocks') from `out.mOrigin` on: the rows above are only
+// entropy-decoded, the columns beside not transformed. Returns a RESULT, or
+// NOT_HERE.
+int decode_jpeg(const std::vector<unsigned char> &bytes, const LENS_TABLE &lens, bool grey, cv::Rect box,
+                LENS_PIXELS &out) {
+    if (bytes.size() < 3 || bytes[0] != 0xFF || bytes[1] != 0xD8 || bytes[2] != 0xFF)
+        return NOT_HERE;
+    READER r;
+    r.mInfo.err = jpeg_std_error(&r.mError.mManager);
+    r.mError.mManager.error_exit = jump_out;
+    r.mError.mManager.emit_message = silent;
+    if (setjmp(r.mError.mJump))
+        return Lib::KIVO_BAD_INPUT;
+    jpeg_create_decompress(&r.mInfo);
+    r.mMade = true;
+    jpeg_mem_src(&r.mInfo, bytes.data(), static_cast<unsigned long>(bytes.size()));
+    if (jpeg_read_header(&r.mInfo, TRUE) != JPEG_HEADER_OK)
+        return Lib::KIVO_BAD_INPUT;
+    if (int(r.mInfo.image_width) != lens.mWidth || int(r.mInfo.image_height) != lens.mHeight)
+        return Lib::KIVO_INPUT_MISMATCH;
+    const bool colour = r.mInfo.jpeg_color_space == JCS_YCbCr && r.mInfo.num_components == 3;
+    if (!colour && r.mInfo.jpeg_color_space != JCS_GRAYSCALE)
+        return NOT_HERE;
+    r.mInfo.out_color_space = grey ? JCS_GRAYSCALE : JCS_EXT_BGR;
+    jpeg_start_decompress(&r.mInfo);
+    out.mOrigin = cv::Point();
+    if (grey) {
+        out.mPixels.create(int(r.mInfo.output_height), int(r.mInfo.output_width), CV_8UC1);
+        while (r.mInfo.output_scanline < r.mInfo.output_height) {
+            JSAMPROW row = out.mPixels.ptr<unsigned char>(int(r.mInfo.output_scanline));
+            jpeg_read_scanlines(&r.mInfo, &row, 1);
+        }
+    } else {
+        box &= cv::Rect(0, 0, lens.mWidth, lens.mHeight);
+        if (box.empty()) {
+            out.mPixels = cv::Mat::zeros(1, 1, CV_8UC3);
+        } else {
+            auto x = static_cast<JDIMENSION>(box.x), width = static_cast<JDIMENSION>(box.width);
+            jpeg_crop_scanline(&r.mInfo, &x, &width); // widened to the block columns
+            out.mOrigin = cv::Point(int(x), box.y);
+            // The decoder may write past the cropped width (whole blocks,
+            // its upsampling's context): rows as wide as the capture's and
+            // more, and a spare row below.
+            const cv::Mat rows(box.height + 1, lens.mWidth + CROP_SLACK, CV_8UC3);
+            out.mPixels = rows(cv::Rect(0, 0, int(width), box.height));
+            if (box.y > 0)
+                jpeg_skip_scanlines(&r.mInfo, static_cast<JDIMENSION>(box.y));
+            while (r.mInfo.output_scanline < static_cast<JDIMENSION>(box.y + box.height)) {
+                JSAMPROW row = out.mPixels.ptr<unsigned char>(int(r.mInfo.output_scanline) - box.y);
+                jpeg_read_scanlines(&r.mInfo, &row, 1);
+            }
+        }
+    }
+    jpeg_abort_decompress(&r.mInfo);
+    return Lib::KIVO_OK;
+}
+
+// The two captures of one bracket, decoded where the regions sample them,
+// and the gain from their luminance; NOT_HERE when either is not a
+// JPEG this path reads (the whole path then decodes both).
+int read_footprints(const PanoramaMaps &m, const Stitcher &stitcher, const LENS_TABLE *const lenses[2],
+                    const char *const paths[2], const std::vector<cv::Rect> &rects, LENS_PIXELS fused[2],
+                    double &gain) {
+    std::vector<unsigned char> bytes[2];
+    for (int lens = 0; lens < 2; ++lens) {
+        std::error_code ec;
+        if (!fs::is_regular_file(paths[lens], ec) || !zarn_backend::read_path(paths[lens], bytes[lens], MAX_PANORAMA_BYTES))
+            return Lib::KIVO_BAD_INPUT;
+    }
+    LENS_PIXELS luminance[2];
+    for (int lens = 0; lens < 2; ++lens)
+        if (const int r = decode_jpeg(bytes[lens], *lenses[lens], true, {}, luminance[lens]); r != Lib::KIVO_OK)
+            return r;
+    for (int lens = 0; lens < 2; ++lens) {
+        const cv::Mat &map1 = lens ? m.mLowerMap1 : m.mUpperMap1;
+        const int origin = lens ? m.mLowerBegin : 0, end = lens ? m.mHeight : m.mUpperEnd;
+        cv::Rect box;
+        for (const cv::Rect &r : rects)
+            box |= footprint(map1, origin, end, r);
+        if (const int r = decode_jpeg(bytes[lens], *lenses[lens], false, box, fused[lens]); r != Lib::KIVO_OK)
+            return r;
+    }
+    double difference = 0;
+    gain = stitcher.exposure_gain(luminance[0].mPixels, luminance[1].mPixels, difference);
+    return Lib::KIVO_OK;
+}
+
 } // namespace
 
 int repair_panorama(const Stitcher &stitcher, const std::vector<const char *> &upper,
@@ -368,23 +520,49 @@ int repair_panorama(const Stitcher &stitcher, const std::vector<const char *> &u
             return Lib::KIVO_INPUT_MISMATCH;
     }
 
-    // The captures, fused, and the gain the stitcher gives them.
-    cv::Mat fused[2];
-    const std::vector<const char *> *paths[2] = {&upper, &lower};
-    std::vector<CAPTURE> captures[2];
-    for (int lens = 0; lens < 2; ++lens) {
-        captures[lens].resize(paths[lens]->size());
-        std::vector<cv::Mat> exposures;
-        for (std::size_t i = 0; i < captures[lens].size(); ++i) {
-            if (const int r = read_capture((*paths[lens])[i], *lenses[lens], captures[lens][i]); r != Lib::KIVO_OK)
-                return r;
-            exposures.push_back(captures[lens][i].mPixels);
-        }
-        fused[lens] = fuse(exposures);
+    // Each region as it is rendered: grown to the block grid, with the
+    // flow's context around it.
+    const int mcu_w = blocks ? 8 * source.mInfo.max_h_samp_factor : 1;
+    const int mcu_h = blocks ? 8 * source.mInfo.max_v_samp_factor : 1;
+    std::vector<cv::Rect> grown, sampled;
+    for (const REGION &r : todo) {
+        const int x0 = r.mRect.x / mcu_w * mcu_w, y0 = r.mRect.y / mcu_h * mcu_h;
+        const int x1 = std::min(size[0], (r.mRect.x + r.mRect.width + mcu_w - 1) / mcu_w * mcu_w);
+        const int y1 = std::min(size[1], (r.mRect.y + r.mRect.height + mcu_h - 1) / mcu_h * mcu_h);
+        grown.emplace_back(x0, y0, x1 - x0, y1 - y0);
+        const int c = REPAIR_FLOW.mContext;
+        sampled.push_back(cv::Rect(x0 - c, y0 - c, x1 - x0 + 2 * c, y1 - y0 + 2 * c) & cv::Rect(0, 0, size[0], size[1]));
     }
-    double difference = 0;
-    const double gain = stitcher.exposure_gain(fused[0], fused[1], difference);
     const std::shared_ptr<const PanoramaMaps> maps = stitcher.maps(size[0], size[1]);
+
+    // The captures, fused, and the gain the stitcher gives them: a single
+    // JPEG bracket decoded only where the regions sample it, anything else
+    // decoded whole.
+    LENS_PIXELS fused[2];
+    double gain = 1;
+    std::vector<CAPTURE> captures[2];
+    int read = NOT_HERE;
+    if (upper.size() == 1) {
+        const char *const pair[2] = {upper[0], lower[0]};
+        read = read_footprints(*maps, stitcher, lenses, pair, sampled, fused, gain);
+        if (read != Lib::KIVO_OK && read != NOT_HERE)
+            return read;
+    }
+    if (read == NOT_HERE) {
+        const std::vector<const char *> *paths[2] = {&upper, &lower};
+        for (int lens = 0; lens < 2; ++lens) {
+            captures[lens].resize(paths[lens]->size());
+            std::vector<cv::Mat> exposures;
+            for (std::size_t i = 0; i < captures[lens].size(); ++i) {
+                if (const int r = read_capture((*paths[lens])[i], *lenses[lens], captures[lens][i]); r != Lib::KIVO_OK)
+                    return r;
+                exposures.push_back(captures[lens][i].mPixels);
+            }
+            fused[lens].mPixels = fuse(exposures);
+        }
+        double difference = 0;
+        gain = stitcher.exposure_gain(fused[0].mPixels, fused[1].mPixels, difference);
+    }
 
     if (!blocks) {
         cv::Mat pixels = ImageProc::mat(whole);
@@ -397,16 +575,11 @@ int repair_panorama(const Stitcher &stitcher, const std::vector<const char *> &u
     }
 
     // Each region grown to the MCU grid, rendered, encoded and pasted.
-    const int mcu_w = 8 * source.mInfo.max_h_samp_factor, mcu_h = 8 * source.mInfo.max_v_samp_factor;
-    for (const REGION &r : todo) {
-        const int x0 = r.mRect.x / mcu_w * mcu_w, y0 = r.mRect.y / mcu_h * mcu_h;
-        const int x1 = std::min(size[0], (r.mRect.x + r.mRect.width + mcu_w - 1) / mcu_w * mcu_w);
-        const int y1 = std::min(size[1], (r.mRect.y + r.mRect.height + mcu_h - 1) / mcu_h * mcu_h);
-        const cv::Rect grown(x0, y0, x1 - x0, y1 - y0);
-        const cv::Mat tile = render(*maps, fused[0], fused[1], gain, grown, r.mRect, r.mMethod);
+    for (std::size_t i = 0; i < todo.size(); ++i) {
+        const cv::Mat tile = render(*maps, fused[0], fused[1], gain, grown[i], todo[i].mRect, todo[i].mMethod);
         MALLOCED encoded;
         if (!encode_tile(source.mInfo, tile, encoded.mBytes, encoded.mSize) ||
-            !paste_tile(source, encoded.mBytes, encoded.mSize, x0 / mcu_w, y0 / mcu_h))
+            !paste_tile(source, encoded.mBytes, encoded.mSize, grown[i].x / mcu_w, grown[i].y / mcu_h))
             return Lib::KIVO_BAD_INPUT;
     }
     MALLOCED repaired;

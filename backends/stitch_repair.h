@@ -19,7 +19,7 @@
 //                 not, the other lens (the lower one through its gain);
 //                 black where neither does.
 //   flow:         the flow-aligned blend (stitch_flow.h) with REPAIR_FLOW:
-//                 full resolution, denser patches, 64 pixels of context.
+//                 half resolution, 64 pixels of context.
 //   auto:         flow when both lenses see at least a quarter of the
 //                 region and their mean grey difference there (after the
 //                 gain) is above AUTO_DISAGREEMENT grey levels; otherwise
@@ -27,6 +27,15 @@
 //                 larger (the upper one at a tie).
 // Regions are rendered in order; where grown regions overlap, the later one
 // is kept.
+//
+// Captures of one bracket that are JPEGs (YCbCr or grey) are decoded only
+// where the regions sample them: per lens, the bounding box of the grown
+// regions' tables (with the flow's context) plus 16 pixels, its rows above
+// skipped and its columns cropped (libjpeg-turbo), and, for the gain, the
+// luminance of the whole capture. The regions then come out as from whole
+// decodes, but for the flow's resampling (a level at most where a
+// neighbour's grey level rounds differently). Brackets, and other formats,
+// are decoded whole.
 
 #include "stitch_core.h"
 

@@ -56,9 +56,9 @@ namespace fs = std::filesystem;
 using namespace ZARN::Host;
 
 constexpr const char *USAGE = R"(usage:
-  zarn run [--process NAME]... [--libs DIR] [--log DIR] [--module FILE]
-           [--no-wait] [--verbose] [--time-limit SECONDS] [--force] [-j N]
-           WORKDIR...
+  zarn run [--process NAME]... [--libs DIR] [--log DIR] [--log-in-job]
+           [--module FILE] [--no-wait] [--verbose] [--time-limit SECONDS]
+           [--force] [-j N] WORKDIR...
   zarn status [--json] WORKDIR... | --from FILE
   zarn submit [--partition P] [--cpus N] [--mem SIZE] [--time T]
               [--max-parallel K] [--process NAME]... [--libs DIR] [--into DIR]
@@ -82,6 +82,9 @@ list     prints the nine process names in the default order
 --log DIR      writes the console log to DIR/console.log (the previous one is
                kept as console.old.log); with -j N above 1 each job's own log
                goes to DIR/<job name>/console.log
+--log-in-job   keeps each job's own console log in the job, in
+               caches/logs/console.log (the previous one is kept as
+               caches/logs/console.old.log)
 --module FILE  the module to load (default: ../lib/libZARN_Velda.so next to
                this program)
 --no-wait      fail at once when another run holds a job's lock, instead of
@@ -152,6 +155,7 @@ struct Options {
     bool no_wait = false;
     bool verbose = false;
     bool force = false;
+    bool log_in_job = false;
     std::int64_t time_limit = -1; // seconds; negative: the settings decide
     std::int64_t parallel = 1;    // jobs at once
     std::vector<std::string> workdirs;
@@ -196,6 +200,8 @@ Options parse(int argc, char **argv) {
             value(o.libs);
         } else if (a == "--log" && o.command == "run") {
             value(o.log);
+        } else if (a == "--log-in-job" && o.command == "run") {
+            o.log_in_job = true;
         } else if (a == "--module" && o.command == "run") {
             value(o.module);
         } else if (a == "--no-wait" && o.command == "run") {
@@ -388,7 +394,11 @@ struct JOB {
     std::string mWorkdir;
     std::string mLabel;
     std::string mLog;
+    bool mLogInJob = false; // the log is the job's own "caches/logs/console.log"
 };
+
+// Where a job keeps its own console log (with --log-in-job).
+constexpr std::string_view JOB_LOG_FOLDER = "caches/logs";
 
 // What the console of a job's child says that its run record keeps: the
 // module's build stamp from a banner ("BUILD-TIME = <stamp>") and the last
@@ -440,8 +450,9 @@ private:
 // process fails that process, as its own first write into the job would.
 int run_job(const JOB &job, const Factories &factories, int pipe, std::int64_t time_limit, RUN_RECORD record) {
     auto &console = ORN::console();
-    if (!job.mLog.empty()) {
+    if (!job.mLog.empty() || job.mLogInJob)
         console.detach_log();
+    if (!job.mLog.empty()) {
         try {
             console.attach_log(job.mLog);
         } catch (const std::exception &e) {
@@ -462,6 +473,12 @@ int run_job(const JOB &job, const Factories &factories, int pipe, std::int64_t t
         const ORN::TimePoint started = ORN::TimePoint::now();
         const auto keep_stamp = [&] { record.mBuild = watch.stamp(); };
         try {
+            // The job's own log, reached like every file of the job: a log
+            // that cannot be kept there (a link, a FIFO) fails the job's
+            // first process with the file layer's line, before anything
+            // else of the job is touched.
+            if (i == 0 && job.mLogInJob)
+                console.attach_log(ORN::JobDirectory(job.mWorkdir), JOB_LOG_FOLDER);
             try {
                 save_run_record(job.mWorkdir, record);
             } catch (...) {
@@ -1004,9 +1021,10 @@ int run(const Options &o) {
     for (std::size_t i = 0; i < workdirs.size(); ++i) {
         JOB job;
         job.mWorkdir = workdirs[i];
+        job.mLogInJob = o.log_in_job;
         if (several) {
             job.mLabel = "[" + names[i] + "] ";
-            if (!log.empty())
+            if (!log.empty() && !o.log_in_job)
                 job.mLog = (fs::path(log) / names[i]).string();
         }
         jobs.push_back(std::move(job));

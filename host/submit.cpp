@@ -4,9 +4,9 @@
 //   submission.json   the options every round runs with, and its rounds
 //   jobs.txt          every job of the submission, one absolute path a line
 //   round-<r>/        one submitted round: its jobs.txt (line i is array task
-//                     i), its batch script zarn.sbatch, Slurm's output of
-//                     each task (slurm-<job>_<task>.out) and the console log
-//                     of each task (logs/<task>/console.log)
+//                     i), its batch script zarn.sbatch and Slurm's output of
+//                     each task (slurm-<job>_<task>.out)
+// Each task keeps its console log in its job, caches/logs/console.log.
 // `--again` adds a round of the jobs whose run record is not done.
 
 #include "host/submit.h"
@@ -172,7 +172,7 @@ std::string batch_script(const SUBMISSION &s, const std::string &zarn, const std
         command += " --process " + shell_word(p);
     if (!s.mLibs.empty())
         command += " --libs " + shell_word(s.mLibs);
-    command += " --log " + shell_word(round + "/logs") + "/\"$SLURM_ARRAY_TASK_ID\"";
+    command += " --log-in-job";
     return "#!/bin/sh\n"
            "# One task of a zarn submission: runs the job on line SLURM_ARRAY_TASK_ID + 1\n"
            "# of the round's job list, as `zarn run` does; its exit status is the task's.\n"
@@ -193,7 +193,7 @@ int submit_round(const std::string &folder, const SUBMISSION &s, std::vector<std
     const ORN::JobDirectory submission(folder);
     const std::string name = "round-" + std::to_string(rounds.size() + 1);
     const std::string round = folder + "/" + name;
-    submission.build_directory(name + "/logs");
+    submission.build_directory(name);
     submission.save_file(name + "/jobs.txt", list_text(jobs));
     const std::string zarn = launcher_directory() + "/zarn";
     submission.save_file(name + "/zarn.sbatch", batch_script(s, zarn, round));

@@ -178,11 +178,24 @@ std::map<std::string, std::string> contents(const fs::path &root) {
     return files;
 }
 
-TEST(ParallelRun, ThreeJobsTwoAtOnceEachOnItsShareWithItsOwnLog) {
+// A job's files as a run leaves them, less what differs from run to run by
+// design: the run record (times, process id), the fingerprints (the files'
+// identities) and the images' fresh UUIDs.
+std::map<std::string, std::string> outcome(const fs::path &job) {
+    auto files = contents(job);
+    files.erase("caches/zarn_run.json");
+    std::erase_if(files, [](const auto &file) { return starts_with(file.first, "caches/fingerprints/"); });
+    if (files.count("caches/images.json"))
+        files["caches/images.json"] =
+            std::regex_replace(files["caches/images.json"], std::regex(R"("uuid":"[^"]*")"), R"("uuid":"")");
+    return files;
+}
+
+TEST(ParallelRun, SixJobsTwoAtOnceAsAloneEachOnItsShareWithItsOwnLog) {
     TempDir root, logs;
     std::vector<fs::path> jobs, alone;
     std::string list, alone_list;
-    for (const char *name : {"a", "b", "c"}) {
+    for (const char *name : {"a", "b", "c", "d", "e", "f"}) {
         jobs.push_back(capture(root.path() / "parallel" / name));
         alone.push_back(capture(root.path() / "alone" / name));
         list += " " + jobs.back().string();
@@ -197,7 +210,7 @@ TEST(ParallelRun, ThreeJobsTwoAtOnceEachOnItsShareWithItsOwnLog) {
     for (const auto &line : lines_of(r.output)) {
         summary = summary || line == "summary :";
         if (!summary) {
-            EXPECT_TRUE(starts_with(line, "[a] ") || starts_with(line, "[b] ") || starts_with(line, "[c] ")) << line;
+            EXPECT_TRUE(std::regex_search(line, std::regex("^\\[[a-f]\\] "))) << line;
         }
     }
     const int share = (own_processors() + 1) / 2;
@@ -217,14 +230,112 @@ TEST(ParallelRun, ThreeJobsTwoAtOnceEachOnItsShareWithItsOwnLog) {
         std::smatch cores;
         ASSERT_TRUE(std::regex_search(log, cores, std::regex(", ([0-9]+) cores \\(affinity\\)"))) << log;
         EXPECT_LE(std::stoi(cores[1].str()), std::max(share, 1)) << log;
-        // The panoramas are those of the same job run alone.
-        EXPECT_EQ(contents(jobs[i] / "caches/images"), contents(alone[i] / "caches/images")) << name;
-        EXPECT_FALSE(contents(jobs[i] / "caches/images").empty());
+        // Every file the run made is, byte for byte, that of the same job
+        // run alone.
+        EXPECT_EQ(outcome(jobs[i]), outcome(alone[i])) << name;
+        EXPECT_EQ(contents(jobs[i] / "caches/images").size(), 1u);
     }
     EXPECT_TRUE(contains(read_file(logs / "console.log"), "][PRINT] : [b] StitchMainProcess:\n"));
     const auto usage = zarn("run -j 0 " + jobs[0].string());
     EXPECT_EQ(usage.status, 2);
     EXPECT_EQ(usage.output, "zarn: -j needs a whole number of jobs, at least 1, not 0\n");
+}
+
+// A job whose only work is one call of the reconstruction library (which
+// ZARN_BACKEND_HANG=run_velda_main makes hang).
+fs::path reconstruction_job(const fs::path &job) {
+    fs::create_directories(job / "images");
+    for (const char *image : {"point_000_down.png", "point_000_up.png"})
+        fs::copy_file(fs::path(ZARN_SOURCE_DIR) / "examples/sample-job/images" / image, job / "images" / image);
+    write_file(job / "caches/split_data.json", R"({"VeldaMainProcess":{"Common":{"velda_type":"indoor"}}})");
+    return job;
+}
+
+TEST(ParallelRun, AStopSignalEndsBothRunningJobsAndStartsNoOther) {
+    TempDir root, logs;
+    std::vector<fs::path> jobs;
+    std::string list;
+    for (const char *name : {"a", "b", "c", "d"}) {
+        jobs.push_back(reconstruction_job(root.path() / name));
+        list += " " + quote(jobs.back().string());
+    }
+    const std::string pid = root / "pid", status = root / "status", out = root / "out";
+    ASSERT_EQ(run("(env NO_COLOR=1 ZARN_BACKEND_HANG=run_velda_main " + quote(ZARN) +
+                  " run -j 2 --process VeldaMainProcess --libs " + quote(BACKENDS) + " --log " + logs.str() + list +
+                  " > " + quote(out) + " 2>&1 & echo $! > " + quote(pid) + "; wait $!; echo $? > " + quote(status) +
+                  ") > /dev/null 2>&1 &")
+                  .status,
+              0);
+    // Once both running jobs hang, the launcher is sent SIGTERM.
+    auto hanging = [&](const fs::path &job) {
+        return contains(read_file(logs.path() / job.filename() / "console.log"), "run_velda_main : hanging");
+    };
+    for (int i = 0; i < 600 && !(hanging(jobs[0]) && hanging(jobs[1])); ++i)
+        ::usleep(100000);
+    ASSERT_TRUE(hanging(jobs[0]) && hanging(jobs[1])) << read_file(out);
+    ASSERT_EQ(::kill(std::stoi(read_file(pid)), SIGTERM), 0);
+    for (int i = 0; i < 600 && read_file(status).empty(); ++i)
+        ::usleep(100000);
+    EXPECT_EQ(read_file(status), "143\n") << read_file(out);
+
+    const std::string output = read_file(out);
+    for (const auto &job : {jobs[0], jobs[1]}) {
+        const auto record = record_of(job);
+        EXPECT_EQ(text(record.child("state")), "interrupted") << job;
+        EXPECT_EQ(states(record), "VeldaMainProcess=interrupted") << job;
+        EXPECT_EQ(text(record.child("processes").children()[0].child("failure_line")),
+                  "zarn was sent signal 15 (Terminated) during VeldaMainProcess; the job was stopped");
+        // Its child and everything the child started are gone: the lock is free.
+        EXPECT_EQ(run("flock -n " + quote(job / "caches/job.lock") + " true").status, 0) << job;
+    }
+    for (const auto &job : {jobs[2], jobs[3]}) {
+        EXPECT_FALSE(fs::exists(job / "caches/zarn_run.json")) << job;
+        EXPECT_TRUE(contains(output, "not run : VeldaMainProcess : " + job.string() + " : ")) << output;
+    }
+}
+
+TEST(LogInJob, KeptInTheJobRotatedAndNeverThroughALinkOrAFifo) {
+    TempDir root, outside;
+    const fs::path good = capture(root.path() / "good"), file_link = capture(root.path() / "file link"),
+                   folder_link = capture(root.path() / "folder link"), fifo = capture(root.path() / "fifo");
+    const fs::path victim = outside.path() / "console.log";
+    write_file(victim, "kept\n");
+    fs::create_directories(file_link / "caches/logs");
+    fs::create_symlink(victim, file_link / "caches/logs/console.log");
+    fs::create_symlink(outside.path(), folder_link / "caches/logs");
+    fs::create_directories(fifo / "caches/logs");
+    ASSERT_EQ(::mkfifo((fifo / "caches/logs/console.log").c_str(), 0644), 0);
+    const std::string arguments = "run --log-in-job --process StitchMainProcess --libs " + quote(BACKENDS) + " ";
+    ASSERT_EQ(zarn(arguments + quote(good.string())).status, 0);
+    const auto r = zarn(arguments + quote(good.string()) + " " + quote(file_link.string()) + " " +
+                        quote(folder_link.string()) + " " + quote(fifo.string()));
+    EXPECT_EQ(r.status, 1) << r.output;
+
+    // Each run of the good job has its own log in the job, the one before
+    // kept once.
+    const std::string log = read_file(good / "caches/logs/console.log"),
+                      old = read_file(good / "caches/logs/console.old.log");
+    EXPECT_TRUE(contains(log, "][PRINT] : in " + good.string() + " (good)\n")) << log;
+    EXPECT_TRUE(contains(old, "][INFO] : all done\n")) << old;
+    EXPECT_NE(log, old);
+    EXPECT_EQ(tree(good / "caches/logs").size(), 2u);
+
+    // The refused ones fail with one line naming the file and why, and
+    // nothing outside the job is written.
+    const std::map<fs::path, std::string> refusals = {
+        {file_link, (file_link / "caches/logs/console.log").string() + " : symbolic link, not followed"},
+        {folder_link, (folder_link / "caches/logs").string() + " : symbolic link, not followed"},
+        {fifo, (fifo / "caches/logs/console.log").string() + " : not a regular file"}};
+    for (const auto &[job, reason] : refusals) {
+        EXPECT_TRUE(contains(r.output, "open : " + reason + "\nStitchMainProcess error\n")) << r.output;
+        const auto record = record_of(job);
+        EXPECT_EQ(states(record), "StitchMainProcess=failed") << job;
+        EXPECT_EQ(text(record.child("processes").children()[0].child("failure_line")), "open : " + reason);
+        EXPECT_TRUE(tree(job / "caches/images").empty()) << job;
+    }
+    EXPECT_EQ(read_file(victim), "kept\n");
+    EXPECT_EQ(tree(outside.path()).size(), 1u);
+    EXPECT_TRUE(fs::is_symlink(file_link / "caches/logs/console.log"));
 }
 
 // A private Slurm cluster (scripts/slurm-private-cluster.sh) shared by the
@@ -353,6 +464,12 @@ TEST_F(PrivateCluster, SixJobsTwoFailingThenAgainFinishesThem) {
             EXPECT_EQ(contents(jobs[i] / "caches/images"), panorama) << jobs[i];
         }
     }
+    // Each task's log is in its job; Slurm's own output stays in the
+    // submission folder.
+    EXPECT_TRUE(contains(read_file(jobs[1] / "caches/logs/console.log"), "][ERROR] : StitchMainProcess error\n"));
+    EXPECT_TRUE(contains(read_file(jobs[0] / "caches/logs/console.log"), "][INFO] : all done\n"));
+    EXPECT_TRUE(contains(read_file(folder + "/round-1/slurm-" + id + "_4.out"), "StitchMainProcess error\n"));
+    EXPECT_FALSE(fs::exists(folder + "/round-1/logs"));
     const auto status = zarn("status --from " + quote(folder + "/jobs.txt"));
     EXPECT_EQ(status.status, 1);
     EXPECT_TRUE(contains(status.output, "total : 6 jobs : 4 done, 2 failed\n")) << status.output;
@@ -380,18 +497,14 @@ TEST_F(PrivateCluster, SixJobsTwoFailingThenAgainFinishesThem) {
 }
 
 TEST_F(PrivateCluster, ACancelledTaskLeavesItsJobConsistentAndAgainCompletesIt) {
-    const fs::path job = mRoot.path() / "hung";
-    fs::create_directories(job / "images");
-    for (const char *image : {"point_000_down.png", "point_000_up.png"})
-        fs::copy_file(fs::path(ZARN_SOURCE_DIR) / "examples/sample-job/images" / image, job / "images" / image);
-    write_file(job / "caches/split_data.json", R"({"VeldaMainProcess":{"Common":{"velda_type":"indoor"}}})");
+    const fs::path job = reconstruction_job(mRoot.path() / "hung");
     const std::string folder = mRoot / "submission";
     const auto r = submit("--process VeldaMainProcess --libs " + quote(BACKENDS) + " --into " + quote(folder) + " " +
                               quote(job.string()),
                           "ZARN_BACKEND_HANG=run_velda_main");
     const std::string id = job_id(r, folder);
     ASSERT_FALSE(id.empty()) << r.output;
-    const std::string log = folder + "/round-1/logs/0/console.log";
+    const fs::path log = job / "caches/logs/console.log";
     for (int i = 0; i < 600 && !contains(read_file(log), "run_velda_main : hanging"); ++i)
         ::usleep(100000);
     ASSERT_TRUE(contains(read_file(log), "run_velda_main : hanging")) << read_file(log);
@@ -414,7 +527,7 @@ TEST_F(PrivateCluster, ACancelledTaskLeavesItsJobConsistentAndAgainCompletesIt) 
     ASSERT_FALSE(again_id.empty()) << again.output;
     wait_for(again_id);
     const auto finished = zarn("status " + quote(job.string()));
-    EXPECT_EQ(finished.status, 0) << finished.output << read_file(folder + "/round-2/logs/0/console.log");
+    EXPECT_EQ(finished.status, 0) << finished.output << read_file(log);
 }
 
 TEST(ZarnSubmit, UsageErrorsSubmitNothing) {
