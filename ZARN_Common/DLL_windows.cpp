@@ -8,12 +8,18 @@
 namespace ZARN {
 
 namespace {
-// The system's message for an error code, in the form "Error = " code " : " text.
-ORN::String<char> system_error(DWORD code) {
+// The system's message for an error code, in the form "Error = " code " : "
+// [what " : "] text. Inserts ("%1") are left as they are, never read from
+// arguments that are not there, and the message's closing line break is
+// dropped: the console ends the line itself.
+ORN::String<char> system_error(DWORD code, const ORN::String<char> &what = {}) {
     char buffer[8196] = {};
-    FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, code, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), buffer,
-                   sizeof(buffer), nullptr);
-    return "Error = " + std::to_string(code) + " : " + buffer;
+    const DWORD size = FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code,
+                                      MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), buffer, sizeof(buffer), nullptr);
+    ORN::String<char> text(buffer, size < sizeof(buffer) ? size : 0);
+    while (!text.empty() && (text.back() == '\r' || text.back() == '\n' || text.back() == ' '))
+        text.pop_back();
+    return "Error = " + std::to_string(code) + " : " + (what.empty() ? text : what + " : " + text);
 }
 } // namespace
 
@@ -29,7 +35,8 @@ public:
             if (result == nullptr)
                 result = LoadLibraryA(path.c_str());
             if (result == nullptr) {
-                ORN::console().error(system_error(GetLastError()));
+                // Named as the loader of the Linux form names it: the path asked for.
+                ORN::console().error(system_error(GetLastError(), path));
                 _DYNAMIC_ASSERT_(false);
             }
         }(handle);

@@ -1,8 +1,12 @@
 #include "SurfaceProc.h"
 
 #include <meshoptimizer.h>
+#ifdef _WIN32
+#include "__ORN__/orn_debugger.h"
+#else
 #include <open3d/geometry/PointCloud.h>
 #include <open3d/geometry/TriangleMesh.h>
+#endif
 
 #include <omp.h>
 
@@ -66,6 +70,16 @@ int surface_depth(const PointCloudProc::CLOUD &points, double spacing) {
     return std::clamp(depth, 5, 10);
 }
 
+#ifdef _WIN32
+// The Windows build has no Open3D: the surface step fails, saying so.
+MESH reconstruct(const PointCloudProc::CLOUD &points, int, int) {
+    ORN::console().error("reconstruct_surface : ", points.size(),
+                         " points : the Windows build has no surface reconstruction library (Open3D)");
+    constexpr bool surface_library = false;
+    _DYNAMIC_ASSERT_(surface_library);
+    throw ORN::Exception("unreachable");
+}
+#else
 MESH reconstruct(const PointCloudProc::CLOUD &points, int depth, int threads) {
     _DYNAMIC_ASSERT_(extent (points) > 0);
     open3d::geometry::PointCloud cloud;
@@ -103,6 +117,7 @@ MESH reconstruct(const PointCloudProc::CLOUD &points, int depth, int threads) {
             mesh.mTriangle[INDEX(3 * t) + a] = static_cast<std::uint32_t>(surface->triangles_[t][a]);
     return mesh;
 }
+#endif
 
 MESH trim(const MESH &mesh, const KD_Tree &tree, const ORN::Array<std::uint8_t> &skip, double distance, double low,
           double high, ORN::WorkThread &workers) {

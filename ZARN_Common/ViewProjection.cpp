@@ -1,8 +1,10 @@
 #include "ZARN_Common/ViewProjection.h"
 
+#ifndef _WIN32
 #include "ZARN_Common/ImageProc.h"
 
 #include <opencv2/imgproc.hpp>
+#endif
 
 #include <algorithm>
 #include <cmath>
@@ -84,6 +86,8 @@ int ViewProjection::level(const VIEW &view, INDEX frame_width) {
     return level;
 }
 
+// The Windows build has no OpenCV: its render is in ViewProjection_windows.cpp.
+#ifndef _WIN32
 ORN::Image ViewProjection::render(const ORN::Image &frame, const VIEW &view, int threads) {
     _DYNAMIC_ASSERT_(frame.channels () == 3 && frame.depth () == ORN::ImageDepth::U8);
     _DYNAMIC_ASSERT_(frame.width () >= 2 && frame.height () >= 1);
@@ -142,5 +146,7 @@ ORN::Image ViewProjection::render(const ORN::Image &frame, const VIEW &view, int
     }
     return out;
 }
+
+#endif
 
 } // namespace ZARN

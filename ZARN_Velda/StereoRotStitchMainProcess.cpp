@@ -304,7 +304,7 @@ public:
 
     // Inpaints the tripod area of the stitched panoramas with the converter
     // script beside the module: "bash <module directory>DataConverter.sh
-    // IMAGE <working path>" (a path the shell would split is quoted). The
+    // IMAGE <working path>" (every word quoted; DataConverter.bat on Windows). The
     // command line and its exit status are printed; a non-zero status ends
     // the process. Its value is the switch "image_inpainting".
     struct ACT_mImageInpainting_mEnable {
@@ -329,9 +329,16 @@ public:
             });
         }
     };
+    // On Windows the converter is "<module directory>DataConverter.bat",
+    // run by cmd.exe.
     static String<char> shell_command(const String<char> &module_directory, const String<char> &working_path) {
+#ifdef _WIN32
+        return ORN::GlobalRuntime::quote_argument(module_directory + "DataConverter.bat") + " IMAGE " +
+               ORN::GlobalRuntime::quote_argument(working_path);
+#else
         return "bash " + ORN::GlobalRuntime::quote_argument(module_directory + "DataConverter.sh") + " IMAGE " +
                ORN::GlobalRuntime::quote_argument(working_path);
+#endif
     }
 
     using CON_mProject = Project::CON_mProject;

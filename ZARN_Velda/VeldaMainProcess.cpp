@@ -22,11 +22,6 @@ namespace {
 
 using ORN::FileSystemProc;
 
-// Text for the library's narrow argument strings. On Linux the narrow code
-// page is UTF-8, so the conversion is the identity; on Windows this is where
-// UTF-8 goes through UTF-16 into the system code page.
-ORN::String<char> utf8_to_native(const ORN::String<char> &text) { return text; }
-
 // ---------------------------------------------------------------------------
 // Upload manifests.
 
@@ -167,7 +162,9 @@ class VeldaMainProcess::Private::Implement final : public Frame::ProcessImplemen
             const auto &handle = tree.stack<CON_mVeldaHandle>();
             tree.once([this, &type, &path, &handle] {
                 ORN::String<char> program;
-                ORN::String<char> velda_type = utf8_to_native(type.mSelf);
+                // The type as the library's narrow strings carry it (the
+                // active code page on Windows).
+                ORN::String<char> velda_type = ORN::GlobalRuntime::utf8_to_native(type.mSelf);
                 ORN::String<char> working_path = path.mSelf;
                 char *argv[] = {program.data(), velda_type.data(), working_path.data(), nullptr};
                 const auto run = handle.mSelf->mRunVeldaMain;

@@ -22,13 +22,12 @@
 // argument.
 
 #include "ZARN_Common/Fingerprint.h"
-#include "ZARN_Common/ImageProc.h"
+#include "ZARN_Common/VideoFrames.h"
 #include "ZARN_Common/ViewProjection.h"
 #include "ZARN_Velda/ProcessFrame.h"
 #include "__ORN__/orn_images.h"
 #include "__ORN__/orn_thread.h"
 
-#include <opencv2/videoio.hpp>
 
 #include <algorithm>
 #include <array>
@@ -302,13 +301,13 @@ public:
                     refuse(i, v.mName, "video " + why + " : ", job.path(f.mFile));
                 _DYNAMIC_ASSERT_(there);
                 const ORN::JobDirectory::Input input = job.open_input(f.mFile);
-                cv::VideoCapture capture;
-                const bool decodable = capture.open(input.path(), cv::CAP_FFMPEG) && capture.isOpened();
+                VideoFrames::INFO info;
+                const bool decodable = VideoFrames::probe(input.path(), info);
                 if (decodable) {
-                    f.mFrameWidth = static_cast<ORN::int64>(capture.get(cv::CAP_PROP_FRAME_WIDTH));
-                    f.mFrameHeight = static_cast<ORN::int64>(capture.get(cv::CAP_PROP_FRAME_HEIGHT));
-                    f.mFrameCount = static_cast<ORN::int64>(capture.get(cv::CAP_PROP_FRAME_COUNT));
-                    f.mFps = capture.get(cv::CAP_PROP_FPS);
+                    f.mFrameWidth = info.mWidth;
+                    f.mFrameHeight = info.mHeight;
+                    f.mFrameCount = info.mFrameCount;
+                    f.mFps = info.mFps;
                 }
                 const bool opened = decodable && f.mFrameCount > 0 && f.mFps > 0 && std::isfinite(f.mFps);
                 if (!opened)
@@ -476,23 +475,17 @@ public:
         static void frame_view(const ORN::JobDirectory &job, INDEX i, const NDS_mVideoROIView &v,
                                const NDS_mVideoROIFrame &f, const ORN::Image &logo, int rows) {
             auto &console = ORN::console();
-            cv::Mat frame;
+            ORN::Image frame;
             {
                 const ORN::JobDirectory::Input input = job.open_input(f.mFile);
-                cv::VideoCapture capture;
-                bool read = capture.open(input.path(), cv::CAP_FFMPEG) &&
-                            capture.get(cv::CAP_PROP_FRAME_WIDTH) == double(f.mFrameWidth) &&
-                            capture.get(cv::CAP_PROP_FRAME_HEIGHT) == double(f.mFrameHeight);
-                if (read && f.mFrame > 0)
-                    read = capture.set(cv::CAP_PROP_POS_FRAMES, double(f.mFrame));
-                read = read && capture.read(frame) && frame.type() == CV_8UC3 && frame.cols == f.mFrameWidth &&
-                       frame.rows == f.mFrameHeight;
+                frame = VideoFrames::read(input.path(), f.mFrameWidth, f.mFrameHeight, f.mFrame);
+                const bool read = !frame.empty();
                 if (!read)
                     refuse(i, v.mName, "frame " + std::to_string(f.mFrame) + " not decodable : ", job.path(f.mFile));
                 _DYNAMIC_ASSERT_(read);
             }
-            const ORN::Image view = ViewProjection::render(ImageProc::image(frame), v.mView, rows);
-            frame.release();
+            const ORN::Image view = ViewProjection::render(frame, v.mView, rows);
+            frame = ORN::Image();
             const String<char> n = String<char>(WORK_FOLDER) + "/" + std::to_string(i);
             job.save_file(n + ".view.bmp", ORN::Image::encode(".bmp", view).text());
             job.save_file(n + ".text.txt", v.mText.empty() ? time_text(f) : v.mText + "\n" + time_text(f));

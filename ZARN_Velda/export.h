@@ -5,7 +5,11 @@
 
 #include "ZARN_Runtime/export.h"
 
+#if defined(_WIN32)
+#define ZARN_EXPORT __declspec(dllexport)
+#else
 #define ZARN_EXPORT __attribute__((visibility("default")))
+#endif
 
 namespace ZARN {
 

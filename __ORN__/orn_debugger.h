@@ -110,7 +110,7 @@ public:
     void show();
 
     // From now on the console's own lines go to copies of the descriptors
-    // `out` and `err` (on POSIX; Windows keeps its console), so that the
+    // `out` and `err` (descriptors on POSIX, handles on Windows), so that the
     // standard descriptors can be pointed elsewhere (a pipe that feeds what
     // others print back into the service) without the service reading its
     // own lines.

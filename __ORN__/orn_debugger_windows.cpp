@@ -1,5 +1,6 @@
-// Windows console of the console service: a console window (allocated when
-// the host has none), text attributes for the level colours, "pause" and
+// Windows console of the console service: the standard handles taken at
+// each write, a console window (allocated when the host has none and no
+// standard output either), text attributes for the level colours, "pause" and
 // "cls" through the C runtime's system(). FlashWindow comes from user32.
 
 #ifdef _WIN32
@@ -51,24 +52,61 @@ void put(HANDLE handle, const char *text, std::size_t size) noexcept {
     }
 }
 
+// What the service writes to: the standard handles as they are at each
+// write (GetStdHandle is asked every time, so a line written while
+// standard output is redirected goes where it points then), or after
+// `redirect` the duplicated handles it was given.
+struct OUTPUT {
+    bool mStandard = true;
+    HANDLE mOut = nullptr;
+    HANDLE mErr = nullptr;
+};
+
+OUTPUT &standard_output() noexcept {
+    static OUTPUT output;
+    return output;
+}
+
+HANDLE output_of(void *handle, bool error = false) noexcept {
+    const OUTPUT &output = handle != nullptr ? *static_cast<OUTPUT *>(handle) : standard_output();
+    if (!output.mStandard)
+        return error && valid(output.mErr) ? output.mErr : output.mOut;
+    const HANDLE standard_error = error ? ::GetStdHandle(STD_ERROR_HANDLE) : nullptr;
+    return valid(standard_error) ? standard_error : ::GetStdHandle(STD_OUTPUT_HANDLE);
+}
+
+HANDLE duplicate(std::intptr_t handle) noexcept {
+    HANDLE copy = nullptr;
+    const HANDLE process = ::GetCurrentProcess();
+    if (!::DuplicateHandle(process, reinterpret_cast<HANDLE>(handle), process, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS))
+        return nullptr;
+    return copy;
+}
+
 } // namespace
 
+// A console window is allocated only for a host that has neither one nor a
+// standard output to write to.
 void *open() {
-    if (::GetConsoleWindow() == nullptr)
+    if (::GetConsoleWindow() == nullptr && !valid(::GetStdHandle(STD_OUTPUT_HANDLE)))
         (void)::AllocConsole();
-    const HANDLE handle = ::GetStdHandle(STD_OUTPUT_HANDLE);
-    return valid(handle) ? handle : nullptr;
+    return &standard_output();
+}
+
+// Kept for the rest of the program: lines of other threads may still be on
+// their way through it.
+void *open_descriptors(std::intptr_t out, std::intptr_t err) {
+    const HANDLE o = duplicate(out), e = duplicate(err);
+    if (!valid(o) || !valid(e))
+        return &standard_output();
+    return new OUTPUT{false, o, e};
 }
 
 // The level's attribute holds for the text only; the default comes back
 // before the line feed, so anything else printed to the console (the closed
 // libraries' own output) keeps the default colour.
-// Standard output and standard error stay the console's own on Windows.
-void *open_descriptors(std::intptr_t, std::intptr_t) { return open(); }
-
 void write_line(void *handle, int attribute, std::string_view text, bool error) {
-    const HANDLE standard_error = error ? ::GetStdHandle(STD_ERROR_HANDLE) : nullptr;
-    const HANDLE out = valid(standard_error) ? standard_error : static_cast<HANDLE>(handle);
+    const HANDLE out = output_of(handle, error);
     if (!valid(out))
         return;
     std::fflush(stdout); // keep the C runtime's pending output in front
@@ -87,10 +125,10 @@ void write_line(void *handle, int attribute, std::string_view text, bool error) 
     }
 }
 
-bool on_terminal(void *handle) { return is_console(static_cast<HANDLE>(handle)); }
+bool on_terminal(void *handle) { return is_console(output_of(handle)); }
 
 void write_partial(void *handle, int attribute, std::string_view text) {
-    const HANDLE out = static_cast<HANDLE>(handle);
+    const HANDLE out = output_of(handle);
     if (!valid(out))
         return;
     std::fflush(stdout);
@@ -106,7 +144,7 @@ void attention(void *handle) {
     const HWND window = ::GetConsoleWindow();
     if (window != nullptr)
         (void)::FlashWindow(window, TRUE);
-    const HANDLE out = static_cast<HANDLE>(handle);
+    const HANDLE out = output_of(handle);
     if (is_console(out))
         ::SetConsoleTextAttribute(out, kDefaultAttribute);
 }

@@ -139,19 +139,26 @@ void StreamLoader::flush() { mThis->flush(); }
 
 void FileSystemProc::save_file(const String<char> &path, const Buffer<unsigned char> &data) { save_file(path, data.text()); }
 
-// Prefixes are joined with the platform's separator; a drive ("C:") is only
-// appended, and the empty first component of a rooted path ("/a/b", "\\a")
-// stands for the root, so "/a/b" rebuilds as "/a" then "/a/b".
+// Prefixes are joined with the platform's separator after the path's root,
+// which is kept whole: /a/b rebuilds as /a then /a/b; on Windows
+// \\server\share\x makes only \\server\share\x, and a \\?\ path keeps its
+// prefix. A component that ends with a colon is only appended.
 void FileSystemProc::build_directory(const String<char> &path) {
     const Deque<String<char>> r2x = decouple_path_name(path);
     _DYNAMIC_ASSERT_(r2x.length () >= 1);
-    String<char> prefix;
-    for (INDEX i = 0; i < r2x.length(); ++i) {
-        const String<char> &item = r2x[i];
-        if (i > 0)
+    INDEX root = 0;
+    String<char> prefix = Private::FilePlatform::root_of(path, root);
+    const Deque<String<char>> items = decouple_path_name(path.substr(static_cast<std::size_t>(root)));
+    bool separate = false;
+    for (INDEX i = 0; i < items.length(); ++i) {
+        const String<char> &item = items[i];
+        if (item.empty())
+            continue;
+        if (separate)
             prefix.push_back(Private::FilePlatform::SEPARATOR);
+        separate = true;
         prefix.append(item);
-        if (item.empty() || item.back() == ':')
+        if (item.back() == ':')
             continue;
         if (find_directory(prefix))
             continue;
@@ -656,6 +663,13 @@ bool FileSystemProc::identical_file(const String<char> &a, const String<char> &b
 const char Private::FilePlatform::SEPARATOR = '/';
 
 void Private::FilePlatform::create_directory(const String<char> &path) { (void)::mkdir(path.c_str(), 0777); }
+
+String<char> Private::FilePlatform::root_of(const String<char> &path, INDEX &length) {
+    length = 0;
+    while (length < LENGTH(path) && is_separator(path[static_cast<std::size_t>(length)]))
+        ++length;
+    return length > 0 ? "/" : "";
+}
 
 String<char> FileSystemProc::working_path() {
     String<char> r1x(256, '\0');

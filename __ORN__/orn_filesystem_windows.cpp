@@ -18,6 +18,7 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <cctype>
 #include <atomic>
 #include <memory>
 #include <string>
@@ -634,6 +635,51 @@ const char Private::FilePlatform::SEPARATOR = '\\';
 
 void Private::FilePlatform::create_directory(const String<char> &path) { (void)::CreateDirectoryA(path.c_str(), nullptr); }
 
+// A drive (C: or C:\), the root of the current drive (\), a share
+// (\\server\share\) or a path given to the system as it is (\\?\C:\,
+// \\?\UNC\server\share\, \\.\device\), where only backslashes separate.
+String<char> Private::FilePlatform::root_of(const String<char> &path, INDEX &length) {
+    const std::size_t size = path.size();
+    const auto separator = [&](std::size_t i, bool verbatim) {
+        return i < size && (path[i] == '\\' || (!verbatim && path[i] == '/'));
+    };
+    // One component from i and the separator after it, if any.
+    const auto component = [&](std::size_t i, bool verbatim) {
+        while (i < size && !separator(i, verbatim))
+            ++i;
+        return separator(i, verbatim) ? i + 1 : i;
+    };
+    const auto drive = [&](std::size_t i) {
+        return i + 1 < size && path[i + 1] == ':' && std::isalpha(static_cast<unsigned char>(path[i]));
+    };
+    std::size_t end = 0;
+    if (separator(0, false) && separator(1, false)) {
+        if (size >= 4 && (path[2] == '?' || path[2] == '.') && path[3] == '\\') {
+            end = 4;
+            if (path.compare(4, 4, "UNC\\") == 0)
+                end = component(component(8, true), true);
+            else if (drive(4))
+                end = separator(6, true) ? 7 : 6;
+            else
+                end = component(4, true);
+        } else {
+            std::size_t server = 2;
+            while (separator(server, false))
+                ++server;
+            end = component(component(server, false), false);
+        }
+    } else if (drive(0)) {
+        end = separator(2, false) ? 3 : 2;
+    } else if (separator(0, false)) {
+        end = 1;
+    }
+    length = static_cast<INDEX>(end);
+    String<char> root = path.substr(0, end);
+    if (!(root.size() >= 4 && root[2] == '?'))
+        std::replace(root.begin(), root.end(), '/', '\\');
+    return root;
+}
+
 String<char> FileSystemProc::working_path() {
     String<char> r1x;
     DWORD r2x = ::GetCurrentDirectoryA(0, nullptr);
@@ -1070,23 +1116,23 @@ void JobDirectory::publish_file(std::string_view source, std::string_view target
 
     // The source may have been swapped for something else since it was
     // checked: the new link must be the very file that was checked.
-    BY_HANDLE_FILE_INFORMATION linked{};
+    BY_HANDLE_FILE_INFORMATION link_info{};
     {
         const FileHandle check(open_entry(temporary, FILE_READ_ATTRIBUTES));
-        const bool same_file = check.get() >= 0 && regular_refusal(check.handle(), linked, true) == 0 &&
-                               linked.dwVolumeSerialNumber == original.dwVolumeSerialNumber &&
-                               linked.nFileIndexHigh == original.nFileIndexHigh &&
-                               linked.nFileIndexLow == original.nFileIndexLow;
+        const bool same_file = check.get() >= 0 && regular_refusal(check.handle(), link_info, true) == 0 &&
+                               link_info.dwVolumeSerialNumber == original.dwVolumeSerialNumber &&
+                               link_info.nFileIndexHigh == original.nFileIndexHigh &&
+                               link_info.nFileIndexLow == original.nFileIndexLow;
         if (!same_file)
             report("publish_file", path(source), "replaced while it was published");
         _DYNAMIC_ASSERT_(same_file);
     }
 
     fault_point("publish_file:before_rename", to.mName);
-    int error = 0;
-    const bool replaced = rename_over(temporary, destination, error);
+    int error_rename = 0;
+    const bool replaced = rename_over(temporary, destination, error_rename);
     if (!replaced)
-        report_error("publish_file", path(target), error);
+        report_error("publish_file", path(target), error_rename);
     _DYNAMIC_ASSERT_(replaced);
 }
 

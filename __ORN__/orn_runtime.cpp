@@ -123,6 +123,8 @@ INDEX decode_status(int status) noexcept {
 
 } // namespace
 
+String<char> GlobalRuntime::utf8_to_native(std::string_view text) { return String<char>(text); }
+
 String<char> GlobalRuntime::quote_argument(std::string_view word) {
     constexpr std::string_view plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+:,@";
     if (!word.empty() && word.find_first_not_of(plain) == std::string_view::npos)

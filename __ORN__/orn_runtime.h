@@ -102,6 +102,15 @@ public:
     //   ("r1x").
     static String<char> quote_argument(std::string_view word);
 
+    // UTF-8 text as the narrow strings of the system's "A" interfaces take
+    // it. POSIX: the same bytes (the process never sets a locale, and the
+    // libraries read their narrow arguments as UTF-8). Windows: through
+    // UTF-16 into the active code page (GetACP), "caf\xc3\xa9" becoming
+    // "caf\xe9" under 1252. Text that is not UTF-8, or that the code page
+    // cannot carry (no character is replaced by a default one), fails after
+    // "utf8_to_native : <text> : <reason>".
+    static String<char> utf8_to_native(std::string_view text);
+
     // The time limit in seconds (0: none) that the process being run asks
     // for in its settings ("mProcessTimeLimit"), set by the process in its
     // initialize and read by the host that watches it. Not a limit by

@@ -3,6 +3,7 @@
 
 #ifdef _WIN32
 
+#include "orn_debugger.h"
 #include "orn_runtime.h"
 
 #ifndef WIN32_LEAN_AND_MEAN
@@ -15,6 +16,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 namespace ORN {
 
@@ -47,6 +49,37 @@ String<char> GlobalRuntime::quote_argument(std::string_view word) {
         quoted.push_back(c);
     }
     return quoted;
+}
+
+String<char> GlobalRuntime::utf8_to_native(std::string_view text) {
+    if (text.empty())
+        return String<char>();
+    const bool r1x = text.size() < 0x7fffffff;
+    _DYNAMIC_ASSERT_(r1x);
+    const int size = static_cast<int>(text.size());
+    const int wide_size = ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(), size, nullptr, 0);
+    const bool r2x = wide_size > 0;
+    if (!r2x)
+        console().error("utf8_to_native : ", text, " : not UTF-8");
+    _DYNAMIC_ASSERT_(r2x);
+    std::wstring wide(static_cast<std::size_t>(wide_size), L'\0');
+    (void)::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(), size, wide.data(), wide_size);
+    // WC_NO_BEST_FIT_CHARS: a character without its own code is not swapped
+    // for a look-alike; it is reported below.
+    BOOL defaulted = FALSE;
+    const UINT page = ::GetACP();
+    const bool utf8_page = page == CP_UTF8;
+    const DWORD flags = utf8_page ? 0 : WC_NO_BEST_FIT_CHARS;
+    BOOL *const used_default = utf8_page ? nullptr : &defaulted;
+    const int narrow_size = ::WideCharToMultiByte(page, flags, wide.data(), wide_size, nullptr, 0, nullptr, used_default);
+    String<char> narrow(static_cast<std::size_t>(narrow_size > 0 ? narrow_size : 0), '\0');
+    if (narrow_size > 0)
+        (void)::WideCharToMultiByte(page, flags, wide.data(), wide_size, narrow.data(), narrow_size, nullptr, used_default);
+    const bool r3x = narrow_size > 0 && !defaulted;
+    if (!r3x)
+        console().error("utf8_to_native : ", text, " : not representable in code page ", page);
+    _DYNAMIC_ASSERT_(r3x);
+    return narrow;
 }
 
 // With a standard output handle the command shares the console through the C

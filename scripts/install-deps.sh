@@ -13,6 +13,9 @@
 # of the framed video views, with the DejaVu font for their time text.
 # OpenSSL's libcrypto gives the SHA-256 of the upload manifests.
 # Slurm and munge run the farm (the tests start a private cluster).
+# MinGW-w64 (the POSIX thread model) builds the Windows form, and Wine runs
+# its tests; dpkg-dev unpacks the source packages that scripts/cross-deps.sh
+# cross-builds for it.
 set -eu
 
 PACKAGES="cmake g++ make pkg-config \
@@ -23,7 +26,8 @@ libflann-dev liblz4-dev libpugixml-dev \
 libopen3d-dev libmeshoptimizer-dev \
 libgtest-dev libgmock-dev libbenchmark-dev \
 rapidjson-dev nlohmann-json3-dev libnanoflann-dev \
-ffmpeg slurm-wlm munge"
+ffmpeg slurm-wlm munge \
+g++-mingw-w64-x86-64-posix wine wine64 dpkg-dev"
 
 missing=""
 for p in $PACKAGES; do
