@@ -43,7 +43,9 @@ namespace Lib = ZARN::StitchLibrary;
 using ZARN::ImageProc;
 
 constexpr int WIDTH = 4096, HEIGHT = 2048;
-const int SIZE[2] = {WIDTH, HEIGHT};
+// The panorama size and the seam: the plain blend, as the figures before the
+// flow-aligned seams were measured.
+const int SIZE[3] = {WIDTH, HEIGHT, Lib::SEAM_PLAIN};
 
 fs::path build_directory() { return fs::canonical("/proc/self/exe").parent_path().parent_path(); }
 

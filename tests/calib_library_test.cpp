@@ -253,7 +253,7 @@ TEST(CalibLibrary, TheTablesStitchTheRoomAsTheTrueOnesDo) {
         const auto handle = create();
         EXPECT_EQ(init(handle, up_table.c_str(), down_table.c_str(), WIDTH, WIDTH / 2, WIDTH / 8, WIDTH / 16, 8),
                   Stitch::KIVO_OK);
-        const int size[2] = {WIDTH, WIDTH / 2};
+        const int size[3] = {WIDTH, WIDTH / 2, Stitch::SEAM_PLAIN};
         const std::string panorama = out / "p.png";
         EXPECT_EQ(execute(handle, at("captures/point_000_up.jpg").c_str(), at("captures/point_000_down.jpg").c_str(),
                           panorama.c_str(), size, nullptr, nullptr),
