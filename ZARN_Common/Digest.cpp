@@ -1,5 +1,6 @@
-#include "ZARN_Common/Digest.h"
+// SHA-256 over OpenSSL's libcrypto.
 
+#include "ZARN_Common/Digest.h"
 
 #include <openssl/evp.h>
 
@@ -28,16 +29,6 @@ std::array<unsigned char, 32> Sha256::digest() {
     _DYNAMIC_ASSERT_(EVP_DigestFinal_ex (mContext->mSelf.get (), digest.data (), &size) == 1 && size == 32);
     mContext->start();
     return digest;
-}
-
-ORN::String<char> Sha256::hex() {
-    static constexpr char HEX[] = "0123456789abcdef";
-    ORN::String<char> text;
-    for (const unsigned char byte : digest()) {
-        text += HEX[byte >> 4];
-        text += HEX[byte & 15];
-    }
-    return text;
 }
 
 } // namespace ZARN

@@ -25,7 +25,15 @@ public:
     // the object then starts afresh.
     std::array<unsigned char, 32> digest();
     // The same as 64 lower-case hexadecimal digits.
-    ORN::String<char> hex();
+    ORN::String<char> hex() {
+        static constexpr char HEX[] = "0123456789abcdef";
+        ORN::String<char> text;
+        for (const unsigned char byte : digest()) {
+            text += HEX[byte >> 4];
+            text += HEX[byte & 15];
+        }
+        return text;
+    }
 
 private:
     struct Context;

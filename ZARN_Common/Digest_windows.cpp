@@ -55,14 +55,4 @@ std::array<unsigned char, 32> Sha256::digest() {
     return digest;
 }
 
-ORN::String<char> Sha256::hex() {
-    static constexpr char HEX[] = "0123456789abcdef";
-    ORN::String<char> text;
-    for (const unsigned char byte : digest()) {
-        text += HEX[byte >> 4];
-        text += HEX[byte & 15];
-    }
-    return text;
-}
-
 } // namespace ZARN
