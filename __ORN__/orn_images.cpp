@@ -142,6 +142,14 @@ bool portable_map(const READER &r, IMAGE_HEADER &h) {
 
 } // namespace
 
+String<char> Image::layout() const {
+    if (empty())
+        return "empty";
+    constexpr const char *names[] = {"u8", "u16", "f32", "f64"};
+    return std::to_string(mWidth) + "x" + std::to_string(mHeight) + "x" + std::to_string(mChannels) + " " +
+           names[static_cast<int>(mDepth)];
+}
+
 bool Image::probe(const unsigned char *bytes, INDEX size, IMAGE_HEADER &header) {
     header = IMAGE_HEADER();
     if (bytes == nullptr || size < 4)

@@ -71,14 +71,6 @@ Image Image::zeros(INDEX width, INDEX height, INDEX channels, ImageDepth depth) 
     return Image(new_pixels(width, height, channels, depth));
 }
 
-String<char> Image::layout() const {
-    if (empty())
-        return "empty";
-    constexpr const char *names[] = {"u8", "u16", "f32", "f64"};
-    return std::to_string(mWidth) + "x" + std::to_string(mHeight) + "x" + std::to_string(mChannels) + " " +
-           names[static_cast<int>(mDepth)];
-}
-
 Image Image::clone() const {
     if (empty())
         return Image();

@@ -163,6 +163,15 @@ struct JPEG_ERROR {
 void jump_out(j_common_ptr info) { std::longjmp(reinterpret_cast<JPEG_ERROR *>(info->err)->mJump, 1); }
 void silent(j_common_ptr, int) {}
 
+// The error manager of a libjpeg object: quiet, and a failure jumps back to
+// the caller's setjmp on `error`.
+jpeg_error_mgr *quiet_errors(JPEG_ERROR &error) {
+    jpeg_error_mgr *manager = jpeg_std_error(&error.mManager);
+    manager->error_exit = jump_out;
+    manager->emit_message = silent;
+    return manager;
+}
+
 // A decompressor of the panorama's bytes with its coefficients read, and
 // a compressor of its tiles with the same tables; each owns its libjpeg
 // object. Failures of libjpeg come back as false (no C++ object is live
@@ -179,9 +188,7 @@ struct SOURCE {
 };
 
 bool open_source(SOURCE &s, const unsigned char *bytes, std::size_t size) {
-    s.mInfo.err = jpeg_std_error(&s.mError.mManager);
-    s.mError.mManager.error_exit = jump_out;
-    s.mError.mManager.emit_message = silent;
+    s.mInfo.err = quiet_errors(s.mError);
     if (setjmp(s.mError.mJump))
         return false;
     jpeg_create_decompress(&s.mInfo);
@@ -201,9 +208,7 @@ bool open_source(SOURCE &s, const unsigned char *bytes, std::size_t size) {
 bool encode_tile(jpeg_decompress_struct &source, const cv::Mat &tile, unsigned char *&bytes, unsigned long &size) {
     jpeg_compress_struct info{};
     JPEG_ERROR error{};
-    info.err = jpeg_std_error(&error.mManager);
-    error.mManager.error_exit = jump_out;
-    error.mManager.emit_message = silent;
+    info.err = quiet_errors(error);
     if (setjmp(error.mJump)) {
         jpeg_destroy_compress(&info);
         return false;
@@ -273,9 +278,7 @@ bool paste_tile(SOURCE &s, const unsigned char *bytes, unsigned long size, int m
 bool write_coefficients(SOURCE &s, unsigned char *&bytes, unsigned long &size) {
     jpeg_compress_struct info{};
     JPEG_ERROR error{};
-    info.err = jpeg_std_error(&error.mManager);
-    error.mManager.error_exit = jump_out;
-    error.mManager.emit_message = silent;
+    info.err = quiet_errors(error);
     if (setjmp(error.mJump)) {
         jpeg_destroy_compress(&info);
         return false;
@@ -393,9 +396,7 @@ int start_jpeg(READER &r, const std::vector<unsigned char> &bytes, const LENS_TA
                const cv::Rect &box, JDIMENSION &x, JDIMENSION &width) {
     if (bytes.size() < 3 || bytes[0] != 0xFF || bytes[1] != 0xD8 || bytes[2] != 0xFF)
         return NOT_HERE;
-    r.mInfo.err = jpeg_std_error(&r.mError.mManager);
-    r.mError.mManager.error_exit = jump_out;
-    r.mError.mManager.emit_message = silent;
+    r.mInfo.err = quiet_errors(r.mError);
     if (setjmp(r.mError.mJump))
         return Lib::KIVO_BAD_INPUT;
     jpeg_create_decompress(&r.mInfo);
