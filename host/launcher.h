@@ -3,6 +3,8 @@
 // What the commands of the launcher `zarn` share: exit statuses, usage
 // errors, the process order and the handling of working directories.
 
+#include "host/platform.h"
+
 #include <array>
 #include <filesystem>
 #include <string>
@@ -34,8 +36,9 @@ inline bool known_process(std::string_view name) {
 
 // Absolute and lexically normal, without a trailing separator.
 inline std::string absolute_path(const std::string &path) {
-    std::string p = std::filesystem::absolute(std::filesystem::path(path)).lexically_normal().string();
-    while (p.size() > 1 && p.back() == '/')
+    const std::filesystem::path full = std::filesystem::absolute(std::filesystem::path(path)).lexically_normal();
+    std::string p = full.string();
+    while (p.size() > full.root_path().string().size() && p.size() > 1 && Platform::separator(p.back()))
         p.pop_back();
     return p;
 }
@@ -55,10 +58,6 @@ inline std::string working_directory(const std::string &w) {
 }
 
 // The directory of the running launcher.
-inline std::string launcher_directory() {
-    std::error_code ec;
-    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ec);
-    return ec ? std::string(".") : self.parent_path().string();
-}
+inline std::string launcher_directory() { return Platform::launcher_directory(); }
 
 } // namespace ZARN::Host

@@ -18,19 +18,11 @@
 #include "__ORN__/orn_runtime.h"
 
 #include "host/launcher.h"
+#include "host/platform.h"
 #include "host/run_record.h"
 #include "host/status.h"
 #include "host/submit.h"
 
-#include <dlfcn.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <sched.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <csignal>
 #include <cstdint>
 #include <cstring>
 
@@ -54,6 +46,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace ZARN::Host;
+using Platform::Pipe;
+using Platform::NO_PIPE;
 
 constexpr const char *USAGE = R"(usage:
   zarn run [--process NAME]... [--libs DIR] [--log DIR] [--log-in-job]
@@ -131,18 +125,11 @@ std::string log_problem(const std::string &directory) {
     if (error || !fs::is_directory(directory))
         return directory + " : " + (error ? error.message() : std::string("not a directory"));
     const std::string file = (fs::path(directory) / "console.log").string();
-    if (fs::exists(fs::symlink_status(file))) {
-        const int fd = ::open(file.c_str(), O_WRONLY | O_APPEND | O_NONBLOCK | O_CLOEXEC);
-        if (fd < 0)
-            return file + " : " + std::strerror(errno);
-        ::close(fd);
-    }
-    const std::string probe = (fs::path(directory) / (".console.log.probe-" + std::to_string(::getpid()))).string();
-    const int fd = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0)
-        return file + " : " + std::strerror(errno);
-    ::close(fd);
-    ::unlink(probe.c_str());
+    if (fs::exists(fs::symlink_status(file)))
+        if (const std::string reason = Platform::append_problem(file); !reason.empty())
+            return file + " : " + reason;
+    if (const std::string reason = Platform::create_problem(directory); !reason.empty())
+        return file + " : " + reason;
     return std::string();
 }
 
@@ -159,6 +146,10 @@ struct Options {
     std::int64_t time_limit = -1; // seconds; negative: the settings decide
     std::int64_t parallel = 1;    // jobs at once
     std::vector<std::string> workdirs;
+    // The job a child started for one job runs (Windows): "<job>:<launcher
+    // pid>:<start>" and the event channel's handle; empty in the launcher.
+    std::string child;
+    std::string channel;
 };
 
 // A whole number of at least `least`, or the usage error `what`.
@@ -218,6 +209,9 @@ Options parse(int argc, char **argv) {
             std::string text;
             value(text);
             o.parallel = whole_number(text, 1, "-j needs a whole number of jobs, at least 1, not ");
+        } else if (a == "--child" && o.command == "run") {
+            value(o.child);
+            value(o.channel);
         } else if (a.size() > 2 && a.substr(0, 2) == "-j" && o.command == "run") {
             o.parallel = whole_number(std::string(a.substr(2)), 1, "-j needs a whole number of jobs, at least 1, not ");
         } else if (a.size() > 1 && a[0] == '-') {
@@ -255,13 +249,13 @@ struct EVENT {
     std::int64_t mValue; // START: the process's index; LIMIT: seconds; STAMP: the text's length
 };
 
-void tell(int pipe, EVENT::Kind kind, std::int64_t value = 0, std::string_view text = {}) {
+void tell(Pipe pipe, EVENT::Kind kind, std::int64_t value = 0, std::string_view text = {}) {
     char message[sizeof(EVENT) + 256];
     const std::size_t length = std::min<std::size_t>(text.size(), 256);
     const EVENT event{kind, text.empty() ? value : static_cast<std::int64_t>(length)};
     std::memcpy(message, &event, sizeof(event));
     std::memcpy(message + sizeof(event), text.data(), length);
-    [[maybe_unused]] const auto n = ::write(pipe, message, sizeof(event) + length);
+    Platform::write_message(pipe, message, sizeof(event) + length);
 }
 
 // What a process of a job came to, for the summary.
@@ -272,31 +266,6 @@ struct OUTCOME {
     double mSeconds = 0.0;
 };
 
-// The signal (SIGTERM, SIGINT, SIGHUP) the launcher was sent, 0 while none;
-// the handler also wakes the launcher's wait through a pipe.
-volatile std::sig_atomic_t gSignal = 0;
-int gWake[2] = {-1, -1};
-
-void on_signal(int signal) {
-    const int saved = errno;
-    gSignal = signal;
-    const char byte = 0;
-    [[maybe_unused]] const auto n = ::write(gWake[1], &byte, 1);
-    errno = saved;
-}
-
-constexpr int STOP_SIGNALS[] = {SIGTERM, SIGINT, SIGHUP};
-
-void catch_stop_signals() {
-    if (::pipe2(gWake, O_CLOEXEC | O_NONBLOCK) != 0)
-        throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
-    struct sigaction action {};
-    action.sa_handler = on_signal;
-    sigemptyset(&action.sa_mask);
-    for (const int signal : STOP_SIGNALS)
-        ::sigaction(signal, &action, nullptr);
-}
-
 // What the job's child and its own children write to descriptors 1 and 2
 // (a closed library's printf, a converter script, libjpeg's warnings) is
 // read back by a thread and handed to the console line by line, standard
@@ -306,17 +275,11 @@ void catch_stop_signals() {
 class OutputCapture {
 public:
     OutputCapture() {
-        auto &console = ORN::console();
         std::fflush(nullptr);
-        console.redirect(STDOUT_FILENO, STDERR_FILENO);
-        for (int i = 0; i < 2; ++i) {
-            int ends[2];
-            if (::pipe2(ends, O_CLOEXEC) != 0)
+        Platform::console_to_standard();
+        for (int i = 0; i < 2; ++i)
+            if ((mRead[i] = Platform::capture_standard(i + 1)) == NO_PIPE)
                 return;
-            ::dup2(ends[1], i + 1); // the duplicates are inherited by children
-            ::close(ends[1]);
-            mRead[i] = ends[0];
-        }
         mThread = std::thread([this] { pump(); });
     }
     OutputCapture(const OutputCapture &) = delete;
@@ -326,24 +289,18 @@ public:
     // cannot keep the job waiting: the rest is read for at most a second.
     ~OutputCapture() {
         std::fflush(nullptr);
-        const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-        if (null >= 0) {
-            ::dup2(null, STDOUT_FILENO);
-            ::dup2(null, STDERR_FILENO);
-            ::close(null);
-        }
+        Platform::release_standard();
         mStop = true;
         if (mThread.joinable())
             mThread.join();
-        for (const int fd : mRead)
-            if (fd >= 0)
-                ::close(fd);
+        for (Pipe &end : mRead)
+            Platform::close_pipe(end);
     }
 
 private:
     void pump() {
         std::string pending[2];
-        bool open[2] = {mRead[0] >= 0, mRead[1] >= 0};
+        bool open[2] = {mRead[0] != NO_PIPE, mRead[1] != NO_PIPE};
         auto &console = ORN::console();
         const auto emit = [&](int i, std::string_view line) {
             if (!line.empty() && line.back() == '\r')
@@ -356,15 +313,14 @@ private:
                 stopping = ORN::TimePoint::now();
             if (stopping != ORN::TimePoint() && stopping.elapsed().seconds() > 1.0)
                 break;
-            pollfd polls[2] = {{open[0] ? mRead[0] : -1, POLLIN, 0}, {open[1] ? mRead[1] : -1, POLLIN, 0}};
-            if (::poll(polls, 2, 100) <= 0)
-                continue;
+            std::vector<bool> ready;
+            Platform::wait_readable({open[0] ? mRead[0] : NO_PIPE, open[1] ? mRead[1] : NO_PIPE}, 100, ready);
             for (int i = 0; i < 2; ++i) {
-                if (polls[i].revents == 0)
+                if (!ready[i])
                     continue;
                 char buffer[4096];
-                const ssize_t n = ::read(mRead[i], buffer, sizeof(buffer));
-                if (n < 0 && errno == EINTR)
+                const long n = Platform::read_some(mRead[i], buffer, sizeof(buffer));
+                if (n < 0)
                     continue;
                 if (n <= 0) {
                     open[i] = false;
@@ -382,7 +338,7 @@ private:
                 emit(i, pending[i]);
     }
 
-    int mRead[2] = {-1, -1};
+    Pipe mRead[2] = {NO_PIPE, NO_PIPE};
     std::atomic<bool> mStop{false};
     std::thread mThread;
 };
@@ -407,7 +363,7 @@ constexpr std::string_view JOB_LOG_FOLDER = "caches/logs";
 // once, so that a run cut short in its first process still records it.
 class ConsoleWatch {
 public:
-    explicit ConsoleWatch(int pipe) {
+    explicit ConsoleWatch(Pipe pipe) {
         ORN::console().listen([this, pipe](ORN::ConsoleLevel level, std::string_view text) {
             constexpr std::string_view BANNER = "BUILD-TIME = ";
             const std::lock_guard<std::mutex> lock(mMutex);
@@ -448,7 +404,7 @@ private:
 // the child. `time_limit` is the launcher's option (negative: none given,
 // the settings decide). A record that cannot be written at the start of a
 // process fails that process, as its own first write into the job would.
-int run_job(const JOB &job, const Factories &factories, int pipe, std::int64_t time_limit, RUN_RECORD record) {
+int run_job(const JOB &job, const Factories &factories, Pipe pipe, std::int64_t time_limit, RUN_RECORD record) {
     auto &console = ORN::console();
     if (!job.mLog.empty() || job.mLogInJob)
         console.detach_log();
@@ -528,26 +484,6 @@ int run_job(const JOB &job, const Factories &factories, int pipe, std::int64_t t
     return EXIT_DONE;
 }
 
-// Waits for the child; after `grace` seconds (negative: no end) it is
-// killed with its process group.
-int wait_child(pid_t child, double grace) {
-    const ORN::TimePoint start = ORN::TimePoint::now();
-    int status = 0;
-    for (;;) {
-        const pid_t r = ::waitpid(child, &status, grace < 0 ? 0 : WNOHANG);
-        if (r == child || (r < 0 && errno != EINTR))
-            return status;
-        if (r == 0) {
-            if (start.elapsed().seconds() > grace) {
-                ::kill(-child, SIGKILL);
-                grace = -1;
-            } else {
-                ::usleep(20000);
-            }
-        }
-    }
-}
-
 // How long a child that is asked to stop by the signal the launcher was sent
 // may take before it is killed.
 constexpr double STOP_GRACE_SECONDS = 10.0;
@@ -571,75 +507,41 @@ public:
           mOutcomes(outcomes), mCapture(capture) {}
     JobRun(const JobRun &) = delete;
     JobRun &operator=(const JobRun &) = delete;
-    ~JobRun() {
-        for (int &fd : {std::ref(mChannel), std::ref(mOutput[0]), std::ref(mOutput[1])})
-            if (fd >= 0)
-                ::close(fd);
-    }
+    ~JobRun() { Platform::release_child(mChild); }
 
-    // Forks the child; `cpus`, when not empty, is the processors it may use.
-    void start(const std::vector<int> &cpus) {
-        int channel[2], output[2][2] = {{-1, -1}, {-1, -1}};
-        if (::pipe2(channel, O_CLOEXEC) != 0)
-            throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
-        for (int i = 0; mCapture && i < 2; ++i)
-            if (::pipe2(output[i], O_CLOEXEC) != 0)
-                throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
+    // Starts the child; `cpus`, when not empty, is the processors it may
+    // use. `index` and `directory` tell a child that is the launcher started
+    // again which job it runs and where the launcher was started.
+    void start(const std::vector<int> &cpus, std::size_t index, const std::string &directory) {
         mRecord.mStarted = utc_now();
         std::fflush(nullptr);
-        mChild = ::fork();
-        if (mChild < 0)
-            throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
-        if (mChild == 0) {
-            ::setpgid(0, 0);
-            for (const int signal : STOP_SIGNALS)
-                ::signal(signal, SIG_DFL);
-            ::close(channel[0]);
-            ::close(gWake[0]);
-            ::close(gWake[1]);
-            if (!cpus.empty()) {
-                cpu_set_t set;
-                CPU_ZERO(&set);
-                for (const int cpu : cpus)
-                    CPU_SET(cpu, &set);
-                ::sched_setaffinity(0, sizeof(set), &set);
-            }
-            if (mCapture) {
-                for (int i = 0; i < 2; ++i) {
-                    ::dup2(output[i][1], i + 1);
-                    ::close(output[i][0]);
-                    ::close(output[i][1]);
-                }
-                ORN::console().redirect(STDOUT_FILENO, STDERR_FILENO);
-            }
-            const int status = run_job(mJob, mFactories, channel[1], mTimeLimit, mRecord);
-            std::fflush(nullptr);
-            ::_exit(status);
-        }
-        ::setpgid(mChild, mChild);
-        ::close(channel[1]);
-        mChannel = channel[0];
-        for (int i = 0; mCapture && i < 2; ++i) {
-            ::close(output[i][1]);
-            mOutput[i] = output[i][0];
-        }
+        Platform::CHILD_START start;
+        start.mCapture = mCapture;
+        start.mCpus = cpus;
+        start.mDirectory = directory;
+        start.mChildArgument = std::to_string(index) + ":" + std::to_string(mRecord.mPid) + ":" + mRecord.mStarted;
+        start.mBody = [this](Pipe channel) {
+            if (mCapture)
+                Platform::console_to_standard();
+            return run_job(mJob, mFactories, channel, mTimeLimit, mRecord);
+        };
+        mChild = Platform::start_child(start);
     }
 
     const JOB &job() const { return mJob; }
-    pid_t child() const { return mChild; }
     // The child has said its last (or passed its time limit): finish() next.
-    bool over() const { return mChannel < 0 || mTimedOut; }
+    bool over() const { return mChild.mChannel == NO_PIPE || mTimedOut; }
 
-    // The descriptors to wait on, and what they brought.
-    void add_polls(std::vector<pollfd> &polls) const {
-        for (const int fd : {mChannel, mOutput[0], mOutput[1]})
-            polls.push_back({fd, POLLIN, 0});
+    // The pipes to wait on, and what they brought.
+    void add_pipes(std::vector<Pipe> &ends) const {
+        for (const Pipe end : {mChild.mChannel, mChild.mOutput[0], mChild.mOutput[1]})
+            ends.push_back(end);
     }
-    void on_polls(const pollfd *polls) {
-        if (polls[0].revents != 0)
+    void on_ready(const std::vector<bool>::const_iterator ready) {
+        if (ready[0])
             read_channel();
         for (int i = 0; i < 2; ++i)
-            if (polls[1 + i].revents != 0)
+            if (ready[1 + i])
                 read_output(i);
     }
 
@@ -662,9 +564,9 @@ public:
         auto &console = ORN::console();
         const std::string name = current_name();
         if (mTimedOut) {
-            ::kill(-mChild, SIGKILL);
+            Platform::kill_child(mChild);
             end_output();
-            wait_child(mChild, -1);
+            Platform::wait_child(mChild, -1);
             console.error(mJob.mLabel, name, " error");
             const std::string line = name + " exceeded its time limit of " + std::to_string(mLimit) + " s and was ended";
             console.error(mJob.mLabel, line);
@@ -672,30 +574,30 @@ public:
             return EXIT_FAILED;
         }
         end_output();
-        const int status = wait_child(mChild, -1);
+        const Platform::ENDING ending = Platform::wait_child(mChild, -1);
         if (mFailed)
             return EXIT_FAILED;
-        if (mCurrent < 0 && WIFEXITED(status) && WEXITSTATUS(status) == EXIT_DONE)
+        if (mCurrent < 0 && !ending.mSignalled && ending.mCode == EXIT_DONE)
             return EXIT_DONE;
         console.error(mJob.mLabel, name, " error");
         std::string line;
-        if (WIFSIGNALED(status)) {
-            const int signal = WTERMSIG(status);
+        if (ending.mSignalled) {
+            const int signal = ending.mCode;
             // Sent to the whole job by whoever sent the launcher its stop
             // signal (a scheduler cancelling the job, a terminal's ^C).
-            if (gSignal != 0 && signal == gSignal)
-                return stopped(static_cast<int>(gSignal), false);
-            line = "the program was ended by signal " + std::to_string(signal) + " (" + ::strsignal(signal) + ") during " + name;
+            if (Platform::stop_signal() != 0 && signal == Platform::stop_signal())
+                return stopped(Platform::stop_signal(), false);
+            line = "the program was ended by " + Platform::signal_text(signal) + " during " + name;
             // A stop signal sent to the job from outside (a scheduler that
             // signals every program of a cancelled job, the launcher's
             // own signal still on its way) stopped the job: nothing failed.
-            if (std::find(std::begin(STOP_SIGNALS), std::end(STOP_SIGNALS), signal) != std::end(STOP_SIGNALS)) {
+            if (Platform::is_stop_signal(signal)) {
                 console.error(mJob.mLabel, line);
                 record_end("interrupted", "interrupted", line);
                 return EXIT_FAILED;
             }
         } else {
-            line = "a library ended the program with exit status " + std::to_string(WEXITSTATUS(status)) + " during " + name;
+            line = "a library ended the program with exit status " + std::to_string(ending.mCode) + " during " + name;
         }
         console.error(mJob.mLabel, line);
         record_end("failed", "failed", line);
@@ -705,17 +607,16 @@ public:
     // The launcher was sent `signal`: it is passed on to the job's process
     // group (once), then the child is waited for until `deadline` (killed
     // after it).
-    void pass_on(int signal) { ::kill(-mChild, signal); }
+    void pass_on(int signal) { Platform::signal_child(mChild, signal); }
     int stopped(int signal, bool wait = true) {
         auto &console = ORN::console();
         const std::string name = current_name();
         if (wait) {
             end_output(STOP_GRACE_SECONDS);
-            wait_child(mChild, STOP_GRACE_SECONDS);
+            Platform::wait_child(mChild, STOP_GRACE_SECONDS);
             console.error(mJob.mLabel, name, " error");
         }
-        const std::string line = "zarn was sent signal " + std::to_string(signal) + " (" + ::strsignal(signal) + ") during " +
-                                 name + "; the job was stopped";
+        const std::string line = "zarn was sent " + Platform::signal_text(signal) + " during " + name + "; the job was stopped";
         console.error(mJob.mLabel, line);
         record_end("interrupted", "interrupted", line);
         return EXIT_FAILED;
@@ -760,12 +661,11 @@ private:
 
     void read_channel() {
         char buffer[4096];
-        const ssize_t n = ::read(mChannel, buffer, sizeof(buffer));
-        if (n < 0 && errno == EINTR)
+        const long n = Platform::read_some(mChild.mChannel, buffer, sizeof(buffer));
+        if (n < 0)
             return;
-        if (n <= 0) {
-            ::close(mChannel);
-            mChannel = -1;
+        if (n == 0) {
+            Platform::close_pipe(mChild.mChannel);
             return;
         }
         mPending.append(buffer, static_cast<std::size_t>(n));
@@ -813,15 +713,14 @@ private:
     // error (error level), each shown with the job's label.
     void read_output(int i) {
         char buffer[4096];
-        const ssize_t n = ::read(mOutput[i], buffer, sizeof(buffer));
-        if (n < 0 && errno == EINTR)
+        const long n = Platform::read_some(mChild.mOutput[i], buffer, sizeof(buffer));
+        if (n < 0)
             return;
-        if (n <= 0) {
+        if (n == 0) {
             if (!mLine[i].empty())
                 emit(i, mLine[i]);
             mLine[i].clear();
-            ::close(mOutput[i]);
-            mOutput[i] = -1;
+            Platform::close_pipe(mChild.mOutput[i]);
             return;
         }
         mLine[i].append(buffer, static_cast<std::size_t>(n));
@@ -840,14 +739,13 @@ private:
     // `seconds`, negative: no bound).
     void end_output(double seconds = -1) {
         const ORN::TimePoint start = ORN::TimePoint::now();
-        while (mOutput[0] >= 0 || mOutput[1] >= 0) {
+        while (mChild.mOutput[0] != NO_PIPE || mChild.mOutput[1] != NO_PIPE) {
             if (seconds >= 0 && start.elapsed().seconds() > seconds)
                 break;
-            pollfd polls[2] = {{mOutput[0], POLLIN, 0}, {mOutput[1], POLLIN, 0}};
-            if (::poll(polls, 2, 100) <= 0)
-                continue;
+            std::vector<bool> ready;
+            Platform::wait_readable({mChild.mOutput[0], mChild.mOutput[1]}, 100, ready);
             for (int i = 0; i < 2; ++i)
-                if (polls[i].revents != 0)
+                if (ready[i])
                     read_output(i);
         }
     }
@@ -858,9 +756,7 @@ private:
     RUN_RECORD mRecord;
     OUTCOME *mOutcomes;
     bool mCapture;
-    pid_t mChild = -1;
-    int mChannel = -1;
-    int mOutput[2] = {-1, -1};
+    Platform::CHILD mChild;
     std::string mPending, mLine[2];
     int mCurrent = -1; // the process running in the child, -1 between processes
     ORN::TimePoint mStarted;
@@ -876,14 +772,7 @@ std::vector<std::vector<int>> processor_shares(std::size_t slots) {
     std::vector<std::vector<int>> shares(slots);
     if (slots < 2)
         return shares;
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    if (::sched_getaffinity(0, sizeof(set), &set) != 0)
-        return shares;
-    std::vector<int> cpus;
-    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu)
-        if (CPU_ISSET(cpu, &set))
-            cpus.push_back(cpu);
+    const std::vector<int> cpus = Platform::processors();
     if (cpus.empty())
         return shares;
     if (cpus.size() < slots) {
@@ -929,27 +818,34 @@ std::vector<std::string> job_names(const std::vector<std::string> &workdirs) {
     return names;
 }
 
-// Runs the jobs, `parallel` at once, each in its own child: a single event
-// loop follows every running child (its events, its console lines, its
-// time limit) and the launcher's stop signals.
-int run_jobs(const std::vector<JOB> &jobs, const Factories &factories, std::int64_t time_limit, std::size_t parallel,
-             std::vector<OUTCOME> &outcomes) {
-    const std::size_t slots = std::min(parallel, jobs.size());
-    const bool capture = slots > 1;
-    const auto shares = processor_shares(slots);
-    std::vector<std::size_t> free_slots;
-    for (std::size_t s = slots; s-- > 0;)
-        free_slots.push_back(s);
-
+// The run record every job of a run starts from.
+RUN_RECORD base_record(const Factories &factories, std::int64_t pid) {
     RUN_RECORD base;
     base.mLauncher = std::string("zarn ") + ZARN_VERSION;
     base.mHost = host_name();
-    base.mPid = ::getpid();
+    base.mPid = pid;
     for (const auto &f : factories) {
         PROCESS_RECORD process;
         process.mName = f.first;
         base.mProcesses.push_back(std::move(process));
     }
+    return base;
+}
+
+// Runs the jobs, `parallel` at once, each in its own child: a single event
+// loop follows every running child (its events, its console lines, its
+// time limit) and the launcher's stop signals. `directory` is where the
+// launcher was started.
+int run_jobs(const std::vector<JOB> &jobs, const Factories &factories, std::int64_t time_limit, std::size_t parallel,
+             const std::string &directory, std::vector<OUTCOME> &outcomes) {
+    const std::size_t slots = std::min(parallel, jobs.size());
+    const bool capture = slots > 1 || !Platform::CHILD_SHARES_CONSOLE;
+    const auto shares = processor_shares(slots);
+    std::vector<std::size_t> free_slots;
+    for (std::size_t s = slots; s-- > 0;)
+        free_slots.push_back(s);
+
+    const RUN_RECORD base = base_record(factories, Platform::current_pid());
 
     struct RUNNING {
         std::unique_ptr<JobRun> mRun;
@@ -959,19 +855,19 @@ int run_jobs(const std::vector<JOB> &jobs, const Factories &factories, std::int6
     std::size_t next = 0;
     int status = EXIT_DONE;
     for (;;) {
-        while (gSignal == 0 && next < jobs.size() && running.size() < slots) {
+        while (Platform::stop_signal() == 0 && next < jobs.size() && running.size() < slots) {
             auto run = std::make_unique<JobRun>(jobs[next], factories, time_limit, base, &outcomes[next * factories.size()],
                                                 capture);
             const std::size_t slot = free_slots.back();
             free_slots.pop_back();
-            run->start(shares[slot]);
+            run->start(shares[slot], next, directory);
             running.push_back({std::move(run), slot});
             ++next;
         }
         if (running.empty())
             break;
-        if (gSignal != 0) {
-            const int signal = gSignal;
+        if (Platform::stop_signal() != 0) {
+            const int signal = Platform::stop_signal();
             for (auto &r : running)
                 r.mRun->pass_on(signal);
             for (auto &r : running)
@@ -984,13 +880,14 @@ int run_jobs(const std::vector<JOB> &jobs, const Factories &factories, std::int6
         for (auto &r : running)
             if (const int left = r.mRun->time_left(); left >= 0)
                 wait = wait < 0 ? left : std::min(wait, left);
-        std::vector<pollfd> polls{{gWake[0], POLLIN, 0}};
+        std::vector<Pipe> ends;
         for (auto &r : running)
-            r.mRun->add_polls(polls);
-        if (::poll(polls.data(), polls.size(), wait) > 0)
-            for (std::size_t i = 0; i < running.size(); ++i)
-                running[i].mRun->on_polls(&polls[1 + 3 * i]);
-        if (gSignal != 0)
+            r.mRun->add_pipes(ends);
+        std::vector<bool> ready;
+        Platform::wait_readable(ends, wait, ready);
+        for (std::size_t i = 0; i < running.size(); ++i)
+            running[i].mRun->on_ready(ready.cbegin() + static_cast<std::ptrdiff_t>(3 * i));
+        if (Platform::stop_signal() != 0)
             continue;
         for (auto &r : running)
             r.mRun->time_left();
@@ -1008,12 +905,30 @@ int run_jobs(const std::vector<JOB> &jobs, const Factories &factories, std::int6
     return status;
 }
 
+// A child that is the launcher started again for one job (Windows): the job
+// and the run record's start come from --child "<job>:<launcher pid>:<start>",
+// its console lines go to the standard output and error it was given.
+int run_child(const Options &o, const std::vector<JOB> &jobs, const Factories &factories) {
+    const std::size_t first = o.child.find(':'), second = o.child.find(':', first + 1);
+    if (second == std::string::npos)
+        throw UsageError{"--child needs <job>:<pid>:<start>, not " + o.child};
+    const auto index = whole_number(o.child.substr(0, first), 0, "--child needs a job number, not ");
+    if (static_cast<std::size_t>(index) >= jobs.size())
+        throw UsageError{"--child names no job: " + o.child};
+    RUN_RECORD record = base_record(factories, whole_number(o.child.substr(first + 1, second - first - 1), 0,
+                                                            "--child needs the launcher's pid, not "));
+    record.mStarted = o.child.substr(second + 1);
+    Platform::console_to_standard();
+    return run_job(jobs[static_cast<std::size_t>(index)], factories, Platform::channel_of(o.channel), o.time_limit,
+                   std::move(record));
+}
+
 int run(const Options &o) {
     std::vector<std::string> workdirs;
     for (const auto &w : o.workdirs)
         workdirs.push_back(working_directory(w));
-    const std::string module =
-        o.module.empty() ? absolute_path(launcher_directory() + "/../lib/libZARN_Velda.so") : absolute_path(o.module);
+    const std::string module = o.module.empty() ? absolute_path(launcher_directory() + "/" + Platform::DEFAULT_MODULE)
+                                                : absolute_path(o.module);
     const std::string log = o.log.empty() ? std::string() : absolute_path(o.log);
     const bool several = o.parallel > 1 && workdirs.size() > 1;
     std::vector<JOB> jobs;
@@ -1030,22 +945,32 @@ int run(const Options &o) {
         jobs.push_back(std::move(job));
     }
 
-    void *library = dlopen(module.c_str(), RTLD_NOW | RTLD_LOCAL);
+    std::string reason;
+    void *library = Platform::load_module(module, reason);
     if (library == nullptr)
-        throw UsageError{"cannot load module " + module + ": " + dlerror()};
+        throw UsageError{"cannot load module " + module + ": " + reason};
     Factories factories;
     for (const auto &name : o.processes) {
-        auto f = reinterpret_cast<Factory>(dlsym(library, factory_symbol(name).c_str()));
+        auto f = reinterpret_cast<Factory>(Platform::find_symbol(library, factory_symbol(name)));
         if (f == nullptr)
             throw UsageError{"module " + module + " has no factory for " + name};
         factories.emplace_back(name, f);
     }
-    if (!o.libs.empty() && chdir(o.libs.c_str()) != 0)
+    const std::string directory = fs::current_path().string();
+    if (!o.libs.empty() && !Platform::change_directory(o.libs))
         throw UsageError{"cannot enter library directory " + o.libs};
 
     auto &console = ORN::console();
     if (!o.verbose)
         console.set_screen_level(ORN::ConsoleLevel::Info);
+    ORN::JobLock::set_wait(!o.no_wait);
+    // The module and its libraries learn it from the environment, which
+    // every job's child inherits.
+    if (o.force)
+        Platform::set_environment("ZARN_FORCE", "1");
+    ZARN::STLStreamLogger logger(console);
+    if (!o.child.empty())
+        return run_child(o, jobs, factories);
     if (!log.empty()) {
         // What stands in the way is told in one line before the console
         // touches the folder (and rotates the old logs); a failure that
@@ -1062,22 +987,16 @@ int run(const Options &o) {
             throw UsageError{"cannot write the log in " + log};
         }
     }
-    ORN::JobLock::set_wait(!o.no_wait);
-    // The module and its libraries learn it from the environment, which
-    // every job's child inherits.
-    if (o.force)
-        ::setenv("ZARN_FORCE", "1", 1);
-    ZARN::STLStreamLogger logger(console);
 
-    catch_stop_signals();
+    Platform::catch_stop_signals();
     std::vector<OUTCOME> outcomes;
     for (const auto &workdir : workdirs)
         for (const auto &f : factories)
             outcomes.push_back({workdir, f.first});
-    const int status = run_jobs(jobs, factories, o.time_limit, static_cast<std::size_t>(o.parallel), outcomes);
+    const int status = run_jobs(jobs, factories, o.time_limit, static_cast<std::size_t>(o.parallel), directory, outcomes);
     print_summary(outcomes);
-    if (gSignal != 0)
-        return 128 + gSignal;
+    if (Platform::stop_signal() != 0)
+        return 128 + Platform::stop_signal();
     return status;
 }
 

@@ -8,7 +8,7 @@
 #include "__ORN__/orn_filesystem.h"
 #include "__ORN__/orn_serialization.h"
 
-#include <unistd.h>
+#include "host/platform.h"
 
 #include <cmath>
 #include <ctime>
@@ -24,19 +24,13 @@ const PROCESS_RECORD *RUN_RECORD::stopped_in() const {
 
 std::string utc_now() {
     const std::time_t now = std::time(nullptr);
-    std::tm parts{};
-    ::gmtime_r(&now, &parts);
+    const std::tm parts = Platform::utc_parts(now);
     char text[32];
     std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &parts);
     return text;
 }
 
-std::string host_name() {
-    char name[256] = {};
-    if (::gethostname(name, sizeof(name) - 1) != 0)
-        return "unknown";
-    return name;
-}
+std::string host_name() { return Platform::host_name(); }
 
 std::string to_json(const RUN_RECORD &record) {
     ORN::JsonWriter w(1024);

@@ -9,11 +9,11 @@
 #include "__ORN__/orn_runtime.h"
 #include "__ORN__/orn_serialization.h"
 
-#include <signal.h>
+#include "host/platform.h"
 
-#include <cerrno>
 #include <cmath>
 #include <ctime>
+#include <fstream>
 #include <iostream>
 #include <vector>
 
@@ -21,22 +21,27 @@ namespace ZARN::Host {
 
 namespace {
 
-// Seconds since the epoch of "YYYY-MM-DDTHH:MM:SSZ"; -1 when it is not one.
-std::int64_t epoch_of(const std::string &utc) {
-    std::tm parts{};
-    const char *end = ::strptime(utc.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts);
-    if (end == nullptr || *end != '\0')
-        return -1;
-    return static_cast<std::int64_t>(::timegm(&parts));
-}
+using Platform::epoch_of;
 
-bool launcher_alive(std::int64_t pid) {
-    return pid > 0 && (::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM);
-}
+bool launcher_alive(std::int64_t pid) { return pid > 0 && Platform::process_alive(pid); }
 
 constexpr const char *STATES[] = {"done", "failed", "interrupted", "running", "not run", "unreadable"};
 
 } // namespace
+
+std::vector<std::string> jobs_from_file(const std::string &file) {
+    std::ifstream in(file, std::ios::binary);
+    if (!in)
+        throw UsageError{"cannot read the job list " + file};
+    std::vector<std::string> jobs;
+    for (std::string line; std::getline(in, line);) {
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        if (!line.empty())
+            jobs.push_back(absolute_path(line));
+    }
+    return jobs;
+}
 
 JOB_STATUS job_status(const std::string &workdir) {
     JOB_STATUS s;

@@ -262,20 +262,6 @@ int submit_again(const std::string &folder_given) {
 
 } // namespace
 
-std::vector<std::string> jobs_from_file(const std::string &file) {
-    std::ifstream in(file, std::ios::binary);
-    if (!in)
-        throw UsageError{"cannot read the job list " + file};
-    std::vector<std::string> jobs;
-    for (std::string line; std::getline(in, line);) {
-        if (!line.empty() && line.back() == '\r')
-            line.pop_back();
-        if (!line.empty())
-            jobs.push_back(absolute_path(line));
-    }
-    return jobs;
-}
-
 int submit_command(int argc, char **argv) {
     SUBMISSION s;
     std::string into, from, again;
