@@ -177,6 +177,25 @@ private:
 // ---------------------------------------------------------------------------
 // The run sequence shared by every process.
 
+// A node whose action and release together take at least this long is a
+// heavy one: its time is reported at info level.
+constexpr ORN::INDEX HEAVY_NODE_NS = 50'000'000;
+
+// The graph's time report, costliest node first, one line per node
+// ("<node> : action A ms, release R ms"): the heavy nodes at info level, so
+// that a plain run shows where its time went, the others at verbose level.
+inline void report_times(const ORN::SyntaxTree &tree, ORN::ConsoleService &console) {
+    char line[64];
+    for (const auto &r : tree.time_report()) {
+        std::snprintf(line, sizeof(line), " : action %.3f ms, release %.3f ms", double(r.mActionTime) * 1e-6,
+                      double(r.mReleaseTime) * 1e-6);
+        if (r.mActionTime + r.mReleaseTime >= HEAVY_NODE_NS)
+            console.info(r.mName, line);
+        else
+            console.verbose(r.mName, line);
+    }
+}
+
 // The build stamp of the module, one for all its processes: the date and
 // time at which the module was last built.
 extern const char BUILD_DATE[];
@@ -222,16 +241,6 @@ protected:
         return mSyntaxTree.to_dot();
     }
 
-    // The graph's time report, costliest node first, at verbose level.
-    void report_times(ORN::ConsoleService &console) const {
-        char line[64];
-        for (const auto &r : mSyntaxTree.time_report()) {
-            std::snprintf(line, sizeof(line), " : action %.3f ms, release %.3f ms", double(r.mActionTime) * 1e-6,
-                          double(r.mReleaseTime) * 1e-6);
-            console.verbose(r.mName, line);
-        }
-    }
-
     // Everything of `initialize` after the working name is set and checked:
     // the split data and the settings files are read here, also for a
     // process that turns out to be disabled.
@@ -264,7 +273,7 @@ protected:
             mSyntaxTree.clean();
             mSyntaxTree.play();
             mSyntaxTree.observe(nullptr);
-            report_times(console);
+            report_times(mSyntaxTree, console);
         }
         console.info("total time costs : ", start.elapsed().text());
         console.info("all done");
