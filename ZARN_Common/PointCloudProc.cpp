@@ -425,12 +425,32 @@ KD_Tree build_tree(const CLOUD &cloud) {
     });
 }
 
-ORN::Array<float> neighbour_distance(const KD_Tree &tree, const CLOUD &cloud, INDEX k, ORN::WorkThread &workers) {
+ORN::Array<float> neighbour_distance(const KD_Tree &tree, const CLOUD &cloud, INDEX k, ORN::WorkThread &workers,
+                                     NEAREST_ROWS *unoriented) {
     _DYNAMIC_ASSERT_(k > 0 && k < cloud.size ());
+    const auto has_normal = [&cloud](INDEX i) {
+        const float *n = &cloud.mNormal[3 * i];
+        return n[0] != 0 || n[1] != 0 || n[2] != 0;
+    };
+    // Where each block's points without normals start in the table.
+    ORN::Array<INDEX> first(block_count(cloud.size()) + 1);
+    if (unoriented != nullptr) {
+        _DYNAMIC_ASSERT_(cloud.size () <= INDEX (std::numeric_limits<std::uint32_t>::max ()));
+        workers.parallel_for(block_count(cloud.size()), [&](INDEX b) {
+            for (INDEX i = b * BLOCK; i < std::min(cloud.size(), (b + 1) * BLOCK); ++i)
+                first[b + 1] += !has_normal(i);
+        });
+        for (INDEX b = 1; b < first.size(); ++b)
+            first[b] += first[b - 1];
+        unoriented->mWidth = k + 1;
+        unoriented->mPoint = ORN::Array<std::uint32_t>(first.back());
+        unoriented->mRow = ORN::Array<std::uint32_t>(first.back() * (k + 1));
+    }
     ORN::Array<float> distance(cloud.size());
     workers.parallel_for(block_count(cloud.size()), [&](INDEX b) {
         ORN::Array<ORN::PACK<INDEX, double>> near;
         ORN::Vector<double> query(3);
+        INDEX slot = first[b];
         const INDEX last = std::min(cloud.size(), (b + 1) * BLOCK);
         for (INDEX i = b * BLOCK; i < last; ++i) {
             for (int a = 0; a < 3; ++a)
@@ -444,6 +464,12 @@ ORN::Array<float> neighbour_distance(const KD_Tree &tree, const CLOUD &cloud, IN
                     ++used;
                 }
             distance[i] = static_cast<float>(sum / double(used));
+            if (unoriented != nullptr && !has_normal(i)) {
+                unoriented->mPoint[slot] = static_cast<std::uint32_t>(i);
+                for (INDEX j = 0; j <= k; ++j)
+                    unoriented->mRow[slot * (k + 1) + j] = static_cast<std::uint32_t>(near[j].mP1);
+                ++slot;
+            }
         }
     });
     return distance;
@@ -497,33 +523,34 @@ CLOUD remove_points(const CLOUD &cloud, const ORN::Array<std::uint8_t> &remove, 
     return out;
 }
 
-INDEX estimate_normals(const KD_Tree &tree, const CLOUD &tree_cloud, const ORN::Array<std::uint8_t> &skip, CLOUD &cloud,
-                       const ORN::Array<INDEX> &index, INDEX k, const ORN::Array<ORN::Vector<double>> &viewpoint,
-                       ORN::WorkThread &workers) {
+namespace {
+
+// The normals of the cloud points that have none, each fitted to the tree
+// rows `rows (i, near)` gives for point i (at most k + 1, nearest first).
+template <class ROWS>
+INDEX fit_normals(const CLOUD &tree_cloud, const ORN::Array<std::uint8_t> &skip, CLOUD &cloud,
+                  const ORN::Array<INDEX> &index, INDEX k, const ORN::Array<ORN::Vector<double>> &viewpoint,
+                  ORN::WorkThread &workers, ROWS &&rows) {
     _DYNAMIC_ASSERT_(k >= 2);
     _DYNAMIC_ASSERT_(index.size () == cloud.size ());
-    const INDEX ask = std::min(k + 1, tree_cloud.size());
     ORN::Array<INDEX> estimated(block_count(cloud.size()));
     workers.parallel_for(block_count(cloud.size()), [&](INDEX b) {
-        ORN::Array<ORN::PACK<INDEX, double>> near;
-        ORN::Vector<double> query(3);
+        ORN::Array<INDEX> near;
         const INDEX last = std::min(cloud.size(), (b + 1) * BLOCK);
         for (INDEX i = b * BLOCK; i < last; ++i) {
             float *normal = &cloud.mNormal[3 * i];
             if (normal[0] != 0 || normal[1] != 0 || normal[2] != 0)
                 continue;
             const float *p = &cloud.mPosition[3 * i];
-            for (int a = 0; a < 3; ++a)
-                query.data()[a] = p[a];
-            tree.find_nns(query, ask, near);
+            rows(i, near);
             // Covariance about the neighbourhood's centroid; the neighbours
             // are at most k + 1 points, the point itself among them.
             double sum[3] = {0, 0, 0}, product[6] = {0, 0, 0, 0, 0, 0};
             INDEX used = 0;
-            for (const auto &r : near) {
-                if (used == k + 1 || (skip.size() > 0 && skip[r.mP1] && r.mP1 != index[i]))
+            for (const INDEX row : near) {
+                if (used == k + 1 || (skip.size() > 0 && skip[row] && row != index[i]))
                     continue;
-                const float *q = &tree_cloud.mPosition[3 * r.mP1];
+                const float *q = &tree_cloud.mPosition[3 * row];
                 const double v[3] = {double(q[0]) - p[0], double(q[1]) - p[1], double(q[2]) - p[2]};
                 sum[0] += v[0], sum[1] += v[1], sum[2] += v[2];
                 product[0] += v[0] * v[0], product[1] += v[0] * v[1], product[2] += v[0] * v[2];
@@ -555,6 +582,39 @@ INDEX estimate_normals(const KD_Tree &tree, const CLOUD &tree_cloud, const ORN::
     for (INDEX e : estimated)
         total += e;
     return total;
+}
+
+} // namespace
+
+INDEX estimate_normals(const KD_Tree &tree, const CLOUD &tree_cloud, const ORN::Array<std::uint8_t> &skip, CLOUD &cloud,
+                       const ORN::Array<INDEX> &index, INDEX k, const ORN::Array<ORN::Vector<double>> &viewpoint,
+                       ORN::WorkThread &workers) {
+    const INDEX ask = std::min(k + 1, tree_cloud.size());
+    return fit_normals(tree_cloud, skip, cloud, index, k, viewpoint, workers, [&](INDEX i, ORN::Array<INDEX> &near) {
+        thread_local ORN::Array<ORN::PACK<INDEX, double>> found;
+        ORN::Vector<double> query(3);
+        for (int a = 0; a < 3; ++a)
+            query.data()[a] = cloud.mPosition[3 * i + a];
+        tree.find_nns(query, ask, found);
+        near.resize(found.size());
+        for (INDEX j = 0; j < found.size(); ++j)
+            near[j] = found[j].mP1;
+    });
+}
+
+INDEX estimate_normals(const NEAREST_ROWS &near, const CLOUD &tree_cloud, const ORN::Array<std::uint8_t> &skip,
+                       CLOUD &cloud, const ORN::Array<INDEX> &index, INDEX k,
+                       const ORN::Array<ORN::Vector<double>> &viewpoint, ORN::WorkThread &workers) {
+    _DYNAMIC_ASSERT_(near.mWidth == std::min (k + 1, tree_cloud.size ()));
+    return fit_normals(tree_cloud, skip, cloud, index, k, viewpoint, workers, [&](INDEX i, ORN::Array<INDEX> &rows) {
+        const auto at = std::lower_bound(near.mPoint.begin(), near.mPoint.end(), static_cast<std::uint32_t>(index[i]));
+        const bool r1x = at != near.mPoint.end() && INDEX(*at) == index[i];
+        _DYNAMIC_ASSERT_(r1x);
+        const INDEX slot = INDEX(at - near.mPoint.begin());
+        rows.resize(near.mWidth);
+        for (INDEX j = 0; j < near.mWidth; ++j)
+            rows[j] = near.mRow[slot * near.mWidth + j];
+    });
 }
 
 std::uint8_t floor_of(const ORN::Array<FLOOR> &floors, double z) {

@@ -53,8 +53,20 @@ MERGED merge_chunks(ORN::Array<CLOUD> &chunks, double radius, ORN::WorkThread &w
 // The kd-tree over a cloud's positions.
 KD_Tree build_tree(const CLOUD &cloud);
 
-// Mean distance of every point to its k nearest other points.
-ORN::Array<float> neighbour_distance(const KD_Tree &tree, const CLOUD &cloud, INDEX k, ORN::WorkThread &workers);
+// The nearest rows of a tree (the point's own row among them) of the cloud
+// points that have no normal, as a search found them: the normals of those
+// points are then fitted without searching again.
+struct NEAREST_ROWS {
+    INDEX mWidth = 0;                 // rows per point
+    ORN::Array<std::uint32_t> mPoint; // the points listed (their rows), ascending
+    ORN::Array<std::uint32_t> mRow;   // mWidth rows per point listed, nearest first
+};
+
+// Mean distance of every point to its k nearest other points, `cloud`
+// being the tree's own points. With `unoriented`, the k + 1 rows found for
+// each point without a normal are kept there.
+ORN::Array<float> neighbour_distance(const KD_Tree &tree, const CLOUD &cloud, INDEX k, ORN::WorkThread &workers,
+                                     NEAREST_ROWS *unoriented = nullptr);
 
 // Statistical outliers: points whose mean neighbour distance exceeds the
 // average over the cloud by more than `ratio` standard deviations.
@@ -73,6 +85,12 @@ CLOUD remove_points(const CLOUD &cloud, const ORN::Array<std::uint8_t> &remove, 
 // `skip` are not used), turned towards `viewpoint (chunk)`. `index (i)` is
 // the tree row of cloud point i. Returns the number of normals estimated.
 INDEX estimate_normals(const KD_Tree &tree, const CLOUD &tree_cloud, const ORN::Array<std::uint8_t> &skip,
+                       CLOUD &cloud, const ORN::Array<INDEX> &index, INDEX k,
+                       const ORN::Array<ORN::Vector<double>> &viewpoint, ORN::WorkThread &workers);
+// The same from the rows a search kept (`neighbour_distance` with the
+// same k over the tree's cloud): every point of `cloud` without a normal
+// must be listed there; the normals are those the tree would give.
+INDEX estimate_normals(const NEAREST_ROWS &near, const CLOUD &tree_cloud, const ORN::Array<std::uint8_t> &skip,
                        CLOUD &cloud, const ORN::Array<INDEX> &index, INDEX k,
                        const ORN::Array<ORN::Vector<double>> &viewpoint, ORN::WorkThread &workers);
 

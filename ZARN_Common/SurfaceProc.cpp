@@ -46,24 +46,29 @@ MESH compact(const MESH &mesh, const ORN::Array<std::uint8_t> &keep) {
 
 } // namespace
 
-double extent(const PointCloudProc::CLOUD &points) {
+double extent(const PointCloudProc::CLOUD &points, SELECTION selection) {
     float low[3] = {std::numeric_limits<float>::max(), std::numeric_limits<float>::max(),
                     std::numeric_limits<float>::max()};
     float high[3] = {std::numeric_limits<float>::lowest(), std::numeric_limits<float>::lowest(),
                      std::numeric_limits<float>::lowest()};
-    for (INDEX i = 0; i < points.size(); ++i)
+    bool any = false;
+    for (INDEX i = 0; i < points.size(); ++i) {
+        if (!selection.has(i))
+            continue;
+        any = true;
         for (int a = 0; a < 3; ++a) {
             low[a] = std::min(low[a], points.mPosition[3 * i + a]);
             high[a] = std::max(high[a], points.mPosition[3 * i + a]);
         }
+    }
     double out = 0;
-    for (int a = 0; a < 3 && points.size() > 0; ++a)
+    for (int a = 0; a < 3 && any; ++a)
         out = std::max(out, double(high[a]) - low[a]);
     return out;
 }
 
-int surface_depth(const PointCloudProc::CLOUD &points, double spacing) {
-    const double extent = SurfaceProc::extent(points);
+int surface_depth(const PointCloudProc::CLOUD &points, double spacing, SELECTION selection) {
+    const double extent = SurfaceProc::extent(points, selection);
     // Open3D's Poisson grid spans 1.1 times the extent.
     const double cells = 1.1 * extent / std::max(2 * spacing, 1e-6);
     const int depth = static_cast<int>(std::ceil(std::log2(std::max(cells, 1.0))));
@@ -72,7 +77,7 @@ int surface_depth(const PointCloudProc::CLOUD &points, double spacing) {
 
 #ifdef _WIN32
 // The Windows build has no Open3D: the surface step fails, saying so.
-MESH reconstruct(const PointCloudProc::CLOUD &points, int, int) {
+MESH reconstruct(const PointCloudProc::CLOUD &points, int, int, SELECTION) {
     ORN::console().error("reconstruct_surface : ", points.size(),
                          " points : the Windows build has no surface reconstruction library (Open3D)");
     constexpr bool surface_library = false;
@@ -80,26 +85,40 @@ MESH reconstruct(const PointCloudProc::CLOUD &points, int, int) {
     throw ORN::Exception("unreachable");
 }
 #else
-MESH reconstruct(const PointCloudProc::CLOUD &points, int depth, int threads) {
-    _DYNAMIC_ASSERT_(extent (points) > 0);
+MESH reconstruct(const PointCloudProc::CLOUD &points, int depth, int threads, SELECTION selection) {
+    _DYNAMIC_ASSERT_(extent (points, selection) > 0);
+    INDEX n = 0;
+    for (INDEX i = 0; i < points.size(); ++i)
+        n += selection.has(i);
+    // The solver's own input: double precision, colours from 0 to 1.
     open3d::geometry::PointCloud cloud;
-    cloud.points_.resize(static_cast<std::size_t>(points.size()));
-    cloud.normals_.resize(static_cast<std::size_t>(points.size()));
-    cloud.colors_.resize(static_cast<std::size_t>(points.size()));
+    cloud.points_.resize(static_cast<std::size_t>(n));
+    cloud.normals_.resize(static_cast<std::size_t>(n));
+    cloud.colors_.resize(static_cast<std::size_t>(n));
+    std::size_t k = 0;
     for (INDEX i = 0; i < points.size(); ++i) {
-        const std::size_t k = static_cast<std::size_t>(i);
+        if (!selection.has(i))
+            continue;
         const float *p = &points.mPosition[3 * i];
-        const float *n = &points.mNormal[3 * i];
+        const float *q = &points.mNormal[3 * i];
         const std::uint8_t *c = &points.mColour[3 * i];
         cloud.points_[k] = Eigen::Vector3d(p[0], p[1], p[2]);
-        cloud.normals_[k] = Eigen::Vector3d(n[0], n[1], n[2]);
+        cloud.normals_[k] = Eigen::Vector3d(q[0], q[1], q[2]);
         cloud.colors_[k] = Eigen::Vector3d(c[0] / 255.0, c[1] / 255.0, c[2] / 255.0);
+        ++k;
     }
     // Open3D sizes its per-thread allocators by OpenMP's thread count: more
     // solver threads than that write past them.
     const int solvers = std::clamp(threads, 1, std::max(1, omp_get_max_threads()));
     auto [surface, density] = open3d::geometry::TriangleMesh::CreateFromPointCloudPoisson(
         cloud, static_cast<std::size_t>(depth), 0.0f, 1.1f, false, solvers);
+    // The input and the densities are done with: their memory goes before
+    // the surface is copied out.
+    cloud.Clear();
+    std::vector<Eigen::Vector3d>().swap(cloud.points_);
+    std::vector<Eigen::Vector3d>().swap(cloud.normals_);
+    std::vector<Eigen::Vector3d>().swap(cloud.colors_);
+    std::vector<double>().swap(density);
     MESH mesh;
     mesh.mVertex = ORN::Array<float>(static_cast<INDEX>(surface->vertices_.size()) * 3);
     mesh.mColour = ORN::Array<std::uint8_t>(static_cast<INDEX>(surface->vertices_.size()) * 3);
@@ -135,9 +154,13 @@ MESH trim(const MESH &mesh, const KD_Tree &tree, const ORN::Array<std::uint8_t> 
                 continue;
             for (int a = 0; a < 3; ++a)
                 query.data()[a] = p[a];
+            if (skip.empty()) {
+                supported[v] = tree.find_nn(query).mP2 <= distance;
+                continue;
+            }
             tree.find_nns(query, ASK, near);
             for (const auto &r : near)
-                if (skip.empty() || !skip[r.mP1]) {
+                if (!skip[r.mP1]) {
                     supported[v] = r.mP2 <= distance;
                     break;
                 }

@@ -24,20 +24,31 @@ struct MESH {
     INDEX triangle_count() const noexcept { return mTriangle.size() / 3; }
 };
 
-// The largest side of the points' bounding box (0 without points).
-double extent(const PointCloudProc::CLOUD &points);
+// Some points of a cloud: those whose `mGroup` entry is `mMember`, or all
+// of them when `mGroup` is empty. The surface steps read the points where
+// they are, so that no copy of a floor's points is made.
+struct SELECTION {
+    const ORN::Array<std::uint8_t> *mGroup = nullptr;
+    std::uint8_t mMember = 0;
+
+    bool has(INDEX i) const noexcept { return mGroup == nullptr || mGroup->empty() || (*mGroup)[i] == mMember; }
+};
+
+// The largest side of the selected points' bounding box (0 without points).
+double extent(const PointCloudProc::CLOUD &points, SELECTION selection = {});
 
 // Octree depth of the reconstruction: cells about twice the point spacing
-// over the points' extent, from 5 to 10.
-int surface_depth(const PointCloudProc::CLOUD &points, double spacing);
+// over the selected points' extent, from 5 to 10.
+int surface_depth(const PointCloudProc::CLOUD &points, double spacing, SELECTION selection = {});
 
-// The watertight Poisson surface of the points with their normals, which
-// must span some extent (points at one place fail "extent (points) > 0":
-// the solver cannot scale them into its grid). The solver's parallel
-// reductions sum in an order that varies from run to run: with one thread
-// the surface is the same on every run, with more it may differ in the
-// last bits of its vertices and, through them, in its triangles.
-MESH reconstruct(const PointCloudProc::CLOUD &points, int depth, int threads);
+// The watertight Poisson surface of the selected points with their normals,
+// which must span some extent (points at one place fail "extent (points,
+// selection) > 0": the solver cannot scale them into its grid). The
+// solver's parallel reductions sum in an order that varies from run to
+// run: with one thread the surface is the same on every run, with more it
+// may differ in the last bits of its vertices and, through them, in its
+// triangles.
+MESH reconstruct(const PointCloudProc::CLOUD &points, int depth, int threads, SELECTION selection = {});
 
 // The surface without what the points do not support: a triangle stays
 // when each of its vertices lies within `distance` of a point of the tree

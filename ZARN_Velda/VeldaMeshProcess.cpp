@@ -504,9 +504,7 @@ public:
     };
 
     // The kd-tree over the merged points, queried with
-    // mPointCloudSearchCount neighbours. The final point cloud is the merged
-    // one without its outliers, so its points are rows of this tree, and
-    // the searches that serve it pass over the outliers' rows.
+    // mPointCloudSearchCount neighbours, once per point (CON_mPointNeighbour).
     struct CON_mFinalPointCloudKDTree {
         ORN_NODE(CON_mFinalPointCloudKDTree);
         KD_Tree mSelf;
@@ -520,6 +518,26 @@ public:
         }
     };
 
+    // The one search of the merged points' neighbours: each point's mean
+    // distance to its mPointCloudSearchCount nearest others, and the rows
+    // found for the points without normals, from which their normals are
+    // fitted. The kd-tree goes once this is done.
+    struct CON_mPointNeighbour {
+        ORN_NODE(CON_mPointNeighbour);
+        ORN::Array<float> mDistance;
+        PointCloudProc::NEAREST_ROWS mUnoriented;
+        explicit CON_mPointNeighbour(ORN::SyntaxTree &tree) {
+            const auto &merged = tree.stack<CON_mMergedPointCloud>();
+            const auto &kd = tree.stack<CON_mFinalPointCloudKDTree>();
+            const auto &setting = tree.stack<CON_mSetting>();
+            tree.once([this, &merged, &kd, &setting] {
+                ORN::WorkThread workers(mesh_workers(setting, setting.mThreadConcurrency));
+                mDistance = PointCloudProc::neighbour_distance(kd.mSelf, merged.mSelf.mCloud,
+                                                               setting.mPointCloudSearchCount, workers, &mUnoriented);
+            });
+        }
+    };
+
     // Statistical outliers: points whose mean distance to their
     // mPointCloudSearchCount nearest neighbours is more than outlier_ratio
     // standard deviations above the average.
@@ -529,15 +547,11 @@ public:
         ORN::Array<float> mHeight; // z of every outlier
         explicit CON_mPointCloudOutlier(ORN::SyntaxTree &tree) {
             const auto &merged = tree.stack<CON_mMergedPointCloud>();
-            const auto &kd = tree.stack<CON_mFinalPointCloudKDTree>();
+            const auto &neighbour = tree.stack<CON_mPointNeighbour>();
             const auto &parameter = tree.stack<CON_mMeshParameter>();
-            const auto &setting = tree.stack<CON_mSetting>();
-            tree.once([this, &merged, &kd, &parameter, &setting] {
+            tree.once([this, &merged, &neighbour, &parameter] {
                 const CLOUD &cloud = merged.mSelf.mCloud;
-                ORN::WorkThread workers(mesh_workers(setting, setting.mThreadConcurrency));
-                const ORN::Array<float> distance =
-                    PointCloudProc::neighbour_distance(kd.mSelf, cloud, setting.mPointCloudSearchCount, workers);
-                mSelf = PointCloudProc::find_outliers(distance, parameter.mOutlierRatio);
+                mSelf = PointCloudProc::find_outliers(neighbour.mDistance, parameter.mOutlierRatio);
                 for (INDEX i = 0; i < cloud.size(); ++i)
                     if (mSelf.mOutlier[i])
                         mHeight.append(cloud.mPosition[3 * i + 2]);
@@ -555,11 +569,11 @@ public:
         INDEX mEstimated = 0;
         explicit CON_mFinalPointCloud(ORN::SyntaxTree &tree) {
             const auto &merged = tree.stack<CON_mMergedPointCloud>();
-            const auto &kd = tree.stack<CON_mFinalPointCloudKDTree>();
+            const auto &neighbour = tree.stack<CON_mPointNeighbour>();
             const auto &outlier = tree.stack<CON_mPointCloudOutlier>();
             const auto &listing = tree.stack<CON_mMeshJson>();
             const auto &setting = tree.stack<CON_mSetting>();
-            tree.once([this, &merged, &kd, &outlier, &listing, &setting] {
+            tree.once([this, &merged, &neighbour, &outlier, &listing, &setting] {
                 const CLOUD &cloud = merged.mSelf.mCloud;
                 ORN::Array<INDEX> row;
                 mSelf = PointCloudProc::remove_points(cloud, outlier.mSelf.mOutlier, &row);
@@ -581,8 +595,8 @@ public:
                         eye[c][a] /= double(count[c]);
                 const ORN::TimePoint start = ORN::TimePoint::now();
                 ORN::WorkThread workers(mesh_workers(setting, setting.mThreadConcurrency));
-                mEstimated = PointCloudProc::estimate_normals(kd.mSelf, cloud, outlier.mSelf.mOutlier, mSelf, row,
-                                                              setting.mPointCloudSearchCount, eye, workers);
+                mEstimated = PointCloudProc::estimate_normals(neighbour.mUnoriented, cloud, outlier.mSelf.mOutlier, mSelf,
+                                                              row, setting.mPointCloudSearchCount, eye, workers);
                 ORN::console().info("normals estimated : ", mEstimated, " in ", start.elapsed().text());
                 ORN::console().info("final point cloud : ", mSelf.size(), " points");
             });
@@ -591,18 +605,25 @@ public:
 
     // The floors and the floor of every final point: the listing's floors,
     // or where it has none, floors found from the heights of the floor and
-    // ceiling slabs. Every floor needs minimum_floor_points points.
+    // ceiling slabs. Every floor needs minimum_floor_points points. The
+    // counts the report gives of the points left out are kept here, so that
+    // the merged cloud and its tree go before the surfaces are made.
     struct CON_mFloorGroup {
         ORN_NODE(CON_mFloorGroup);
         ORN::Array<FLOOR> mFloor;
         bool mFound = false;
         ORN::Array<std::uint8_t> mSelf; // floor of each final point
         ORN::Array<INDEX> mCount;       // points per floor
+        ORN::Array<INDEX> mDuplicate;   // copies left out per floor
+        ORN::Array<INDEX> mOutlier;     // outliers left out per floor
+        INDEX mPointsIn = 0;            // points of the chunks
         explicit CON_mFloorGroup(ORN::SyntaxTree &tree) {
             const auto &listing = tree.stack<CON_mMeshJson>();
+            const auto &merged = tree.stack<CON_mMergedPointCloud>();
+            const auto &outlier = tree.stack<CON_mPointCloudOutlier>();
             const auto &final_cloud = tree.stack<CON_mFinalPointCloud>();
             const auto &parameter = tree.stack<CON_mMeshParameter>();
-            tree.once([this, &listing, &final_cloud, &parameter] {
+            tree.once([this, &listing, &merged, &outlier, &final_cloud, &parameter] {
                 auto &console = ORN::console();
                 mFloor = listing.mFloor;
                 if (mFloor.empty()) {
@@ -616,6 +637,13 @@ public:
                 mCount = ORN::Array<INDEX>(mFloor.size());
                 for (std::uint8_t f : mSelf)
                     ++mCount[f];
+                mDuplicate = ORN::Array<INDEX>(mFloor.size());
+                mOutlier = ORN::Array<INDEX>(mFloor.size());
+                for (float z : merged.mSelf.mDuplicateHeight)
+                    ++mDuplicate[PointCloudProc::floor_of(mFloor, z)];
+                for (float z : outlier.mHeight)
+                    ++mOutlier[PointCloudProc::floor_of(mFloor, z)];
+                mPointsIn = merged.mPointsIn;
                 for (INDEX f = 0; f < mFloor.size(); ++f) {
                     console.info(mFloor[f].mName, " : ", mCount[f], " points from ", mFloor[f].mMin, " to ",
                                  mFloor[f].mMax, mFound ? " (found)" : "");
@@ -701,40 +729,43 @@ public:
     // A surface per floor from its points, trimmed to them, in its sizes;
     // the floors one after another, each solve on one thread (so that a run
     // gives the same surface whatever the threads), the trimming on all the
-    // workers.
+    // workers. The solves read the final cloud in place (no copy of a
+    // floor's points), and nothing else that the steps before them held is
+    // left by then (the kd-tree goes after the neighbour search, the merged
+    // cloud when the floors are grouped): the trimming builds its own
+    // kd-tree after each solve, over the final points within its reach of
+    // the floor's range.
     struct CON_mFloorMesh {
         ORN_NODE(CON_mFloorMesh);
         ORN::Array<NDS_mFloorMesh> mSelf;
         explicit CON_mFloorMesh(ORN::SyntaxTree &tree) {
             const auto &final_cloud = tree.stack<CON_mFinalPointCloud>();
             const auto &group = tree.stack<CON_mFloorGroup>();
-            const auto &kd = tree.stack<CON_mFinalPointCloudKDTree>();
             const auto &outlier = tree.stack<CON_mPointCloudOutlier>();
             const auto &room = tree.stack<CON_mRoomMesh>();
             const auto &parameter = tree.stack<CON_mMeshParameter>();
             const auto &setting = tree.stack<CON_mSetting>();
-            tree.once([this, &final_cloud, &group, &kd, &outlier, &room, &parameter, &setting] {
+            tree.once([this, &final_cloud, &group, &outlier, &room, &parameter, &setting] {
                 auto &console = ORN::console();
                 ORN::WorkThread workers(mesh_workers(setting, setting.mThreadConcurrency));
                 // Supported surface: within a few point spacings of a point.
-                const double reach = 3 * outlier.mSelf.mSpacing;
+                const double reach = std::max(3 * outlier.mSelf.mSpacing, 1e-3);
+                const CLOUD &cloud = final_cloud.mSelf;
                 for (INDEX f = 0; f < group.mFloor.size(); ++f) {
                     NDS_mFloorMesh &r = mSelf.append();
                     r.mFloor = group.mFloor[f];
-                    ORN::Array<std::uint8_t> other(group.mSelf.size());
-                    for (INDEX i = 0; i < other.size(); ++i)
-                        other[i] = group.mSelf[i] != f;
-                    const CLOUD points = PointCloudProc::remove_points(final_cloud.mSelf, other);
+                    const SurfaceProc::SELECTION floor{&group.mSelf, static_cast<std::uint8_t>(f)};
                     const ORN::TimePoint start = ORN::TimePoint::now();
                     console.info("surface reconstruction : floor ", f + 1, " of ", group.mFloor.size(), " (",
-                                 r.mFloor.mName, ", ", points.size(), " points)");
-                    r.mDepth = SurfaceProc::surface_depth(points, outlier.mSelf.mSpacing);
+                                 r.mFloor.mName, ", ", group.mCount[f], " points)");
+                    r.mDepth = SurfaceProc::surface_depth(cloud, outlier.mSelf.mSpacing, floor);
                     // One solver thread: the same surface on every run.
-                    const MESH surface = SurfaceProc::reconstruct(points, r.mDepth, 1);
-                    MESH level0 = SurfaceProc::trim(surface, kd.mSelf, outlier.mSelf.mOutlier,
-                                                    std::max(reach, 1e-3), r.mFloor.mMin, r.mFloor.mMax, workers);
+                    MESH surface = SurfaceProc::reconstruct(cloud, r.mDepth, 1, floor);
+                    const INDEX solved = surface.triangle_count();
+                    MESH level0 = trim_to_points(surface, cloud, reach, r.mFloor, workers);
+                    surface = MESH();
                     console.info(r.mFloor.mName, " : surface of ", level0.triangle_count(), " triangles (depth ", r.mDepth,
-                                 ", ", surface.triangle_count(), " before trimming) in ", start.elapsed().text());
+                                 ", ", solved, " before trimming) in ", start.elapsed().text());
                     r.mTarget.append(level0.triangle_count());
                     r.mError.append(0.0);
                     r.mLevel.append(std::move(level0));
@@ -757,6 +788,28 @@ public:
                         r.mRoom = SurfaceProc::floor_part(room.mSelf, group.mFloor, static_cast<std::uint8_t>(f));
                 }
             });
+        }
+
+        // The surface where the final points support it (a vertex within
+        // `reach` of one, and within the floor's height range): searched in
+        // a kd-tree over the points that can lie that close to the range.
+        static MESH trim_to_points(const MESH &surface, const CLOUD &cloud, double reach, const FLOOR &floor,
+                                   ORN::WorkThread &workers) {
+            ORN::Array<INDEX> near;
+            for (INDEX i = 0; i < cloud.size(); ++i) {
+                const double z = cloud.mPosition[3 * i + 2];
+                if (z >= floor.mMin - reach && z <= floor.mMax + reach)
+                    near.append(i);
+            }
+            if (near.empty())
+                return MESH();
+            const float *p = cloud.mPosition.data();
+            const KD_Tree tree(near.size(), [p, &near](INDEX k) {
+                const float *q = p + 3 * near[k];
+                return ORN::Vector<double>{double(q[0]), double(q[1]), double(q[2])};
+            });
+            near = ORN::Array<INDEX>();
+            return SurfaceProc::trim(surface, tree, ORN::Array<std::uint8_t>(), reach, floor.mMin, floor.mMax, workers);
         }
 
         // The largest side of the mesh's bounding box.
@@ -868,24 +921,22 @@ public:
         explicit ACT_mMeshReportJson(ORN::SyntaxTree &tree) {
             tree.stack<ACT_mUploadPart4Json>();
             const auto &done = tree.stack<CON_mMeshDone>();
-            const auto &merged = tree.stack<CON_mMergedPointCloud>();
             const auto &outlier = tree.stack<CON_mPointCloudOutlier>();
             const auto &final_cloud = tree.stack<CON_mFinalPointCloud>();
             const auto &group = tree.stack<CON_mFloorGroup>();
             const auto &mesh = tree.stack<CON_mFloorMesh>();
             const auto &setting = tree.stack<CON_mSetting>();
             const auto &path = tree.stack<VAR_mWorkingPath>();
-            tree.once([&done, &merged, &outlier, &final_cloud, &group, &mesh, &setting, &path] {
+            tree.once([&done, &outlier, &final_cloud, &group, &mesh, &setting, &path] {
                 const ORN::Array<FLOOR> &floors = group.mFloor;
-                ORN::Array<INDEX> duplicates(floors.size()), outliers(floors.size());
-                for (float z : merged.mSelf.mDuplicateHeight)
-                    ++duplicates[PointCloudProc::floor_of(floors, z)];
-                for (float z : outlier.mHeight)
-                    ++outliers[PointCloudProc::floor_of(floors, z)];
+                const ORN::Array<INDEX> &duplicates = group.mDuplicate, &outliers = group.mOutlier;
+                INDEX duplicate_count = 0;
+                for (INDEX d : duplicates)
+                    duplicate_count += d;
                 ORN::JsonWriter w(1024);
                 w.raw("{").key("key").string(done.mKey).comma();
-                w.key("points_in").number(merged.mPointsIn).comma();
-                w.key("duplicates").number(merged.mSelf.mDuplicateHeight.size()).comma();
+                w.key("points_in").number(group.mPointsIn).comma();
+                w.key("duplicates").number(duplicate_count).comma();
                 w.key("outliers").number(outlier.mSelf.mCount).comma();
                 w.key("points").number(final_cloud.mSelf.size()).comma();
                 w.key("normals_estimated").number(final_cloud.mEstimated).comma();

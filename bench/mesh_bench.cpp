@@ -13,6 +13,11 @@
 //              verbose time report, its peak memory (the child's
 //              ru_maxrss, and the resident size sampled per stage) against
 //              twice the final cloud's own size plus the meshes' own size.
+//              With ZARN_MESH_BENCH_BASELINE naming the tree of an earlier
+//              build (bin/zarn, lib/, backends/), Process/baseline runs that
+//              build's process over the same job first, and Process gives
+//              its time and peak against it; Quality/baseline/* measure the
+//              earlier build's meshes, kept in the job's "baseline_results".
 //   Quality/*  each floor's level-0 mesh against the true surfaces: points
 //              sampled on its triangles by area (fixed hash sequence) and
 //              its vertices, their distance to the nearest true surface;
@@ -508,12 +513,16 @@ struct ProcessRun {
     std::vector<std::string> mOrder;           // nodes in the order they started
 };
 
+// The earlier build the process is measured against, or nullptr.
+const char *baseline_tree() { return std::getenv("ZARN_MESH_BENCH_BASELINE"); }
+
 // Runs the mesh process once (its report removed first, so that it does
-// not find the run done) and gathers its figures.
-ProcessRun run_process(const Job &j) {
+// not find the run done) and gathers its figures: this build's, or with
+// `baseline` the earlier build's (its launcher, its libraries).
+ProcessRun run_process(const Job &j, bool baseline = false) {
     fs::remove(j.mDir / "caches/mesh_report.json");
-    const std::string bin = ZARN_BINARY_DIR;
-    const std::string zarn = bin + "/bin/zarn", libs = bin + "/backends";
+    const std::string bin = baseline ? std::string(baseline_tree()) : std::string(ZARN_BINARY_DIR);
+    const std::string zarn = bin + "/bin/zarn", libs = bin + "/backends", lib = bin + "/lib";
     int out[2];
     check(::pipe(out) == 0, "pipe");
     std::fflush(nullptr);
@@ -526,6 +535,8 @@ ProcessRun run_process(const Job &j) {
         ::close(out[0]);
         ::close(out[1]);
         ::setenv("NO_COLOR", "1", 1);
+        if (baseline)
+            ::setenv("LD_LIBRARY_PATH", lib.c_str(), 1);
         ::execl(zarn.c_str(), zarn.c_str(), "run", "--process", "VeldaMeshProcess", "--verbose", "--libs", libs.c_str(),
                 j.mDir.c_str(), static_cast<char *>(nullptr));
         ::_exit(127);
@@ -600,10 +611,32 @@ ProcessRun run_process(const Job &j) {
     return r;
 }
 
+// The earlier build's run, its results and report kept in
+// "baseline_results" of the job; made before this build's run, whose
+// results stay in the job.
+fs::path baseline_results() { return job().mDir / "baseline_results"; }
+
+ProcessRun &baseline_run() {
+    static ProcessRun r;
+    if (r.mOutput.empty()) {
+        const Job &j = job();
+        r = run_process(j, true);
+        fs::remove_all(baseline_results());
+        fs::create_directories(baseline_results());
+        for (const auto &e : fs::directory_iterator(j.mDir / "results/mesh"))
+            fs::copy_file(e.path(), baseline_results() / e.path().filename());
+        fs::copy_file(j.mDir / "caches/mesh_report.json", baseline_results() / "mesh_report.json");
+    }
+    return r;
+}
+
 ProcessRun &process_run() {
     static ProcessRun r;
-    if (r.mOutput.empty())
+    if (r.mOutput.empty()) {
+        if (baseline_tree() != nullptr)
+            baseline_run();
         r = run_process(job());
+    }
     return r;
 }
 
@@ -633,9 +666,11 @@ PlyHeader ply_header(const fs::path &path) {
     return h;
 }
 
-void BM_Process(benchmark::State &state) {
+void BM_Process(benchmark::State &state, bool baseline) {
     const Job &j = job();
-    ProcessRun &r = process_run();
+    ProcessRun &r = baseline ? baseline_run() : process_run();
+    const fs::path results = baseline ? baseline_results() : j.mDir / "results/mesh";
+    const fs::path report_file = baseline ? baseline_results() / "mesh_report.json" : j.mDir / "caches/mesh_report.json";
     for (auto _ : state)
         state.SetIterationTime(r.mTotal);
     const auto node = [&](const char *name) { return r.mNode.count(name) ? r.mNode.at(name) : 0.0; };
@@ -647,7 +682,7 @@ void BM_Process(benchmark::State &state) {
         {"load_s", r.mLoad},
         {"merge_s", merged - r.mLoad},
         {"tree_s", node("CON_mFinalPointCloudKDTree")},
-        {"outliers_s", node("CON_mPointCloudOutlier")},
+        {"outliers_s", node("CON_mPointNeighbour") + node("CON_mPointCloudOutlier")},
         {"normals_s", node("CON_mFinalPointCloud")},
         {"grouping_s", node("CON_mFloorGroup")},
         {"surfaces_s", r.mSurface},
@@ -663,11 +698,11 @@ void BM_Process(benchmark::State &state) {
     state.counters["total_s"] = r.mTotal;
 
     // Memory against the results' own size.
-    const ORN::JsonParser report(read_text(j.mDir / "caches/mesh_report.json"));
+    const ORN::JsonParser report(read_text(report_file));
     const INDEX points = report.child("points").value(INDEX(0));
     const INDEX points_in = report.child("points_in").value(INDEX(0));
     INDEX mesh_bytes = 0;
-    for (const auto &e : fs::directory_iterator(j.mDir / "results/mesh"))
+    for (const auto &e : fs::directory_iterator(results))
         if (e.path().extension() == ".ply" && e.path().filename() != "point_cloud.ply") {
             const PlyHeader h = ply_header(e.path());
             mesh_bytes += h.mVertex * (12 + (h.mColour ? 3 : 0)) + h.mFace * 12;
@@ -681,6 +716,13 @@ void BM_Process(benchmark::State &state) {
     state.counters["points_in"] = double(points_in);
     state.counters["points"] = double(points);
     state.counters["mesh_MiB"] = double(mesh_bytes) / 1048576;
+    if (!baseline && baseline_tree() != nullptr) {
+        // The same job, the earlier build, in this run.
+        const ProcessRun &b = baseline_run();
+        state.counters["x_baseline_time"] = r.mTotal / b.mTotal;
+        state.counters["x_baseline_wall"] = r.mWall / b.mWall;
+        state.counters["x_baseline_peak"] = double(r.mPeakKb) / double(b.mPeakKb);
+    }
 
     std::fprintf(stderr, "resident size sampled while each node ran (MiB, bytes per final point):\n");
     for (const std::string &name : r.mOrder)
@@ -972,11 +1014,13 @@ Coverage cover(const zarn_interior::Scene &scene, const Mesh &mesh, int floor) {
     return c;
 }
 
-void BM_Quality(benchmark::State &state, INDEX f) {
+void BM_Quality(benchmark::State &state, INDEX f, bool baseline) {
     Job &j = job();
-    process_run(); // the meshes of this build
+    process_run(); // the meshes of this build (and of the earlier one first)
+    const fs::path results = baseline ? baseline_results() : j.mDir / "results/mesh";
     const ZARN::PointCloudProc::FLOOR &floor = j.mFloor[size_t(f)];
-    const ORN::JsonParser report(read_text(j.mDir / "caches/mesh_report.json"));
+    const ORN::JsonParser report(
+        read_text(baseline ? baseline_results() / "mesh_report.json" : j.mDir / "caches/mesh_report.json"));
     const ORN::JsonParser mine = report.child("floors").children()[f];
     const auto triangles = mine.child("triangles").children(), targets = mine.child("targets").children();
     const INDEX levels = triangles.size();
@@ -990,8 +1034,8 @@ void BM_Quality(benchmark::State &state, INDEX f) {
     INDEX count0 = 0, count_last = 0;
     for (auto _ : state) {
         const Clock::time_point start = Clock::now();
-        const Mesh m0 = read_mesh(j.mDir / "results/mesh" / (floor.mName + "_lod0.ply"));
-        const Mesh last = read_mesh(j.mDir / "results/mesh" / (floor.mName + "_lod" + std::to_string(levels - 1) + ".ply"));
+        const Mesh m0 = read_mesh(results / (floor.mName + "_lod0.ply"));
+        const Mesh last = read_mesh(results / (floor.mName + "_lod" + std::to_string(levels - 1) + ".ply"));
         count0 = m0.triangles();
         count_last = last.triangles();
         level0 = measure(j.mScene, m0, floor, true);
@@ -1170,12 +1214,21 @@ void register_all() {
         ->Iterations(1)
         ->UseManualTime()
         ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("Process", BM_Process)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
-    for (INDEX f = 0; f < 2; ++f)
-        benchmark::RegisterBenchmark(("Quality/floor_" + std::to_string(f)).c_str(), BM_Quality, f)
+    const bool peer = baseline_tree() != nullptr;
+    if (peer)
+        benchmark::RegisterBenchmark("Process/baseline", BM_Process, true)
             ->Iterations(1)
             ->UseManualTime()
             ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("Process", BM_Process, false)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+    for (const bool baseline : {true, false})
+        for (INDEX f = 0; f < 2 && (peer || !baseline); ++f)
+            benchmark::RegisterBenchmark(
+                ((baseline ? "Quality/baseline/floor_" : "Quality/floor_") + std::to_string(f)).c_str(), BM_Quality, f,
+                baseline)
+                ->Iterations(1)
+                ->UseManualTime()
+                ->Unit(benchmark::kMillisecond);
     if (std::getenv("ZARN_MESH_BENCH_VARIANTS") == nullptr)
         return;
     struct VARIANT {

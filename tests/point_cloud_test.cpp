@@ -199,7 +199,7 @@ TEST(Surface, PointsAtOnePlaceAreRefusedBeforeTheSolver) {
         ZARN::SurfaceProc::reconstruct(c, 6, 1);
         return std::string("reconstructed");
     });
-    EXPECT_TRUE(starts_with(text, "dynamic_assert failed : extent (points) > 0 : at ")) << text;
+    EXPECT_TRUE(starts_with(text, "dynamic_assert failed : extent (points, selection) > 0 : at ")) << text;
     EXPECT_TRUE(contains(text, " in ZARN_Common/SurfaceProc.cpp ,")) << text;
 }
 

@@ -4,6 +4,8 @@
 #include "support.h"
 
 #include "ZARN_Common/PlyReader.h"
+#include "ZARN_Common/PointCloudProc.h"
+#include "ZARN_Common/SurfaceProc.h"
 #include "__ORN__/orn_serialization.h"
 
 #include <algorithm>
@@ -510,6 +512,104 @@ TEST_F(VeldaMesh, MalformedParametersListingsAndSettingsAreRefusedBeforeAnyWork)
         EXPECT_EQ(read_file(j / "caches/mesh_report.json"), report);
         fs::remove_all(j);
     }
+}
+
+// ---------------------------------------------------------------------------
+// The steps the process runs between the search and the surfaces, against
+// the forms they stand in for.
+
+using ZARN::PointCloudProc::CLOUD;
+
+// Two spheres of `n` points each (a fixed sequence), the second 5 m above
+// the first, normals outward and their floor in `group`; every third point
+// without its normal.
+CLOUD two_spheres(INDEX n, ORN::Array<std::uint8_t> &group) {
+    CLOUD c;
+    c.resize(2 * n);
+    group = ORN::Array<std::uint8_t>(2 * n);
+    for (INDEX i = 0; i < 2 * n; ++i) {
+        const double k = double(i % n) + 0.5, z = 1 - 2 * k / double(n), r = std::sqrt(1 - z * z);
+        const double phi = k * 2.399963229728653; // the golden angle
+        const double d[3] = {r * std::cos(phi), r * std::sin(phi), z};
+        for (int a = 0; a < 3; ++a) {
+            c.mPosition[3 * i + a] = static_cast<float>(d[a] + (a == 2 && i >= n ? 5 : 0));
+            c.mNormal[3 * i + a] = i % 3 == 0 ? 0.0f : static_cast<float>(d[a]);
+            c.mColour[3 * i + a] = static_cast<std::uint8_t>((i * (a + 7)) % 256);
+        }
+        c.mChunk[i] = static_cast<std::uint16_t>(i >= n);
+        group[i] = static_cast<std::uint8_t>(i >= n);
+    }
+    return c;
+}
+
+// The normals fitted from the rows the outlier search kept are those a
+// second search of the tree gives, outliers passed over alike; the table
+// lists exactly the points without normals, each with k + 1 rows.
+TEST(MeshSteps, NormalsFromTheKeptRowsAreThoseOfASecondSearch) {
+    ORN::Array<std::uint8_t> group;
+    const CLOUD merged = two_spheres(3000, group);
+    const ZARN::KD_Tree tree = ZARN::PointCloudProc::build_tree(merged);
+    ORN::WorkThread workers(2);
+    constexpr INDEX K = 8;
+    ZARN::PointCloudProc::NEAREST_ROWS rows;
+    const ORN::Array<float> distance = ZARN::PointCloudProc::neighbour_distance(tree, merged, K, workers, &rows);
+    EXPECT_EQ(distance, ZARN::PointCloudProc::neighbour_distance(tree, merged, K, workers));
+    ASSERT_EQ(rows.mWidth, K + 1);
+    ASSERT_EQ(rows.mPoint.size(), 2000);
+    ASSERT_EQ(rows.mRow.size(), 2000 * (K + 1));
+    for (INDEX s = 0; s < rows.mPoint.size(); ++s)
+        ASSERT_EQ(rows.mPoint[s], 3 * s) << s;
+    // Some points taken for outliers: their rows are passed over.
+    ORN::Array<std::uint8_t> outlier(merged.size());
+    for (INDEX i = 0; i < merged.size(); i += 7)
+        outlier[i] = 1;
+    ORN::Array<INDEX> row;
+    CLOUD searched = ZARN::PointCloudProc::remove_points(merged, outlier, &row);
+    CLOUD kept = searched;
+    const ORN::Array<ORN::Vector<double>> eye(2);
+    const INDEX a = ZARN::PointCloudProc::estimate_normals(tree, merged, outlier, searched, row, K, eye, workers);
+    const INDEX b = ZARN::PointCloudProc::estimate_normals(rows, merged, outlier, kept, row, K, eye, workers);
+    EXPECT_EQ(a, b);
+    EXPECT_GT(a, 1500);
+    EXPECT_EQ(searched.mNormal, kept.mNormal);
+    // Another k than the search's is refused.
+    CLOUD other = searched;
+    std::fill(other.mNormal.begin(), other.mNormal.end(), 0.0f);
+    std::string text = "fitted";
+    try {
+        ZARN::PointCloudProc::estimate_normals(rows, merged, outlier, other, row, K - 1, eye, workers);
+    } catch (const std::exception &e) {
+        text = e.what();
+    }
+    EXPECT_TRUE(starts_with(text, "dynamic_assert failed : near.mWidth == std::min (k + 1, tree_cloud.size ()) : at "))
+        << text;
+}
+
+// A floor solved where it lies in the cloud gives the very surface its
+// copy gives, and the same extent and depth.
+TEST(MeshSteps, ASelectedFloorIsSolvedAsItsCopy) {
+    ORN::Array<std::uint8_t> group;
+    CLOUD cloud = two_spheres(4000, group);
+    for (INDEX i = 0; i < cloud.size(); ++i)
+        for (int a = 0; a < 3 && i % 3 == 0; ++a)
+            cloud.mNormal[3 * i + a] = cloud.mPosition[3 * i + a] - (a == 2 && group[i] ? 5.0f : 0.0f);
+    ORN::Array<std::uint8_t> other(cloud.size());
+    for (INDEX i = 0; i < cloud.size(); ++i)
+        other[i] = group[i] != 1;
+    const CLOUD copy = ZARN::PointCloudProc::remove_points(cloud, other);
+    const ZARN::SurfaceProc::SELECTION upper{&group, 1};
+    EXPECT_EQ(ZARN::SurfaceProc::extent(cloud, upper), ZARN::SurfaceProc::extent(copy));
+    EXPECT_GT(ZARN::SurfaceProc::extent(cloud), ZARN::SurfaceProc::extent(copy) + 4);
+    const int depth = ZARN::SurfaceProc::surface_depth(copy, 0.05);
+    EXPECT_EQ(ZARN::SurfaceProc::surface_depth(cloud, 0.05, upper), depth);
+    const ZARN::SurfaceProc::MESH mine = ZARN::SurfaceProc::reconstruct(cloud, depth, 1, upper);
+    const ZARN::SurfaceProc::MESH theirs = ZARN::SurfaceProc::reconstruct(copy, depth, 1);
+    ASSERT_GT(mine.triangle_count(), 1000);
+    EXPECT_EQ(mine.mVertex, theirs.mVertex);
+    EXPECT_EQ(mine.mColour, theirs.mColour);
+    EXPECT_EQ(mine.mTriangle, theirs.mTriangle);
+    for (INDEX v = 0; v < mine.vertex_count(); ++v)
+        ASSERT_GT(mine.mVertex[3 * v + 2], 3.0f) << v;
 }
 
 } // namespace
