@@ -299,7 +299,7 @@ public:
             const ORN::WORKER_PLAN plan = ORN::WorkThread::plan(setting.mThreadConcurrency, n, pixels * 16);
             console.info(plan.mReason);
             auto progress = console.progress("image filter : ", n);
-            ORN::WorkThread workers(plan.mWorkers);
+            ORN::WorkThread workers(plan);
             for (INDEX t = 0; t < n; ++t)
                 workers.submit([&, t] {
                     const INDEX i = mTodo[t];

@@ -595,7 +595,7 @@ public:
         const ORN::WORKER_PLAN plan = ORN::WorkThread::plan(threads, n, task_bytes);
         console.info(plan.mReason);
         auto progress = console.progress(String<char>(heading), n);
-        ORN::WorkThread workers(plan.mWorkers);
+        ORN::WorkThread workers(plan);
         for (INDEX i = 0; i < n; ++i)
             workers.submit([&work, &progress, i] {
                 work(i);

@@ -235,10 +235,10 @@ public:
     // The workers of a data-parallel step over `tasks` pieces: no more than
     // the setting asks, the pieces and the cores available.
     template <class SETTINGS>
-    static INDEX mesh_workers(const SETTINGS &setting, INDEX tasks) {
+    static ORN::WORKER_PLAN mesh_workers(const SETTINGS &setting, INDEX tasks) {
         const ORN::WORKER_PLAN plan = ORN::WorkThread::plan(setting.mThreadConcurrency, std::max<INDEX>(tasks, 1), 0);
         ORN::console().debug(plan.mReason);
-        return plan.mWorkers;
+        return plan;
     }
 
     // The run's parameters from the process's member of the split data, and

@@ -442,10 +442,10 @@ public:
                 const ORN::WORKER_PLAN plan = ORN::WorkThread::plan(setting.mThreadConcurrency, todo.size(), task_bytes);
                 console.info(plan.mReason);
                 // The cores the workers leave render the rows of one view.
-                const int rows = static_cast<int>(std::max<INDEX>(1, ORN::WorkThread::resources().mCores / plan.mWorkers));
+                const int rows = static_cast<int>(plan.mLibraryThreads);
                 std::mutex record_mutex;
                 auto progress = console.progress("video roi : ", todo.size());
-                ORN::WorkThread workers(plan.mWorkers);
+                ORN::WorkThread workers(plan);
                 for (INDEX t = 0; t < todo.size(); ++t)
                     workers.submit([&, t] {
                         const INDEX i = todo[t];

@@ -319,7 +319,7 @@ public:
                 ORN::WorkThread::plan(setting.mThreadConcurrency, n, TASK_PIXELS * BYTES_PER_PIXEL + buffer_size(setting));
             console.info(plan.mReason);
             auto progress = console.progress("video transfer : ", n);
-            ORN::WorkThread workers(plan.mWorkers);
+            ORN::WorkThread workers(plan);
             for (INDEX t = 0; t < n; ++t)
                 workers.submit([&, t] {
                     const INDEX i = mTodo[t];

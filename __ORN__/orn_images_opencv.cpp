@@ -6,6 +6,7 @@
 
 #include "orn_debugger.h"
 #include "orn_filesystem.h"
+#include "orn_thread.h"
 
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
@@ -81,6 +82,15 @@ std::vector<int> write_params(std::string_view extension, INDEX quality) {
         return {cv::IMWRITE_JPEG_QUALITY, static_cast<int>(quality < 0 ? 95 : std::min<INDEX>(quality, 100))};
     return {};
 }
+
+// OpenCV's own pool (parallel_for_ in remap, convertTo, the caller's
+// loops) is one per process, shared with every library loaded here that
+// links libopencv_core; the worker pools size it from their plans.
+[[maybe_unused]] const bool OPENCV_THREADS_OWNED = [] {
+    WorkThread::own_library_threads(LIBRARY_THREADS{"OpenCV", [] { return cv::getNumThreads(); },
+                                                    [](int threads) { cv::setNumThreads(threads); }});
+    return true;
+}();
 
 // The matrix of an image; an empty matrix for an empty image.
 const cv::Mat &pixels_of(const StrongRef<Image::Private::Implement> &pixels) {

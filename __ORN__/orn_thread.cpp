@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <deque>
 #include <exception>
+#include <set>
 #include <vector>
 
 namespace ORN {
@@ -16,11 +17,89 @@ namespace ORN {
 namespace {
 // The pool whose worker the current thread is, if any.
 thread_local const void *tPool = nullptr;
+
+// The libraries whose threads the pools size, and the limits of the pools
+// alive now. While any pool holds a limit, each library runs on the least
+// of them; the counts the libraries had before the first are kept and given
+// back when the last one ends.
+class LibraryRegistry {
+public:
+    static LibraryRegistry &instance() {
+        // Never destroyed: a pool may end during the program's exit.
+        static LibraryRegistry *const registry = new LibraryRegistry;
+        return *registry;
+    }
+
+    void add(const LIBRARY_THREADS &library) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        std::size_t i = 0;
+        while (i < mLibraries.size() && std::string_view(mLibraries[i].mName) != library.mName)
+            ++i;
+        if (i == mLibraries.size()) {
+            mLibraries.push_back(library);
+            mSaved.push_back(0);
+        } else {
+            mLibraries[i] = library;
+        }
+        if (!mLimits.empty()) {
+            mSaved[i] = library.mGet();
+            set(library, *mLimits.begin());
+        }
+    }
+
+    int threads(std::string_view name) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        for (const LIBRARY_THREADS &library : mLibraries)
+            if (name == library.mName)
+                return library.mGet();
+        return -1;
+    }
+
+    void begin(INDEX limit) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (mLimits.empty())
+            for (std::size_t i = 0; i < mLibraries.size(); ++i)
+                mSaved[i] = mLibraries[i].mGet();
+        mLimits.insert(std::max<INDEX>(limit, 1));
+        for (const LIBRARY_THREADS &library : mLibraries)
+            set(library, *mLimits.begin());
+    }
+
+    void end(INDEX limit) noexcept {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        const auto held = mLimits.find(std::max<INDEX>(limit, 1));
+        if (held == mLimits.end())
+            return;
+        mLimits.erase(held);
+        for (std::size_t i = 0; i < mLibraries.size(); ++i)
+            set(mLibraries[i], mLimits.empty() ? mSaved[i] : *mLimits.begin());
+    }
+
+private:
+    static void set(const LIBRARY_THREADS &library, INDEX count) noexcept {
+        const int wanted = static_cast<int>(std::min<INDEX>(count, 1 << 20));
+        try {
+            if (library.mGet() != wanted)
+                library.mSet(wanted);
+        } catch (...) {
+            // A library that refuses keeps its own count.
+        }
+    }
+
+    std::mutex mMutex;
+    std::vector<LIBRARY_THREADS> mLibraries;
+    std::vector<int> mSaved;
+    std::multiset<INDEX> mLimits;
+};
 } // namespace
 
 class WorkThread::Private::Implement {
 public:
-    explicit Implement(INDEX concurrency) {
+    // `library_threads`: the limit this pool puts on the libraries' threads
+    // while it lives; 0 for none.
+    explicit Implement(INDEX concurrency, INDEX library_threads = 0) : mLibraryThreads(library_threads) {
+        if (mLibraryThreads > 0)
+            LibraryRegistry::instance().begin(mLibraryThreads);
         const INDEX count = std::clamp<INDEX>(concurrency, 1, WorkThread::MAX_WORKERS);
         mThreads.reserve(static_cast<std::size_t>(count));
         try {
@@ -28,8 +107,11 @@ public:
                 mThreads.emplace_back([this] { work(); });
         } catch (...) {
             // The system refused a thread: go on with those made, if any.
-            if (mThreads.empty())
+            if (mThreads.empty()) {
+                if (mLibraryThreads > 0)
+                    LibraryRegistry::instance().end(mLibraryThreads);
                 throw;
+            }
         }
     }
 
@@ -47,6 +129,8 @@ public:
         dropped.clear();
         for (Thread &thread : mThreads)
             thread.join();
+        if (mLibraryThreads > 0)
+            LibraryRegistry::instance().end(mLibraryThreads);
     }
 
     INDEX concurrency() const noexcept { return static_cast<INDEX>(mThreads.size()); }
@@ -135,6 +219,7 @@ private:
     bool mStop = false;
     std::exception_ptr mFailure;
     std::atomic<bool> mFailed{false};
+    INDEX mLibraryThreads = 0;
     std::vector<Thread> mThreads;
 };
 
@@ -164,6 +249,8 @@ WORKER_PLAN WorkThread::plan(int64 requested, INDEX tasks, int64 task_bytes, con
                                         [](const auto &a, const auto &b) { return a.first < b.first; });
     WORKER_PLAN out;
     out.mWorkers = static_cast<INDEX>(least->first);
+    // The cores the workers leave idle go to the libraries inside each task.
+    out.mLibraryThreads = static_cast<INDEX>(std::max<int64>(cores / out.mWorkers, 1));
     String<char> memory = resources.mMemory < 0
                               ? String<char>("memory unknown")
                               : "memory for " + std::to_string(fit) + " of " + bytes_text(each) + " in " +
@@ -171,11 +258,21 @@ WORKER_PLAN WorkThread::plan(int64 requested, INDEX tasks, int64 task_bytes, con
     out.mReason = "async processing " + std::to_string(tasks) + " on " + std::to_string(out.mWorkers) +
                   " threads (bounded by " + least->second + " : mThreadConcurrency " + std::to_string(requested) +
                   ", " + std::to_string(tasks) + " tasks, " + std::to_string(cores) + " cores (" +
-                  resources.mCoresFrom + "), " + memory + ")";
+                  resources.mCoresFrom + "), " + memory + "), " + std::to_string(out.mLibraryThreads) +
+                  (out.mLibraryThreads == 1 ? " library thread each" : " library threads each");
     return out;
 }
 
+void WorkThread::own_library_threads(const LIBRARY_THREADS &library) {
+    _DYNAMIC_ASSERT_(library.mGet != nullptr && library.mSet != nullptr);
+    LibraryRegistry::instance().add(library);
+}
+
+int WorkThread::library_threads(std::string_view name) { return LibraryRegistry::instance().threads(name); }
+
 WorkThread::WorkThread(INDEX concurrency) : mThis(AutoRef<Private::Implement>::make(concurrency)) {}
+WorkThread::WorkThread(const WORKER_PLAN &plan)
+    : mThis(AutoRef<Private::Implement>::make(plan.mWorkers, std::max<INDEX>(plan.mLibraryThreads, 1))) {}
 WorkThread::WorkThread(WorkThread &&) noexcept = default;
 WorkThread &WorkThread::operator=(WorkThread &&) noexcept = default;
 WorkThread::~WorkThread() = default;

@@ -42,6 +42,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <string_view>
 #include <thread>
 
 namespace ORN {
@@ -173,10 +174,24 @@ struct WORKER_RESOURCES {
     String<char> mMemoryFrom;
 };
 
-// How many tasks run at once, and the line that says why.
+// How many tasks run at once, how many threads each task's library work
+// may use, and the line that says why.
 struct WORKER_PLAN {
     INDEX mWorkers = 1;
+    // The cores left to each worker (cores / workers, at least 1): what a
+    // library's own thread pool may use inside one task.
+    INDEX mLibraryThreads = 1;
     String<char> mReason;
+};
+
+// A library in this process that runs its own pool of threads (OpenCV's, for
+// one): how to read and set how many it uses. The layer that links the
+// library registers it (WorkThread::own_library_threads), so that the core
+// library needs none of them; a pool made from a plan then sizes them.
+struct LIBRARY_THREADS {
+    const char *mName = "";
+    int (*mGet)() = nullptr;
+    void (*mSet)(int) = nullptr;
 };
 
 // The pool of worker threads; see the guarantees at the top of this file.
@@ -198,14 +213,28 @@ public:
     // its peak, run at once: no more than `requested` (the setting
     // mThreadConcurrency, at least 1), than the tasks, than the cores, and
     // than fit in the memory (but always one). mReason is one line for the
-    // log: "async processing <tasks> on <workers> threads (bounded by ...)".
+    // log: "async processing <tasks> on <workers> threads (bounded by ...),
+    // <n> library thread(s) each", n being mLibraryThreads.
     static WORKER_PLAN plan(int64 requested, INDEX tasks, int64 task_bytes, const WORKER_RESOURCES &resources);
     static WORKER_PLAN plan(int64 requested, INDEX tasks, int64 task_bytes) {
         return plan(requested, tasks, task_bytes, resources());
     }
 
-    // Starts max(concurrency, 1) workers, at most MAX_WORKERS.
+    // Registers a library whose threads the pools size; registering the
+    // same mName again replaces the earlier entry. Both functions asserted.
+    static void own_library_threads(const LIBRARY_THREADS &library);
+    // The threads a registered library uses now; -1 when none is registered
+    // under that name.
+    static int library_threads(std::string_view name);
+
+    // Starts max(concurrency, 1) workers, at most MAX_WORKERS; the libraries'
+    // threads are left as they are.
     explicit WorkThread(INDEX concurrency);
+    // Starts plan.mWorkers workers, and while the pool lives every registered
+    // library runs on at most plan.mLibraryThreads threads (the least over
+    // the pools alive at once); when the last of them ends, each library gets
+    // back the count it had before the first.
+    explicit WorkThread(const WORKER_PLAN &plan);
     WorkThread(WorkThread &&) noexcept;
     WorkThread &operator=(WorkThread &&) noexcept;
     // Drops the tasks not yet started, waits for the running ones, joins.

@@ -6,10 +6,12 @@
 
 #include "support.h"
 
+#ifndef _WIN32
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
 #include <sys/resource.h>
+#endif
 
 #include <atomic>
 #include <cmath>
@@ -141,12 +143,17 @@ TEST(WorkThread, TheWorkersAreBoundedByTheTasksTheCoresAndTheMemory) {
     two.mMemoryFrom = "MemAvailable";
     auto plan = ORN::WorkThread::plan(64, 10, 496 * MiB, two);
     EXPECT_EQ(plan.mWorkers, 2);
+    EXPECT_EQ(plan.mLibraryThreads, 1);
     EXPECT_EQ(plan.mReason, "async processing 10 on 2 threads (bounded by the cores : mThreadConcurrency 64, 10 tasks, "
-                            "2 cores (affinity), memory for 20 of 512 MiB in 10.0 GiB (MemAvailable))");
+                            "2 cores (affinity), memory for 20 of 512 MiB in 10.0 GiB (MemAvailable)), "
+                            "1 library thread each");
     EXPECT_EQ(ORN::WorkThread::plan(100000000, 3, 0, two).mWorkers, 2);
     EXPECT_EQ(ORN::WorkThread::plan(1, 10, 0, two).mWorkers, 1);
     EXPECT_TRUE(starts_with(ORN::WorkThread::plan(0, 10, 0, two).mReason, "async processing 10 on 1 threads (bounded by mThreadConcurrency :"));
     EXPECT_TRUE(starts_with(ORN::WorkThread::plan(64, 1, 0, two).mReason, "async processing 1 on 1 threads (bounded by the tasks :"));
+    // One worker on two cores leaves both to the library inside its task.
+    EXPECT_EQ(ORN::WorkThread::plan(64, 1, 0, two).mLibraryThreads, 2);
+    EXPECT_TRUE(ORN::WorkThread::plan(64, 1, 0, two).mReason.ends_with("), 2 library threads each"));
 
     ORN::WORKER_RESOURCES many = two;
     many.mCores = 64;
@@ -154,22 +161,88 @@ TEST(WorkThread, TheWorkersAreBoundedByTheTasksTheCoresAndTheMemory) {
     many.mMemoryFrom = "cgroup";
     plan = ORN::WorkThread::plan(64, 10, 496 * MiB, many);
     EXPECT_EQ(plan.mWorkers, 2);
+    EXPECT_EQ(plan.mLibraryThreads, 32);
     EXPECT_TRUE(contains(plan.mReason, "(bounded by the memory : ")) << plan.mReason;
-    EXPECT_TRUE(plan.mReason.ends_with("memory for 2 of 512 MiB in 1.1 GiB (cgroup))")) << plan.mReason;
+    EXPECT_TRUE(plan.mReason.ends_with("memory for 2 of 512 MiB in 1.1 GiB (cgroup)), 32 library threads each"))
+        << plan.mReason;
+    // 64 cores over 3 workers: 21 each, the remainder left idle.
+    EXPECT_EQ(ORN::WorkThread::plan(3, 10, 0, many).mLibraryThreads, 21);
     // Not even one fits: one runs all the same.
     many.mMemory = 100 * MiB;
     EXPECT_EQ(ORN::WorkThread::plan(64, 10, 496 * MiB, many).mWorkers, 1);
     many.mMemory = -1;
     plan = ORN::WorkThread::plan(1000000, 5000, 496 * MiB, many);
     EXPECT_EQ(plan.mWorkers, 64);
-    EXPECT_TRUE(plan.mReason.ends_with(", memory unknown)")) << plan.mReason;
+    EXPECT_TRUE(plan.mReason.ends_with(", memory unknown), 1 library thread each")) << plan.mReason;
 
     EXPECT_EQ(ORN::WorkThread(100000).concurrency(), ORN::WorkThread::MAX_WORKERS);
+}
+
+// A pool made from a plan sizes every registered library's threads while it
+// lives: pools alive at once hold the least of their limits, and the count
+// the library had before the first comes back when the last one ends, in
+// whatever order they end. OpenCV is registered by the image layer.
+int gLibraryThreads = 7;
+int gLibrarySets = 0;
+
+TEST(WorkThread, APoolFromAPlanSizesTheLibrariesAndRestoresThem) {
+    ORN::WorkThread::own_library_threads(ORN::LIBRARY_THREADS{
+        "test library", [] { return gLibraryThreads; }, [](int n) { ++gLibrarySets, gLibraryThreads = n; }});
+    EXPECT_EQ(ORN::WorkThread::library_threads("test library"), 7);
+    EXPECT_EQ(ORN::WorkThread::library_threads("no such library"), -1);
+    const auto plan_of = [](INDEX workers, INDEX threads) {
+        ORN::WORKER_PLAN plan;
+        plan.mWorkers = workers;
+        plan.mLibraryThreads = threads;
+        return plan;
+    };
+    {
+        // A plain pool leaves the libraries alone.
+        ORN::WorkThread plain(2);
+        EXPECT_EQ(gLibraryThreads, 7);
+    }
+    EXPECT_EQ(gLibrarySets, 0);
+    const int opencv = ORN::WorkThread::library_threads("OpenCV");
+    EXPECT_GE(opencv, 1);
+    {
+        std::optional<ORN::WorkThread> outer(std::in_place, plan_of(3, 2));
+        EXPECT_EQ(outer->concurrency(), 3);
+        EXPECT_EQ(gLibraryThreads, 2);
+        std::atomic<int> seen{0};
+        outer->parallel_for(4, [&](INDEX) { seen += ORN::WorkThread::library_threads("OpenCV") == 2; });
+        EXPECT_EQ(seen.load(), 4);
+        std::optional<ORN::WorkThread> inner(std::in_place, plan_of(1, 1));
+        EXPECT_EQ(gLibraryThreads, 1);
+        EXPECT_EQ(ORN::WorkThread::library_threads("OpenCV"), 1);
+        // The outer pool ends first: the inner one's limit still holds.
+        outer.reset();
+        EXPECT_EQ(gLibraryThreads, 1);
+        inner.reset();
+        EXPECT_EQ(gLibraryThreads, 7);
+        EXPECT_EQ(ORN::WorkThread::library_threads("OpenCV"), opencv);
+    }
+    // A library registered while a pool lives takes its limit at once, and
+    // gets its own count back with the rest.
+    {
+        ORN::WorkThread pool(plan_of(1, 2));
+        gLibraryThreads = 5;
+        ORN::WorkThread::own_library_threads(ORN::LIBRARY_THREADS{
+            "test library", [] { return gLibraryThreads; }, [](int n) { gLibraryThreads = n; }});
+        EXPECT_EQ(gLibraryThreads, 2);
+    }
+    EXPECT_EQ(gLibraryThreads, 5);
+    // Both functions are needed.
+    EXPECT_THROW(ORN::WorkThread::own_library_threads(ORN::LIBRARY_THREADS{"broken", nullptr, nullptr}),
+                 ORN::Exception);
+    ORN::WorkThread::own_library_threads(ORN::LIBRARY_THREADS{"test library", [] { return 1; }, [](int) {}});
 }
 
 // The resources as the system reports them, in a child whose affinity,
 // SLURM_CPUS_PER_TASK and address space limit are set first.
 TEST(WorkThread, TheResourcesFollowTheAffinityTheSchedulerAndTheLimits) {
+#ifdef _WIN32
+    GTEST_SKIP() << "POSIX only: child processes (fork)";
+#else
     const auto resources_in_child = [](const std::function<void()> &setup) {
         return in_child([&] {
             setup();
@@ -202,6 +275,7 @@ TEST(WorkThread, TheResourcesFollowTheAffinityTheSchedulerAndTheLimits) {
     const long long room = std::stoll(limited.substr(limited.find(' ', limited.find(' ') + 1)));
     EXPECT_GT(room, 32ll << 20) << limited;
     EXPECT_LE(room, 64ll << 20) << limited;
+#endif
 }
 
 TEST(Thread, ConditionLockHandsTurnsBackAndForth) {
@@ -299,6 +373,9 @@ TEST(ConsoleProgress, OneLinePerCompletedTenthOnPlainOutputAndInTheLog) {
 // A terminal: what it finally shows, one row per line, rows rewritten from
 // their start by a carriage return.
 TEST(ConsoleProgress, RedrawnInPlaceOnATerminalBelowOtherLines) {
+#ifdef _WIN32
+    GTEST_SKIP() << "POSIX only: pseudo-terminals";
+#else
     const int master = ::posix_openpt(O_RDWR | O_NOCTTY);
     if (master < 0)
         GTEST_SKIP() << "no pseudo-terminal available";
@@ -358,6 +435,7 @@ TEST(ConsoleProgress, RedrawnInPlaceOnATerminalBelowOtherLines) {
     EXPECT_TRUE(contains(logged[2], "] : copy : 3/4 75% "));
     EXPECT_TRUE(contains(logged[3], "] : copy : 4/4 100% "));
     EXPECT_TRUE(contains(logged[4], "] : after"));
+#endif
 }
 
 } // namespace
