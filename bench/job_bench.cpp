@@ -5,14 +5,16 @@
 //
 //   BM_TypicalJob   each iteration copies the cached job twice, runs the
 //                   current launcher over one copy and the baseline's over
-//                   the other (the order alternates between iterations):
+//                   the other (the order alternates between iterations
+//                   and repetitions):
 //                   current_s, baseline_s and ratio (current / baseline).
 //
 // After each iteration a breakdown goes to standard error: each process's
 // time from the job's run record (caches/zarn_run.json) and each heavy
-// node's (at least 50 ms of action or release time) from the processes'
-// time report in the console log (`--log`, verbose lines
-// "<node> : action X ms, release Y ms"), for both sides.
+// node's (at least 50 ms of action and release time together) from the
+// processes' time report in the console log (`--log`, lines
+// "<node> : action X ms, release Y ms"), for both sides; "-" stands for a
+// node under 50 ms on that side, or one it does not have.
 //
 // Environment:
 //   ZARN_BASELINE       the baseline's folder (bin/zarn, lib/, backends/);
@@ -247,7 +249,8 @@ void print_breakdown(int iteration, const TIMES &current, const TIMES *baseline)
         std::vector<std::string> names;
         std::map<std::string, double> a, b;
         for (const auto &[name, s] : mine) {
-            names.push_back(name);
+            if (!a.count(name))
+                names.push_back(name);
             a[name] += s;
         }
         if (theirs)
@@ -257,16 +260,22 @@ void print_breakdown(int iteration, const TIMES &current, const TIMES *baseline)
                 b[name] += s;
             }
         std::fprintf(stderr, "  %-58s %10s %10s %7s\n", title, "current_s", "baseline_s", "ratio");
+        // A name one side lacks: a node under the threshold there (or one
+        // that side does not have), shown as "-".
+        const auto cell = [](const std::map<std::string, double> &side, const std::string &name) {
+            char text[32];
+            const auto at = side.find(name);
+            if (at == side.end())
+                return std::string("-");
+            std::snprintf(text, sizeof(text), "%.3f", at->second);
+            return std::string(text);
+        };
         for (const auto &name : names) {
-            if (!a.count(name) && !b.count(name))
-                continue;
-            const double x = a.count(name) ? a[name] : 0.0;
-            if (b.count(name) && b[name] > 0)
-                std::fprintf(stderr, "  %-58s %10.3f %10.3f %7.3f\n", name.c_str(), x, b[name], x / b[name]);
-            else
-                std::fprintf(stderr, "  %-58s %10.3f %10s %7s\n", name.c_str(), x, "-", "-");
-            a.erase(name);
-            b.erase(name);
+            const bool both = a.count(name) && b.count(name) && b[name] > 0;
+            char ratio[32] = "-";
+            if (both)
+                std::snprintf(ratio, sizeof(ratio), "%.3f", a[name] / b[name]);
+            std::fprintf(stderr, "  %-58s %10s %10s %7s\n", name.c_str(), cell(a, name).c_str(), cell(b, name).c_str(), ratio);
         }
     };
     std::fprintf(stderr, "job_bench iteration %d: wall %.3f s", iteration, current.mWall);
@@ -292,7 +301,8 @@ void BM_TypicalJob(benchmark::State &state) {
     const SIDE current = side_of("current", snapshot.root()), baseline = baseline_side();
     const bool peer = !baseline.mLauncher.empty();
     double mine = 0.0, theirs = 0.0;
-    int iteration = 0;
+    // Counted over repetitions too (--benchmark_repetitions=N).
+    static int iteration = 0;
     for (auto _ : state) {
         TIMES a, b;
         // The side that runs first alternates: the second finds the page
