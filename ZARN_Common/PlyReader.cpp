@@ -102,8 +102,18 @@ inline RAW load(const unsigned char *source) noexcept {
     return std::bit_cast<RAW>(bits);
 }
 
-// Widens `count` on-disk values, `stride` bytes apart, into `target`, one
-// every `step` stored values.
+// A value in the type it is stored or delivered as: widened, or for a
+// delivered byte, anything above 255 taken as 255.
+template <class STORE, class RAW>
+inline STORE convert(RAW value) noexcept {
+    if constexpr (std::is_same_v<STORE, std::uint8_t> && !std::is_same_v<RAW, std::uint8_t>)
+        return static_cast<STORE>(value > RAW(255) ? RAW(255) : value);
+    else
+        return static_cast<STORE>(value);
+}
+
+// Converts `count` on-disk values, `stride` bytes apart, into `target`, one
+// every `step` values of the target's type.
 using DECODE = void (*)(const unsigned char *source, INDEX stride, INDEX count, void *target, INDEX step);
 
 template <class RAW, class STORE, bool SWAP>
@@ -111,10 +121,10 @@ void decode_column(const unsigned char *source, INDEX stride, INDEX count, void 
     STORE *out = static_cast<STORE *>(target);
     if (step == 1) {
         for (INDEX i = 0; i < count; ++i, source += stride)
-            out[i] = static_cast<STORE>(load<RAW, SWAP>(source));
+            out[i] = convert<STORE>(load<RAW, SWAP>(source));
     } else {
         for (INDEX i = 0; i < count; ++i, source += stride, out += step)
-            *out = static_cast<STORE>(load<RAW, SWAP>(source));
+            *out = convert<STORE>(load<RAW, SWAP>(source));
     }
 }
 
@@ -133,6 +143,34 @@ DECODE decoder_of(INDEX code) noexcept {
 }
 
 DECODE decoder_of(INDEX code, bool swap) noexcept { return swap ? decoder_of<true>(code) : decoder_of<false>(code); }
+
+// Kinds of a delivered array (PlyReader::DELIVERY).
+enum : INDEX { DELIVER_FLOAT, DELIVER_DOUBLE, DELIVER_BYTE };
+
+template <class RAW, bool SWAP>
+DECODE delivery_decoder_of(INDEX kind) noexcept {
+    if constexpr (std::is_floating_point_v<RAW>)
+        return kind == DELIVER_FLOAT ? &decode_column<RAW, float, SWAP> : &decode_column<RAW, double, SWAP>;
+    else
+        return &decode_column<RAW, std::uint8_t, SWAP>;
+}
+
+// Decoder of a property of type `code` into an array of `kind`, which the
+// delivery has matched to the type's storage class.
+template <bool SWAP>
+DECODE delivery_decoder_of(INDEX code, INDEX kind) noexcept {
+    switch (code) {
+    case 0x10: return delivery_decoder_of<float, SWAP>(kind);
+    case 0x11: return delivery_decoder_of<double, SWAP>(kind);
+    case 0x30: return delivery_decoder_of<std::uint8_t, SWAP>(kind);
+    case 0x31: return delivery_decoder_of<std::uint16_t, SWAP>(kind);
+    case 0x32: return delivery_decoder_of<std::uint32_t, SWAP>(kind);
+    default: return delivery_decoder_of<std::uint64_t, SWAP>(kind);
+    }
+}
+
+// Bytes of one value of a delivered array.
+constexpr INDEX delivery_width(INDEX kind) noexcept { return kind == DELIVER_FLOAT ? 4 : kind == DELIVER_DOUBLE ? 8 : 1; }
 
 // A list count of any count type, as a signed number (a uint64 count beyond
 // the int64 range turns negative and is rejected as such).
@@ -178,6 +216,8 @@ public:
         PLYREADER_BODY_TYPE_INDEX_LIST,
         PLYREADER_BODY_TYPE_BYTE,
         PLYREADER_BODY_TYPE_BYTE_LIST,
+        // Handed to the caller's array as it was read; not kept.
+        PLYREADER_BODY_TYPE_DELIVERED,
     };
 
     // One "element" line.
@@ -240,7 +280,7 @@ public:
         }
     };
 
-    explicit Implement(const ORN::String<char> &path);
+    Implement(const ORN::String<char> &path, const PLAN *plan);
     ~Implement() override = default;
 
     INDEX find_element(const ORN::String<char> &name) const override;
@@ -256,6 +296,7 @@ public:
     BYTE_LIST get_bytes(INDEX element_index, INDEX property_index) const override;
 
 private:
+    friend class PlyReader::DELIVERY;
     class TEXT_STREAM;
 
     // The window byte at the cursor.
@@ -267,6 +308,9 @@ private:
     template <bool SWAP>
     void read_element_binary(INDEX element_index);
     void prepare_columns();
+    // The plan's choice for the element whose body starts now: one target
+    // per property, nullptr data where the reader keeps the values.
+    DELIVERY plan_element(INDEX element_index);
     const COLUMN &item_column(INDEX element_index, INDEX property_index, INDEX item_index) const;
 
     ORN::Array<ELEMENT> mElement;
@@ -276,6 +320,8 @@ private:
     ORN::Array<ORN::Array<INDEX>> mBodyType;
     ORN::Array<ORN::Array<COLUMN>> mColumn;
     ORN::String<char> mFormat;
+    // The one-pass read's plan while parsing; nullptr without one.
+    const PLAN *mPlan = nullptr;
 
     // The file while parsing, read through a window: mWindow[0] is the
     // file's byte at offset mBase, the window's valid bytes end at file
@@ -400,7 +446,7 @@ T *PlyReader::Implement::COLUMN::append_list(INDEX item_index, INDEX count, INDE
     return target;
 }
 
-PlyReader::Implement::Implement(const ORN::String<char> &path) {
+PlyReader::Implement::Implement(const ORN::String<char> &path, const PLAN *plan) : mPlan(plan) {
     mEnd = ORN::FileSystemProc::file_size(path);
     mStream = ORN::StreamLoader::open_read(path);
     const INDEX window = std::max(INDEX(1), std::min(ply_reader_window(), mEnd));
@@ -421,6 +467,18 @@ PlyReader::Implement::Implement(const ORN::String<char> &path) {
     mTempRis = nullptr;
     mWindow = {};
     mStream = {};
+    mPlan = nullptr;
+}
+
+PlyReader::DELIVERY PlyReader::Implement::plan_element(INDEX element_index) {
+    DELIVERY delivery(*this, element_index);
+    if (mPlan == nullptr)
+        return delivery;
+    (*mPlan)(delivery);
+    for (INDEX p = 0; p < delivery.mTarget.size(); ++p)
+        if (delivery.mTarget[p].mData != nullptr)
+            mBodyType[element_index][p] = PLYREADER_BODY_TYPE_DELIVERED;
+    return delivery;
 }
 
 void PlyReader::Implement::read_header() {
@@ -560,10 +618,12 @@ void PlyReader::Implement::read_body_text() {
         // Every value takes at least one character and one gap.
         _DYNAMIC_ASSERT_(item_count <= (reader.remaining () + 1) / 2 / property_count);
 
+        const DELIVERY delivery = plan_element(e);
+        const DELIVERY::TARGET *target = delivery.mTarget.data();
         ORN::Array<COLUMN> &columns = mColumn[e];
         for (INDEX p = 0; p < property_count; ++p) {
             const PROPERTY &property = mProperty[element.mProperty[p]];
-            if (property.mListType != VAR_NONE)
+            if (property.mListType != VAR_NONE || target[p].mData != nullptr)
                 continue;
             switch (storage_class(property.mType)) {
             case 1: columns[p].mValue = ORN::Buffer<double>(item_count); break;
@@ -576,6 +636,25 @@ void PlyReader::Implement::read_body_text() {
             for (INDEX p = 0; p < property_count; ++p) {
                 const PROPERTY &property = mProperty.data()[element.mProperty.data()[p]];
                 COLUMN &column = columns.data()[p];
+                const DELIVERY::TARGET &to = target[p];
+                if (to.mData != nullptr) {
+                    // Read in the storage class, then converted as the binary
+                    // decoders convert.
+                    const INDEX at = i * to.mStride;
+                    if (to.mKind == DELIVER_BYTE) {
+                        ORN::uint64 value = 0;
+                        read_value(property.mType, &value);
+                        static_cast<std::uint8_t *>(to.mData)[at] = convert<std::uint8_t>(value);
+                    } else {
+                        double value = 0;
+                        read_value(property.mType, &value);
+                        if (to.mKind == DELIVER_FLOAT)
+                            static_cast<float *>(to.mData)[at] = static_cast<float>(value);
+                        else
+                            static_cast<double *>(to.mData)[at] = value;
+                    }
+                    continue;
+                }
                 if (property.mListType == VAR_NONE) {
                     switch (storage_class(property.mType)) {
                     case 1: read_value(property.mType, column.mValue.data() + i); break;
@@ -644,6 +723,8 @@ void PlyReader::Implement::read_element_binary(INDEX element_index) {
     else
         // Every item holds at least one byte.
         _DYNAMIC_ASSERT_(item_count <= mEnd - mRis);
+    const DELIVERY delivery = plan_element(element_index);
+    const DELIVERY::TARGET *delivered = delivery.mTarget.data();
 
     // With lists, the first item gives the layout that later items are
     // expected to share (triangles, quads); items are decoded in blocks for
@@ -674,9 +755,24 @@ void PlyReader::Implement::read_element_binary(INDEX element_index) {
         uniform = uniform && item_count <= (mEnd - mRis) / item_width;
     }
 
+    // Where each property's values go: item i's k-th value at
+    // target + i * item_bytes + k * 8, `step` values of the target's type
+    // after the previous item's.
     ORN::Array<unsigned char *> target(property_count);
+    ORN::Array<INDEX> item_bytes(property_count);
+    ORN::Array<INDEX> step(property_count);
     for (INDEX p = 0; p < property_count; ++p) {
         const PROPERTY &property = mProperty[element.mProperty[p]];
+        if (delivered[p].mData != nullptr) {
+            decode[p] = SWAP ? delivery_decoder_of<true>(property.mType, delivered[p].mKind)
+                             : delivery_decoder_of<false>(property.mType, delivered[p].mKind);
+            target[p] = static_cast<unsigned char *>(delivered[p].mData);
+            step[p] = delivered[p].mStride;
+            item_bytes[p] = delivered[p].mStride * delivery_width(delivered[p].mKind);
+            continue;
+        }
+        step[p] = length[p];
+        item_bytes[p] = length[p] * 8;
         if (property.mListType != VAR_NONE && !uniform)
             continue;
         const INDEX stored = item_count * length[p];
@@ -725,7 +821,8 @@ void PlyReader::Implement::read_element_binary(INDEX element_index) {
             const INDEX n = length.data()[p];
             const INDEX width = width_of(mProperty.data()[element.mProperty.data()[p]].mType);
             for (INDEX k = 0; k < n; ++k)
-                decode.data()[p](block + offset.data()[p] + k * width, item_width, count, target.data()[p] + (i * n + k) * 8, n);
+                decode.data()[p](block + offset.data()[p] + k * width, item_width, count,
+                                 target.data()[p] + i * item_bytes.data()[p] + k * 8, step.data()[p]);
             if (list_type.data()[p] != VAR_NONE)
                 columns.data()[p].mUsed += count * n;
         }
@@ -740,7 +837,7 @@ void PlyReader::Implement::read_element_binary(INDEX element_index) {
                 const INDEX width = width_of(property.mType);
                 _DYNAMIC_ASSERT_(width <= mEnd - mRis);
                 fetch(width);
-                decode.data()[p](cursor(), 0, 1, target.data()[p] + i * 8, 1);
+                decode.data()[p](cursor(), 0, 1, target.data()[p] + i * item_bytes.data()[p], 1);
                 mRis += width;
                 continue;
             }
@@ -833,7 +930,41 @@ PlyReader::BYTE_LIST PlyReader::Implement::get_bytes(INDEX element_index, INDEX 
 
 // ---------------------------------------------------------------------------
 
-PlyReader::PlyReader(const ORN::String<char> &path) : mThis(ORN::StrongRef<Implement>::make(path)) {}
+PlyReader::DELIVERY::DELIVERY(const Implement &reader, INDEX element_index)
+    : mReader(reader), mElement(element_index), mTarget(reader.mElement[element_index].mProperty.size()) {}
+
+INDEX PlyReader::DELIVERY::find_element(const ORN::String<char> &name) const { return mReader.find_element(name); }
+
+INDEX PlyReader::DELIVERY::element_size() const { return mReader.element_size(mElement); }
+
+INDEX PlyReader::DELIVERY::find_property(const ORN::String<char> &name) const { return mReader.find_property(mElement, name); }
+
+bool PlyReader::DELIVERY::deliver(INDEX property_index, float *data, INDEX stride) {
+    return deliver(property_index, data, DELIVER_FLOAT, stride);
+}
+
+bool PlyReader::DELIVERY::deliver(INDEX property_index, double *data, INDEX stride) {
+    return deliver(property_index, data, DELIVER_DOUBLE, stride);
+}
+
+bool PlyReader::DELIVERY::deliver(INDEX property_index, std::uint8_t *data, INDEX stride) {
+    return deliver(property_index, data, DELIVER_BYTE, stride);
+}
+
+bool PlyReader::DELIVERY::deliver(INDEX property_index, void *data, INDEX kind, INDEX stride) {
+    _DYNAMIC_ASSERT_(property_index >= 0 && property_index < mTarget.size ());
+    _DYNAMIC_ASSERT_(data != nullptr && stride >= 1);
+    const Implement::PROPERTY &property = mReader.mProperty[mReader.mElement[mElement].mProperty[property_index]];
+    const INDEX wanted = kind == DELIVER_BYTE ? 3 : 1;
+    if (property.mListType != VAR_NONE || storage_class(property.mType) != wanted)
+        return false;
+    mTarget[property_index] = {data, kind, stride};
+    return true;
+}
+
+PlyReader::PlyReader(const ORN::String<char> &path) : mThis(ORN::StrongRef<Implement>::make(path, nullptr)) {}
+
+PlyReader::PlyReader(const ORN::String<char> &path, const PLAN &plan) : mThis(ORN::StrongRef<Implement>::make(path, &plan)) {}
 
 void PlyReader::check_avaliable(const ORN::StrongRef<Abstract> &pointer) { _DYNAMIC_ASSERT_(pointer.exist ()); }
 

@@ -9,9 +9,17 @@
 // "int" and "int64" through get_index / get_index_list (int64), "uchar",
 // "uint16", "uint32" and "uint64" through get_byte / get_byte_list (uint64).
 // Asking a property for another class than its own fails an assertion.
+//
+// A caller that wants some scalar properties in arrays of its own takes the
+// one-pass read instead (the constructor with a PLAN): when the body of an
+// element is reached, the plan names those properties and their arrays, and
+// their values are decoded from the file straight into them, with nothing
+// kept by the reader. Every other property is stored and answered as above.
 
 #include "__ORN__/orn_array.h"
 #include "__ORN__/orn_basic.h"
+
+#include <cstdint>
 
 namespace ORN {
 
@@ -53,9 +61,20 @@ public:
     using INDEX_LIST = ORN::ArrayView<const ORN::int64>;
     using BYTE_LIST = ORN::ArrayView<const ORN::uint64>;
 
+    class DELIVERY;
+    // Called once for each element that has items and properties, when its
+    // body is reached and its item count has been checked against what the
+    // file still holds, before any of its values is decoded.
+    using PLAN = ORN::Function<void(DELIVERY &delivery)>;
+
     PlyReader() = default;
     // Reads and parses the whole file; any malformed input fails an assertion.
     explicit PlyReader(const ORN::String<char> &path);
+    // The same read, with the properties the plan chooses decoded into the
+    // caller's arrays. The file's errors are the same, raised in the same
+    // order, as without a plan: a plan should refuse nothing itself but
+    // check what it needs once the reader is made.
+    PlyReader(const ORN::String<char> &path, const PLAN &plan);
 
     bool exist() const noexcept { return mThis.exist(); }
 
@@ -87,6 +106,44 @@ public:
 
 private:
     ORN::StrongRef<Abstract> mThis;
+};
+
+// The element whose body is about to be read, and where its chosen
+// properties go. A delivered property's item i is written to
+// data[i * stride]: "float" and "double" values into float or double arrays
+// (rounded as static_cast does), "uchar", "uint16", "uint32" and "uint64"
+// values into bytes (values above 255 become 255). The arrays must hold
+// element_size () items at that stride and stay valid until the reader is
+// made. A delivered property is not kept: its getters fail their
+// storage-class assertion.
+class PlyReader::DELIVERY {
+public:
+    ORN::INDEX element_index() const noexcept { return mElement; }
+    ORN::INDEX find_element(const ORN::String<char> &name) const;
+    ORN::INDEX element_size() const;
+    ORN::INDEX find_property(const ORN::String<char> &name) const;
+
+    // True when the property will be delivered: a scalar property of the
+    // array's storage class; false leaves it to the reader (a list, another
+    // class), whose getters then answer or refuse it as usual.
+    bool deliver(ORN::INDEX property_index, float *data, ORN::INDEX stride);
+    bool deliver(ORN::INDEX property_index, double *data, ORN::INDEX stride);
+    bool deliver(ORN::INDEX property_index, std::uint8_t *data, ORN::INDEX stride);
+
+private:
+    friend class PlyReader::Implement;
+    // Where one property's values go: mData nullptr while the reader keeps them.
+    struct TARGET {
+        void *mData = nullptr;
+        ORN::INDEX mKind = 0; // 0 float, 1 double, 2 uint8
+        ORN::INDEX mStride = 0;
+    };
+    DELIVERY(const Implement &reader, ORN::INDEX element_index);
+    bool deliver(ORN::INDEX property_index, void *data, ORN::INDEX kind, ORN::INDEX stride);
+
+    const Implement &mReader;
+    ORN::INDEX mElement;
+    ORN::Array<TARGET> mTarget;
 };
 
 class PlyReader::Abstract : public ORN::Interface {

@@ -300,7 +300,29 @@ void CLOUD::resize(INDEX n) {
 }
 
 CLOUD read_chunk(const ORN::String<char> &path, std::uint16_t chunk, const ORN::String<char> &name) {
-    const PlyReader ply(path);
+    // Positions, normals and colours (x y z, nx ny nz, red green blue) go
+    // from the file straight into the cloud's interleaved arrays while the
+    // reader decodes the vertex element: one pass, no widened copy. A
+    // property the reader cannot deliver (a list, another storage class) is
+    // kept by it, and its getter below refuses it; the file's own errors
+    // come first, as the whole file is read before anything is checked.
+    static const char *const FIELD[9] = {"x", "y", "z", "nx", "ny", "nz", "red", "green", "blue"};
+    CLOUD cloud;
+    bool delivered[9] = {};
+    const PlyReader ply(path, [&](PlyReader::DELIVERY &element) {
+        if (element.element_index() != element.find_element("vertex"))
+            return;
+        cloud.resize(element.element_size());
+        for (int group = 0; group < 3; ++group) {
+            const INDEX property[3] = {element.find_property(FIELD[3 * group]), element.find_property(FIELD[3 * group + 1]),
+                                       element.find_property(FIELD[3 * group + 2])};
+            if (property[0] == ORN::VAR_NONE || property[1] == ORN::VAR_NONE || property[2] == ORN::VAR_NONE)
+                continue;
+            for (int a = 0; a < 3; ++a)
+                delivered[3 * group + a] = group == 2 ? element.deliver(property[a], cloud.mColour.data() + a, 3)
+                                                      : element.deliver(property[a], (group == 0 ? cloud.mPosition : cloud.mNormal).data() + a, 3);
+        }
+    });
     const INDEX vertex = ply.find_element("vertex");
     if (vertex == ORN::VAR_NONE)
         ORN::console().error("PLY without positions : ", name);
@@ -319,17 +341,21 @@ CLOUD read_chunk(const ORN::String<char> &path, std::uint16_t chunk, const ORN::
     const bool has_colour = colour[0] != ORN::VAR_NONE && colour[1] != ORN::VAR_NONE && colour[2] != ORN::VAR_NONE;
 
     const INDEX n = ply.element_size(vertex);
-    CLOUD cloud;
     cloud.resize(n);
-    // Whole columns at a time: the reader's stored values, walked in item
-    // order, written into the cloud's interleaved arrays.
+    // A value the reader kept rather than delivered: its getter checks the
+    // storage class (with items, a kept property is one of another class).
+    const auto take_values = [&](INDEX property, float *out) {
+        const double *v = ply.get_values(vertex, property).data();
+        for (INDEX i = 0; i < n; ++i)
+            out[3 * i] = static_cast<float>(v[i]);
+    };
+    const INDEX position[3] = {x, y, z};
+    for (int a = 0; a < 3; ++a)
+        if (!delivered[a])
+            take_values(position[a], cloud.mPosition.data() + a);
     {
-        const double *axis[3] = {ply.get_values(vertex, x).data(), ply.get_values(vertex, y).data(),
-                                 ply.get_values(vertex, z).data()};
-        float *p = cloud.mPosition.data();
+        const float *p = cloud.mPosition.data();
         for (INDEX i = 0; i < n; ++i, p += 3) {
-            for (int a = 0; a < 3; ++a)
-                p[a] = static_cast<float>(axis[a][i]);
             // Positions are finite single-precision numbers: everything after
             // (merging, searches, surfaces) measures distances between them.
             const bool r1x = std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]);
@@ -340,28 +366,31 @@ CLOUD read_chunk(const ORN::String<char> &path, std::uint16_t chunk, const ORN::
     }
     float *nn = cloud.mNormal.data();
     if (has_normal) {
-        const double *axis[3] = {ply.get_values(vertex, normal[0]).data(), ply.get_values(vertex, normal[1]).data(),
-                                 ply.get_values(vertex, normal[2]).data()};
+        for (int a = 0; a < 3; ++a)
+            if (!delivered[3 + a])
+                take_values(normal[a], nn + a);
         for (INDEX i = 0; i < n; ++i, nn += 3) {
-            const double v[3] = {axis[0][i], axis[1][i], axis[2][i]};
+            const double v[3] = {nn[0], nn[1], nn[2]};
             const double length = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
             for (int a = 0; a < 3; ++a)
                 nn[a] = length > 0 ? static_cast<float>(v[a] / length) : 0.0f;
         }
-    } else {
-        std::fill(cloud.mNormal.begin(), cloud.mNormal.end(), 0.0f);
     }
+    // The fresh cloud holds zeros: normals stay 0 where the file has none,
+    // and the chunk number is written only when it is not 0.
     if (has_colour) {
-        const ORN::uint64 *channel[3] = {ply.get_bytes(vertex, colour[0]).data(), ply.get_bytes(vertex, colour[1]).data(),
-                                         ply.get_bytes(vertex, colour[2]).data()};
-        std::uint8_t *c = cloud.mColour.data();
-        for (INDEX i = 0; i < n; ++i, c += 3)
-            for (int a = 0; a < 3; ++a)
-                c[a] = static_cast<std::uint8_t>(std::min<ORN::uint64>(channel[a][i], 255));
+        for (int a = 0; a < 3; ++a) {
+            if (delivered[6 + a])
+                continue;
+            const ORN::uint64 *channel = ply.get_bytes(vertex, colour[a]).data();
+            for (INDEX i = 0; i < n; ++i)
+                cloud.mColour[3 * i + a] = static_cast<std::uint8_t>(std::min<ORN::uint64>(channel[i], 255));
+        }
     } else {
         std::fill(cloud.mColour.begin(), cloud.mColour.end(), std::uint8_t(160));
     }
-    std::fill(cloud.mChunk.begin(), cloud.mChunk.end(), chunk);
+    if (chunk != 0)
+        std::fill(cloud.mChunk.begin(), cloud.mChunk.end(), chunk);
     return cloud;
 }
 

@@ -8,6 +8,8 @@
 #include <array>
 #include <bit>
 #include <cstdint>
+#include <map>
+#include <set>
 #include <tuple>
 
 namespace {
@@ -332,6 +334,115 @@ TEST_F(PlyReaderTest, BlankRunsLongerThanTheWindowAreSkippedAcrossRefills) {
             EXPECT_TRUE(r.get_index(0, 0, 0) == 1 && r.get_index(0, 0, 1) == -22 && r.get_index(0, 0, 2) == 333) << label << " run " << run;
         }
     }
+}
+
+// A plan that asks for every scalar property: reals into float arrays two
+// apart (or doubles where the name says so), the unsigned types into bytes,
+// and the signed ones into bytes as well, which the reader must refuse.
+struct Delivered {
+    std::vector<INDEX> elements;
+    std::map<std::pair<INDEX, INDEX>, std::vector<float>> floats;
+    std::map<std::pair<INDEX, INDEX>, std::vector<double>> doubles;
+    std::map<std::pair<INDEX, INDEX>, std::vector<std::uint8_t>> bytes;
+    std::set<std::pair<INDEX, INDEX>> refused;
+
+    PlyReader::PLAN plan() {
+        return [this](PlyReader::DELIVERY &d) {
+            const INDEX e = d.element_index();
+            elements.push_back(e);
+            const auto n = static_cast<std::size_t>(d.element_size());
+            for (const std::string name : {"x", "w", "id", "big", "red", "flags", "mask", "tag", "material", "area", "vertex_indices", "uv"}) {
+                const INDEX p = d.find_property(name);
+                if (p == ORN::VAR_NONE)
+                    continue;
+                bool taken;
+                if (name == "w")
+                    taken = d.deliver(p, (doubles[{e, p}] = std::vector<double>(n)).data(), 1);
+                else if (name == "x" || name == "area" || name == "uv")
+                    taken = d.deliver(p, (floats[{e, p}] = std::vector<float>(2 * n, -1.0f)).data(), 2);
+                else
+                    taken = d.deliver(p, (bytes[{e, p}] = std::vector<std::uint8_t>(n)).data(), 1);
+                if (!taken)
+                    refused.insert({e, p});
+            }
+        };
+    }
+};
+
+TEST_F(PlyReaderTest, APlanTakesScalarsOfItsClassIntoItsArraysAndTheRestIsKept) {
+    const auto elements = model();
+    for (const std::string format : {"ascii", "binary_little_endian", "binary_big_endian"})
+        for (const INDEX bytes : {ZARN::ply_reader_window(), INDEX(1), INDEX(7), INDEX(61)}) {
+            const Window window(bytes);
+            const std::string label = format + " window " + std::to_string(bytes);
+            SCOPED_TRACE(label);
+            Delivered d;
+            const PlyReader r(write(format + ".ply", encode(format, elements)), d.plan());
+            // Asked once per element with a body, the empty one not at all.
+            EXPECT_EQ(d.elements, (std::vector<INDEX>{0, 2, 3}));
+            // Signed integers and lists stay with the reader, and answer.
+            EXPECT_EQ(d.refused, (std::set<std::pair<INDEX, INDEX>>{{0, 2}, {0, 3}, {2, 0}, {2, 3}, {3, 1}, {3, 2}}));
+            EXPECT_EQ(r.get_index(0, 2, 2), -2147483648LL);
+            EXPECT_EQ(r.get_value_list(2, 1, 0)[1], -0.75);
+            EXPECT_EQ(r.get_index_list(3, 1, 1)[2], 2147483647);
+            // float x at every other slot, the slots between untouched.
+            EXPECT_EQ((d.floats[{0, 0}]), (std::vector<float>{0.5f, -1.0f, -1.25f, -1.0f, 3.75f, -1.0f}));
+            EXPECT_EQ((d.floats[{3, 3}]), (std::vector<float>{2.5f, -1.0f, -0.125f, -1.0f}));
+            const std::vector<double> w = d.doubles[{0, 1}];
+            ASSERT_EQ(w.size(), 3u);
+            for (std::size_t i = 0; i < 3; ++i)
+                EXPECT_EQ(std::bit_cast<std::uint64_t>(w[i]), bits_of(elements[0].properties[1].items[i][0], "double"));
+            // Bytes as they are, anything above 255 as 255.
+            EXPECT_EQ((d.bytes[{0, 4}]), (std::vector<std::uint8_t>{0, 128, 255}));
+            EXPECT_EQ((d.bytes[{0, 5}]), (std::vector<std::uint8_t>{255, 1, 255}));
+            EXPECT_EQ((d.bytes[{0, 6}]), (std::vector<std::uint8_t>{255, 255, 7}));
+            EXPECT_EQ((d.bytes[{0, 7}]), (std::vector<std::uint8_t>{255, 255, 3}));
+            EXPECT_EQ((d.bytes[{3, 0}]), (std::vector<std::uint8_t>{4, 200}));
+            // What was handed over is not kept: its getters refuse it.
+            EXPECT_TRUE(raised(failure_of([&] { r.get_value(0, 0, 0); }), "mBodyType[element_index][property_index] == PLYREADER_BODY_TYPE_VALUE",
+                               "::get_value("));
+            EXPECT_TRUE(raised(failure_of([&] { r.get_bytes(0, 4); }), "mBodyType[element_index][property_index] == PLYREADER_BODY_TYPE_BYTE",
+                               "::get_bytes("));
+        }
+}
+
+// Any file, however broken, fails with a plan exactly as without one: the
+// same assertion, raised at the same place, and the plan never sees an
+// element whose item count the file cannot hold (its arrays would be
+// allocated for it).
+TEST_F(PlyReaderTest, APlanChangesNoFailure) {
+    std::vector<std::string> files;
+    const std::string le = "ply\nformat binary_little_endian 1.0\n", text = "ply\nformat ascii 1.0\n";
+    for (const std::string format : {"ascii", "binary_little_endian", "binary_big_endian"}) {
+        const std::string whole = encode(format, model());
+        // Every cut of the file, and every byte of its body changed.
+        for (std::size_t size = 0; size < whole.size(); ++size)
+            files.push_back(whole.substr(0, size));
+        for (std::size_t at = whole.find("end_header") + 11; at < whole.size(); ++at) {
+            std::string changed = whole;
+            changed[at] = at % 2 ? '\xff' : '-';
+            files.push_back(changed);
+        }
+    }
+    for (const std::string count : {"4611686018427387903", "1000000000000"}) {
+        files.push_back(le + "element vertex " + count + "\nproperty float x\nproperty uchar red\nend_header\n" + std::string(64, '\0'));
+        files.push_back(le + "element vertex " + count + "\nproperty float x\nproperty list uchar int i\nend_header\n" + std::string(64, '\0'));
+        files.push_back(text + "element vertex " + count + "\nproperty float x\nend_header\n1 2 3 4\n");
+    }
+    INDEX failed = 0;
+    for (const std::string &bytes_of_file : files) {
+        const std::string path = write("f.ply", bytes_of_file);
+        for (const INDEX bytes : {ZARN::ply_reader_window(), INDEX(5)}) {
+            const Window window(bytes);
+            const std::string whole = failure_of([&] { PlyReader reader(path); });
+            Delivered d;
+            const std::string planned = failure_of([&] { PlyReader reader(path, d.plan()); });
+            EXPECT_EQ(planned, whole) << "window " << bytes << ": " << bytes_of_file;
+            failed += !whole.empty();
+        }
+    }
+    // Most of them fail at all.
+    EXPECT_GT(failed, static_cast<INDEX>(files.size()));
 }
 
 TEST_F(PlyReaderTest, AMissingFileFailsAndIsNotCreated) {
