@@ -171,7 +171,7 @@ struct Job {
             for (const auto &e : fs::directory_iterator(mDir / "captures")) {
                 const std::string name = e.path().filename().string();
                 if (std::regex_match(name, std::regex(R"(point_\d+_(up|down)\.jpg)")))
-                    fs::copy_file(e.path(), mDir / "images" / name);
+                    fs::copy_file(e.path(), mDir / "images" / name, fs::copy_options::overwrite_existing);
             }
             shell("env NO_COLOR=1 " + quote(bin + "/bin/zarn") + " run --process VeldaMainProcess --libs " +
                   quote(bin + "/backends") + " " + quote(mDir.string()) + " > /dev/null");
