@@ -918,6 +918,7 @@ int run_child(const Options &o, const std::vector<JOB> &jobs, const Factories &f
     RUN_RECORD record = base_record(factories, whole_number(o.child.substr(first + 1, second - first - 1), 0,
                                                             "--child needs the launcher's pid, not "));
     record.mStarted = o.child.substr(second + 1);
+    Platform::end_on_crash();
     Platform::console_to_standard();
     return run_job(jobs[static_cast<std::size_t>(index)], factories, Platform::channel_of(o.channel), o.time_limit,
                    std::move(record));
@@ -1008,9 +1009,7 @@ int graph(const Options &o) {
 } // namespace
 
 int main(int argc, char **argv) {
-    // Line-buffered even into a pipe or a file, so that what the closed
-    // libraries print with C stdio keeps its place among the console lines.
-    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    Platform::prepare_output();
     try {
         if (argc >= 2 && std::string_view(argv[1]) == "status")
             return status_command(argc - 2, argv + 2);

@@ -26,6 +26,11 @@ extern const char *const DEFAULT_MODULE;
 // back through pipes and the launcher shows and logs them.
 extern const bool CHILD_SHARES_CONSOLE;
 
+// Standard output line-buffered even into a pipe or a file, so that what
+// the closed libraries print with C stdio keeps its place among the console
+// lines; lines end with a line feed alone on every platform.
+void prepare_output();
+
 // The directory of the running launcher.
 std::string launcher_directory();
 // The path separator that ends a directory name ("/", or "\\" too).
@@ -51,6 +56,10 @@ std::string create_problem(const std::string &directory);
 // The module loaded by path, or null with the loader's reason in `error`.
 void *load_module(const std::string &path, std::string &error);
 void *find_symbol(void *module, const std::string &name);
+
+// In a job's child: a crash ends the program at once (no error box, no
+// debugger waiting for a person), so that the launcher sees how it ended.
+void end_on_crash();
 
 // Stop signals (SIGTERM, SIGINT, SIGHUP; Ctrl-C, Ctrl-Break and the
 // console's close on Windows): from now on they are caught, and the one

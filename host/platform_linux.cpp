@@ -47,6 +47,8 @@ constexpr int STOP_SIGNALS[] = {SIGTERM, SIGINT, SIGHUP};
 
 } // namespace
 
+void prepare_output() { std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); }
+
 std::string launcher_directory() {
     std::error_code ec;
     const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ec);
@@ -110,6 +112,9 @@ void *load_module(const std::string &path, std::string &error) {
 }
 
 void *find_symbol(void *module, const std::string &name) { return ::dlsym(module, name.c_str()); }
+
+// A signal's default action ends the program; the launcher's wait tells it.
+void end_on_crash() {}
 
 void catch_stop_signals() {
     if (::pipe2(gWake, O_CLOEXEC | O_NONBLOCK) != 0)
