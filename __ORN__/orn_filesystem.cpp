@@ -70,17 +70,25 @@ Deque<String<char>> FileSystemProc::decouple_path_name(const String<char> &path)
     return r1x;
 }
 
+// On Windows the name's separators become backslashes as it is joined: a
+// path under a \\?\ prefix takes no '/', and messages show one form.
 String<char> FileSystemProc::join_path(const String<char> &directory, std::string_view name) {
+#ifdef _WIN32
+    constexpr char separator = '\\';
+    const auto native = [](char c) { return c == '/' ? separator : c; };
+#else
+    constexpr char separator = '/';
+    const auto native = [](char c) { return c; };
+#endif
     while (!name.empty() && is_separator(name.front()))
         name.remove_prefix(1);
-    if (directory.empty())
-        return String<char>(name);
     String<char> r1x;
     r1x.reserve(directory.size() + 1 + name.size());
     r1x.append(directory);
-    if (!is_separator(r1x.back()))
-        r1x.push_back('/');
-    r1x.append(name);
+    if (!r1x.empty() && !is_separator(r1x.back()))
+        r1x.push_back(separator);
+    for (const char c : name)
+        r1x.push_back(native(c));
     return r1x;
 }
 

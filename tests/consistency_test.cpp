@@ -23,7 +23,7 @@ TEST(ConsistencyProc, CheckFileExistanceLogsAndFailsOnlyForMissingFiles) {
 }
 
 TEST(ConsistencyProc, DistortionTableLivesUnderTheCurrentDirectory) {
-    EXPECT_EQ(ConsistencyProc::asset_file_distort_table_txt(), fs::current_path().string() + "/asset/distortion.txt");
+    EXPECT_EQ(ConsistencyProc::asset_file_distort_table_txt(), (fs::current_path() / "asset/distortion.txt").make_preferred().string());
 }
 
 TEST(ConsistencyProc, IdentifierListsSetOnlyKnownIdentifiers) {

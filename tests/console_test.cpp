@@ -7,7 +7,9 @@
 #include "support.h"
 
 #include <fcntl.h>
+#ifndef _WIN32
 #include <poll.h>
+#endif
 
 #include <iostream>
 #include <optional>
@@ -19,6 +21,15 @@ namespace {
 
 using namespace zarn_test;
 using Logged = std::vector<std::pair<std::string, std::string>>;
+
+#ifdef _WIN32
+constexpr int WRITE_FLAGS = O_WRONLY | O_CREAT | O_TRUNC | O_BINARY;
+// The handle behind a descriptor, which the Windows console writes to.
+std::intptr_t native(int fd) { return ::_get_osfhandle(fd); }
+#else
+constexpr int WRITE_FLAGS = O_WRONLY | O_CREAT | O_TRUNC;
+std::intptr_t native(int fd) { return fd; }
+#endif
 
 // Tag and message of each line of the log in `dir`; empty texts for a malformed line.
 Logged log_of(const TempDir &dir) {
@@ -59,6 +70,9 @@ TEST(Console, WithoutLogOnlyPlainLinesReachStandardOutput) {
 }
 
 TEST(Console, ColoursOnlyOnATerminalWithoutNoColor) {
+#ifdef _WIN32
+    GTEST_SKIP() << "POSIX only: pseudo-terminals";
+#else
     const int master = ::posix_openpt(O_RDWR | O_NOCTTY);
     if (master < 0)
         GTEST_SKIP() << "no pseudo-terminal available";
@@ -96,6 +110,7 @@ TEST(Console, ColoursOnlyOnATerminalWithoutNoColor) {
     saved ? ::setenv("NO_COLOR", saved->c_str(), 1) : ::unsetenv("NO_COLOR");
     ::close(slave);
     ::close(master);
+#endif
 }
 
 // What the service writes to descriptors 1 and 2 while `f` runs, apart.
@@ -105,16 +120,24 @@ std::pair<std::string, std::string> streams_of(const std::function<void()> &f) {
     int saved[2];
     for (int fd : {1, 2}) {
         saved[fd - 1] = ::dup(fd);
-        const int sink = ::open((dir / std::to_string(fd)).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        const int sink = ::open((dir / std::to_string(fd)).c_str(), WRITE_FLAGS, 0600);
         ::dup2(sink, fd);
         ::close(sink);
     }
+    const auto follow = [] {
+#ifdef _WIN32
+        ::SetStdHandle(STD_OUTPUT_HANDLE, reinterpret_cast<HANDLE>(native(1)));
+        ::SetStdHandle(STD_ERROR_HANDLE, reinterpret_cast<HANDLE>(native(2)));
+#endif
+    };
+    follow();
     f();
     std::fflush(nullptr);
     for (int fd : {1, 2}) {
         ::dup2(saved[fd - 1], fd);
         ::close(saved[fd - 1]);
     }
+    follow();
     return {read_file(dir / "1"), read_file(dir / "2")};
 }
 
@@ -133,10 +156,10 @@ TEST(Console, FatalAndErrorLinesGoToStandardErrorTheOthersToStandardOutput) {
 
 TEST(Console, RedirectedLinesGoToCopiesOfTheGivenDescriptors) {
     TempDir dir;
-    const int out = ::open((dir / "out").c_str(), O_WRONLY | O_CREAT, 0600);
-    const int err = ::open((dir / "err").c_str(), O_WRONLY | O_CREAT, 0600);
+    const int out = ::open((dir / "out").c_str(), WRITE_FLAGS, 0600);
+    const int err = ::open((dir / "err").c_str(), WRITE_FLAGS, 0600);
     ORN::ConsoleService service;
-    service.redirect(out, err);
+    service.redirect(native(out), native(err));
     ::close(out);
     ::close(err); // the service keeps copies
     const auto [shown, shown_err] = streams_of([&] {
@@ -207,7 +230,7 @@ TEST(ConsoleLog, ALogThatCannotBeOpenedFailsAfterSayingWhyAndTheConsoleGoesOn) {
         // for its own mutex for ever.
         const std::string said = capture_stdout([&] { text = failure_of([&] { service.attach_log(bad); }); });
         EXPECT_TRUE(starts_with(text, "dynamic_assert failed : ")) << text;
-        EXPECT_TRUE(starts_with(said, "open : " + bad + "/console.log : ")) << said;
+        EXPECT_TRUE(starts_with(said, "open : " + (fs::path(bad) / "console.log").make_preferred().string() + " : ")) << said;
         EXPECT_FALSE(service.log_attached());
     }
     EXPECT_EQ(capture_stdout([&] { service.info("still here"); }), "still here\n");

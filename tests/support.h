@@ -1,14 +1,26 @@
 #pragma once
 
-// Helpers shared by the tests that work on real directories and programs.
+// Helpers shared by the tests that work on real directories and programs,
+// on Linux and on Windows alike. What needs POSIX (child processes, shell
+// command lines) is in support_posix.h, included here on POSIX systems.
 
 #include <gtest/gtest.h>
 
-#include <sys/resource.h>
+#ifdef _WIN32
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <windows.h>
+#include <io.h>
+#else
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
+#endif
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -24,14 +36,24 @@ namespace zarn_test {
 namespace fs = std::filesystem;
 
 // A fresh directory under the system's temporary directory, removed with
-// everything in it when the object goes.
+// everything in it when the object goes. Names below it are given with the
+// platform's separator (`dir / "a/b"` is "...\\a\\b" on Windows), as the
+// core library writes them in its messages.
 class TempDir {
 public:
     TempDir() {
+#ifdef _WIN32
+        for (unsigned n = ::GetTickCount() ^ ::GetCurrentProcessId();; ++n) {
+            mPath = fs::temp_directory_path() / ("zarn-test-" + std::to_string(n));
+            if (fs::create_directory(mPath))
+                break;
+        }
+#else
         std::string pattern = (fs::temp_directory_path() / "zarn-test-XXXXXX").string();
         if (mkdtemp(pattern.data()) == nullptr)
             throw std::runtime_error("mkdtemp failed");
         mPath = pattern;
+#endif
     }
     TempDir(const TempDir &) = delete;
     ~TempDir() {
@@ -40,7 +62,7 @@ public:
     }
     const fs::path &path() const { return mPath; }
     std::string str() const { return mPath.string(); }
-    std::string operator/(const std::string &name) const { return (mPath / name).string(); }
+    std::string operator/(const std::string &name) const { return (mPath / name).make_preferred().string(); }
 
 private:
     fs::path mPath;
@@ -58,14 +80,28 @@ inline std::string read_file(const fs::path &path) {
     return out.str();
 }
 
-inline ino_t inode_of(const fs::path &path) {
+// The file's identity: equal for two names of one file (hard links), 0
+// when there is no file. The inode on POSIX, the file index on Windows.
+using FileId = std::uint64_t;
+inline FileId inode_of(const fs::path &path) {
+#ifdef _WIN32
+    const HANDLE h = ::CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                   nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (h == INVALID_HANDLE_VALUE)
+        return 0;
+    BY_HANDLE_FILE_INFORMATION info{};
+    const bool ok = ::GetFileInformationByHandle(h, &info) != FALSE;
+    ::CloseHandle(h);
+    return ok ? (FileId(info.nFileIndexHigh) << 32 | info.nFileIndexLow) : 0;
+#else
     struct stat st {};
     return ::stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+#endif
 }
 
-// Every regular file under a directory: relative name -> inode.
-inline std::map<std::string, ino_t> tree(const fs::path &root) {
-    std::map<std::string, ino_t> files;
+// Every regular file under a directory: relative name -> identity.
+inline std::map<std::string, FileId> tree(const fs::path &root) {
+    std::map<std::string, FileId> files;
     if (fs::exists(root))
         for (const auto &e : fs::recursive_directory_iterator(root))
             if (e.is_regular_file())
@@ -73,92 +109,30 @@ inline std::map<std::string, ino_t> tree(const fs::path &root) {
     return files;
 }
 
-// Shell-quoted word.
-inline std::string quote(const std::string &word) {
-    std::string q = "'";
-    for (char c : word)
-        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
-
-struct RunResult {
-    int status = -1;    // exit status
-    std::string output; // standard output and standard error together
-};
-
-// For a child that checks a cost: its address space may grow by `bytes`
-// beyond what it holds now, and no further.
-inline void limit_address_space_growth(long long bytes) {
-    std::ifstream status("/proc/self/status");
-    long long size = 0;
-    for (std::string line; std::getline(status, line);)
-        if (line.rfind("VmSize:", 0) == 0)
-            size = std::stoll(line.substr(7)) * 1024;
-    const rlimit limit{rlim_t(size + bytes), rlim_t(size + bytes)};
-    ::setrlimit(RLIMIT_AS, &limit);
-}
-
-// Runs `work` in a child process and returns the text it gives back, or
-// "ended by signal N" when the child does not end by itself (a crash, an
-// alarm, the kernel's refusal of memory): a cost or a crash is checked
-// without putting the test program at risk.
-inline std::string in_child(const std::function<std::string()> &work) {
-    int ends[2];
-    if (::pipe(ends) != 0)
-        return "no pipe";
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::close(ends[0]);
-        const std::string text = work();
-        [[maybe_unused]] const auto n = ::write(ends[1], text.data(), text.size());
-        ::_exit(0);
-    }
-    ::close(ends[1]);
-    std::string text;
-    char buffer[512];
-    for (ssize_t n; (n = ::read(ends[0], buffer, sizeof(buffer))) > 0;)
-        text.append(buffer, static_cast<std::size_t>(n));
-    ::close(ends[0]);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    if (WIFSIGNALED(status))
-        return "ended by signal " + std::to_string(WTERMSIG(status));
-    return text;
-}
-
-// Runs a shell command line and collects its output (standard error too,
-// of every command of the line) and exit status.
-inline RunResult run(const std::string &command) {
-    RunResult r;
-    FILE *pipe = ::popen(("{ " + command + "\n} 2>&1").c_str(), "r");
-    if (pipe == nullptr)
-        return r;
-    char buffer[4096];
-    std::size_t n;
-    while ((n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0)
-        r.output.append(buffer, n);
-    const int raw = ::pclose(pipe);
-    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    return r;
-}
-
 // What `f` writes to standard output and standard error (file descriptors
 // 1 and 2, in the order written: the console's error lines go to the
-// latter) while it runs.
+// latter) while it runs. On Windows the standard handles, where the
+// console writes, follow the descriptors.
 inline std::string capture_stdout(const std::function<void()> &f) {
     std::fflush(stdout);
     std::fflush(stderr);
     TempDir dir;
     const std::string file = dir / "stdout";
     const int saved = ::dup(1), saved_error = ::dup(2);
-    FILE *sink = std::fopen(file.c_str(), "w");
-    ::dup2(fileno(sink), 1);
-    ::dup2(fileno(sink), 2);
+    FILE *sink = std::fopen(file.c_str(), "wb");
+    const auto redirect = [](int out, int error) {
+        ::dup2(out, 1);
+        ::dup2(error, 2);
+#ifdef _WIN32
+        ::SetStdHandle(STD_OUTPUT_HANDLE, reinterpret_cast<HANDLE>(::_get_osfhandle(1)));
+        ::SetStdHandle(STD_ERROR_HANDLE, reinterpret_cast<HANDLE>(::_get_osfhandle(2)));
+#endif
+    };
+    redirect(fileno(sink), fileno(sink));
     const auto restore = [&] {
         std::fflush(stdout);
         std::fflush(stderr);
-        ::dup2(saved, 1);
-        ::dup2(saved_error, 2);
+        redirect(saved, saved_error);
         ::close(saved);
         ::close(saved_error);
         std::fclose(sink);
@@ -197,3 +171,7 @@ inline bool starts_with(const std::string &text, const std::string &prefix) { re
 inline bool contains(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 
 } // namespace zarn_test
+
+#ifndef _WIN32
+#include "support_posix.h"
+#endif
