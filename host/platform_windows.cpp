@@ -13,14 +13,6 @@
 #include "ZARN_Common/DLL.h"
 #include "__ORN__/orn_debugger.h"
 
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
-
 #include <fcntl.h>
 #include <io.h>
 
@@ -31,6 +23,9 @@
 #include <filesystem>
 #include <iostream>
 #include <stdexcept>
+
+// Last: its min and max macros would break the standard headers.
+#include <windows.h>
 
 namespace ZARN::Host {
 

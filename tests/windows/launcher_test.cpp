@@ -25,35 +25,25 @@ struct RUN {
     std::string mOutput; // standard output and error, in one file
 };
 
-// zarn.exe with `arguments`, its output caught; ZARN_BACKEND_FAIL is
-// `fail` for its run.
+// zarn.exe with `arguments`, its output caught (it inherits the standard
+// handles); ZARN_BACKEND_FAIL is `fail` for its run.
 RUN zarn(const std::string &arguments, const std::string &fail = "") {
-    TempDir dir;
-    const std::string file = dir / "output";
-    SECURITY_ATTRIBUTES inherit{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
-    const HANDLE sink = ::CreateFileA(file.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
-                                      CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (sink == INVALID_HANDLE_VALUE)
-        throw std::runtime_error("cannot create " + file);
-    ::SetEnvironmentVariableA("ZARN_BACKEND_FAIL", fail.empty() ? nullptr : fail.c_str());
-    STARTUPINFOA startup{};
-    startup.cb = sizeof(startup);
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = startup.hStdError = sink;
-    std::string command = "\"" + ZARN + "\" " + arguments;
-    PROCESS_INFORMATION process{};
-    const BOOL made =
-        ::CreateProcessA(ZARN.c_str(), command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process);
-    ::SetEnvironmentVariableA("ZARN_BACKEND_FAIL", nullptr);
-    ::CloseHandle(sink);
-    if (!made)
-        throw std::runtime_error("cannot start " + ZARN);
     RUN run;
-    ::WaitForSingleObject(process.hProcess, INFINITE);
-    ::GetExitCodeProcess(process.hProcess, &run.mStatus);
-    ::CloseHandle(process.hProcess);
-    ::CloseHandle(process.hThread);
-    run.mOutput = read_file(file);
+    run.mOutput = capture_output([&] {
+        ::SetEnvironmentVariableA("ZARN_BACKEND_FAIL", fail.empty() ? nullptr : fail.c_str());
+        STARTUPINFOA startup{};
+        startup.cb = sizeof(startup);
+        std::string command = "\"" + ZARN + "\" " + arguments;
+        PROCESS_INFORMATION process{};
+        const BOOL made =
+            ::CreateProcessA(ZARN.c_str(), command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process);
+        ::SetEnvironmentVariableA("ZARN_BACKEND_FAIL", nullptr);
+        ASSERT_TRUE(made) << "cannot start " << ZARN;
+        ::WaitForSingleObject(process.hProcess, INFINITE);
+        ::GetExitCodeProcess(process.hProcess, &run.mStatus);
+        ::CloseHandle(process.hProcess);
+        ::CloseHandle(process.hThread);
+    });
     return run;
 }
 
