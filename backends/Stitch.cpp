@@ -13,8 +13,8 @@
 // against the tables, match the lower lens's exposure to the upper's on the
 // init's estimate size, remap both into the panorama, feather them across
 // the overlap and encode the panorama by its extension. The HDR execute
-// first fuses each lens's brackets (Mertens exposure fusion). The video
-// execute does the same per frame, a normal and a short exposure fused,
+// first merges each lens's brackets (merge_exposures of stitch_core.h). The
+// video execute does the same per frame, a normal and a short exposure,
 // into a Motion-JPEG AVI; its HDR value is the exposure ratio of the normal
 // to the short streams measured on linear light (captures are encoded with
 // gamma ImageProc::capture_gamma ()).

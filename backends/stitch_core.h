@@ -3,7 +3,7 @@
 // What the two reference stitching libraries (libStitch.so, and the video
 // side and file handling of libStereoRotCam.so) share: output files written
 // under a temporary name and renamed into place, decoding of captures,
-// exposure fusion, the two-lens stitcher of images and videos, and the text
+// exposure fusion and merging, the two-lens stitcher of images and videos, and the text
 // of entry arguments for the call trace.
 
 #include "stitch_maps.h"
@@ -64,9 +64,26 @@ struct CAPTURE {
 int read_capture(const char *path, int width, int height, CAPTURE &out);
 int read_capture(const char *path, const LENS_TABLE &lens, CAPTURE &out);
 
-// Mertens exposure fusion of 8-bit exposures of one scene, back to 8 bits;
-// a single exposure is returned as it is.
+// Mertens exposure fusion of 8-bit exposures of one scene, back to 8 bits
+// (the stereo library's fusion mode); a single exposure is returned as it
+// is.
 cv::Mat fuse(const std::vector<cv::Mat> &exposures);
+
+// The two-lens stitcher's merge of 8-bit colour exposures of one scene (one
+// size, any order) into one 8-bit image; a single exposure is returned as
+// it is. The exposures' ratios of light are measured from the images
+// (linear light of the values two neighbours as given both expose well);
+// the middle one by light (of an even count, the brighter middle one, as a
+// bracket is set around the metered exposure) is the reference, kept as it
+// is wherever its brightest channel is at most 230. Above, the pixel's
+// radiance is merged from the reference and its darker exposures (each
+// weighted by its share of the light, ramping to 0 as its brightest channel
+// goes from 230 to 250) and brought back by a tone curve that follows the
+// capture curve up to 230, then a logarithmic shoulder meeting it with its
+// slope and reaching 255 at the brightest radiance the darkest exposure
+// holds. Exposures brighter than the reference are not used. Each pixel on
+// its own: the same bytes on any number of threads.
+cv::Mat merge_exposures(const std::vector<cv::Mat> &exposures);
 
 // --- Remap tables shared across objects.
 

@@ -581,7 +581,7 @@ int repair_panorama(const Stitcher &stitcher, const std::vector<const char *> &u
                     return r;
                 exposures.push_back(captures[lens][i].mPixels);
             }
-            fused[lens].mPixels = fuse(exposures);
+            fused[lens].mPixels = merge_exposures(exposures);
         }
         double difference = 0;
         gain = stitcher.exposure_gain(fused[0].mPixels, fused[1].mPixels, difference);

@@ -7,6 +7,14 @@
 // pixels square); build the targets Stitch and zarn_capture first. Both
 // are found beside this program's build directory.
 //
+// A bracketed capture (the generator's second point: four exposures per
+// lens, darkest first) merged and stitched by the HDR execute, against the
+// plain execute of the same point's normal capture in the same iterations,
+// with OpenCV's default threads and with one: their time ratio, PSNR
+// against the truth and clipped values. ZARN_STITCH_LIBRARY names another
+// libStitch.so to measure (today's: run with LD_LIBRARY_PATH at its core
+// library, docs/PERFORMANCE.md).
+//
 // Then, on a parallax capture of the same size (lenses 3 cm apart, near
 // objects across the seam band): the flow-aligned seam against the plain
 // blend in the same iterations (time, PSNR against the truth over the band
@@ -54,15 +62,21 @@ struct Setup {
         char pattern[] = "/tmp/zarn_stitch_bench_XXXXXX";
         mJob = ::mkdtemp(pattern);
         const std::string command = (build_directory() / "bin/zarn_capture").string() + " " + mJob.string() +
-                                    " --width 4096 --points 1 --videos 0 > /dev/null";
+                                    " --width 4096 --points 2 --videos 0 > /dev/null";
         if (std::system(command.c_str()) != 0)
             throw std::runtime_error("zarn_capture failed: " + command);
-        void *lib = dlopen((build_directory() / "backends/libStitch.so").c_str(), RTLD_NOW | RTLD_LOCAL);
+        const char *other = std::getenv("ZARN_STITCH_LIBRARY");
+        const fs::path library = other && *other ? fs::path(other) : build_directory() / "backends/libStitch.so";
+        void *lib = dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL);
         if (lib == nullptr)
             throw std::runtime_error(dlerror());
         mCreate = reinterpret_cast<Lib::CREATE_OPT_FLOW_STITCH *>(dlsym(lib, "KIVO_CreateOptFlowStitchHandle"));
         mInit = reinterpret_cast<Lib::INIT_OPT_FLOW_STITCH *>(dlsym(lib, "KIVO_InitOptFlowStitchHandle"));
         mExecute = reinterpret_cast<Lib::EXECUTE_OPT_FLOW_STITCH *>(dlsym(lib, "KIVO_ExecuteOptFlowStitchHandle"));
+        mExecuteHdr =
+            reinterpret_cast<Lib::EXECUTE_OPT_FLOW_STITCH_HDR *>(dlsym(lib, "KIVO_ExecuteOptFlowStitchHDRHandle"));
+        if (mCreate == nullptr || mInit == nullptr || mExecute == nullptr || mExecuteHdr == nullptr)
+            throw std::runtime_error("libStitch.so lacks an entry");
         mHandle = mCreate();
         if (mInit(mHandle, path("caches/table_Up.bin").c_str(), path("caches/table_Down.bin").c_str(), WIDTH, HEIGHT,
                   WIDTH / 8, HEIGHT / 8, Lib::OUTPUT_BITS) != Lib::KIVO_OK)
@@ -96,6 +110,7 @@ struct Setup {
     Lib::CREATE_OPT_FLOW_STITCH *mCreate = nullptr;
     Lib::INIT_OPT_FLOW_STITCH *mInit = nullptr;
     Lib::EXECUTE_OPT_FLOW_STITCH *mExecute = nullptr;
+    Lib::EXECUTE_OPT_FLOW_STITCH_HDR *mExecuteHdr = nullptr;
     Lib::IMAGE_HANDLE mHandle = nullptr;
     cv::Mat mMap1[2], mMap2[2];
     ORN::Image mUp, mDown, mPanorama;
@@ -264,11 +279,68 @@ void BM_ProcessTwentyPanoramas(benchmark::State &state) {
 }
 BENCHMARK(BM_ProcessTwentyPanoramas)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
 
-// --- Parallax: flow-aligned seams and repairs.
+// --- Bracketed captures.
 
 double seconds_since(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
+
+// The HDR execute of point 1's four brackets per lens against the plain
+// execute of its normal capture, one of each per iteration on one object,
+// JPEG out (quality as the library writes). Argument: OpenCV's threads (0:
+// its default). The time is the HDR execute's; counters: both times and
+// their ratio, PSNR against the truth of both, and the share of values at
+// 250 or above in each (the truth clips where the normal exposure does).
+void BM_HdrAgainstPlain(benchmark::State &state) {
+    Setup &s = setup();
+    const int threads = cv::getNumThreads();
+    if (state.range(0) > 0)
+        cv::setNumThreads(int(state.range(0)));
+    const std::string up = s.path("captures/point_001_up.jpg"), down = s.path("captures/point_001_down.jpg");
+    std::string b[8];
+    for (int k = 0; k < 4; ++k) {
+        b[k] = s.path("captures/point_001_up_" + std::to_string(k) + ".jpg");
+        b[4 + k] = s.path("captures/point_001_down_" + std::to_string(k) + ".jpg");
+    }
+    const std::string out[2] = {s.path("caches/images/hdr_plain.jpg"), s.path("caches/images/hdr.jpg")};
+    double time[2] = {0, 0};
+    for (auto _ : state) {
+        auto start = std::chrono::steady_clock::now();
+        if (s.mExecute(s.mHandle, up.c_str(), down.c_str(), out[0].c_str(), SIZE, nullptr, "bench") != Lib::KIVO_OK) {
+            state.SkipWithError("execute failed");
+            break;
+        }
+        time[0] += seconds_since(start);
+        start = std::chrono::steady_clock::now();
+        if (s.mExecuteHdr(s.mHandle, b[0].c_str(), b[1].c_str(), b[2].c_str(), b[3].c_str(), b[4].c_str(),
+                          b[5].c_str(), b[6].c_str(), b[7].c_str(), out[1].c_str(), SIZE, 4) != Lib::KIVO_OK) {
+            state.SkipWithError("HDR execute failed");
+            break;
+        }
+        const double hdr = seconds_since(start);
+        time[1] += hdr;
+        state.SetIterationTime(hdr);
+    }
+    cv::setNumThreads(threads);
+    if (state.iterations() == 0 || time[0] <= 0)
+        return;
+    const double n = double(state.iterations());
+    state.counters["plain_ms"] = 1e3 * time[0] / n;
+    state.counters["hdr_ms"] = 1e3 * time[1] / n;
+    state.counters["hdr_over_plain"] = time[1] / time[0];
+    const ORN::Image truth = ORN::Image::read(s.path("truth/point_001.png"));
+    const char *names[2] = {"plain", "hdr"};
+    for (int i = 0; i < 2; ++i) {
+        const ORN::Image image = ORN::Image::read(out[i]);
+        const cv::Mat values = ImageProc::mat(image).reshape(1);
+        state.counters[std::string(names[i]) + "_dB"] = ImageProc::psnr(truth, image);
+        state.counters[std::string(names[i]) + "_clipped_percent"] =
+            100.0 * cv::countNonZero(values >= 250) / double(values.total());
+    }
+}
+BENCHMARK(BM_HdrAgainstPlain)->Arg(0)->Arg(1)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
+
+// --- Parallax: flow-aligned seams and repairs.
 
 struct ParallaxSetup {
     ParallaxSetup() {
