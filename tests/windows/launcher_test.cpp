@@ -121,20 +121,27 @@ TEST(LauncherRun, CalibrationJobWritesItsManifestOrFailsWithTheLibrarysCode) {
     EXPECT_TRUE(starts_with(status.mOutput, "failed : " + job + " : CalibMainProcess : ")) << status.mOutput;
 }
 
-// Two jobs at once: the library crashes in one, which fails that job only;
-// every line of a job starts with its name.
-TEST(LauncherRun, TwoJobsAtOnceACrashFailsOnlyItsOwnJob) {
+// Three jobs, two at once: the library crashes in one and ends the program
+// in another, which fails those jobs only; every line of a job starts with
+// its name.
+TEST(LauncherRun, TwoAtOnceACrashOrAnExitFailsOnlyItsOwnJob) {
     TempDir dir;
-    const std::string good = dir / "good", bad = dir / "bad";
+    const std::string good = dir / "good", bad = dir / "bad", quits = dir / "quits";
     velda_job(good, "interior");
     velda_job(bad, "crash");
-    const RUN run = zarn("run -j 2 --process VeldaMainProcess --libs " + VELDA_LIBS + " " + bad + " " + good);
+    velda_job(quits, "exit");
+    const RUN run =
+        zarn("run -j 2 --process VeldaMainProcess --libs " + VELDA_LIBS + " " + bad + " " + quits + " " + good);
     EXPECT_EQ(run.mStatus, 1u) << run.mOutput;
     EXPECT_TRUE(contains(run.mOutput, "[bad] VeldaMainProcess error\n")) << run.mOutput;
     EXPECT_TRUE(contains(run.mOutput,
                          "[bad] the program was ended by exception 0xC0000005 during VeldaMainProcess\n"))
         << run.mOutput;
+    EXPECT_TRUE(contains(run.mOutput,
+                         "[quits] a library ended the program with exit status 7 during VeldaMainProcess\n"))
+        << run.mOutput;
     EXPECT_TRUE(contains(run.mOutput, "[good] caches/upload.part9.json : 2 files\n")) << run.mOutput;
+    EXPECT_TRUE(contains(run.mOutput, "failed : VeldaMainProcess : " + quits + " : ")) << run.mOutput;
     EXPECT_TRUE(contains(run.mOutput, "failed : VeldaMainProcess : " + bad + " : ")) << run.mOutput;
     EXPECT_TRUE(contains(run.mOutput, "done : VeldaMainProcess : " + good + " : ")) << run.mOutput;
     expect_linked(good, "ar\\anchors.json", "ar\\anchors.json");

@@ -6,7 +6,8 @@
 // each image (one line: its name), the up-down and AR results with their
 // manifests, the floor plan and, last, vision.json, and returns 0.
 // For the launcher's tests, the type "crash" ends the program with an
-// access violation, "sleep" waits a minute, and ZARN_BACKEND_FAIL=run_velda_main:CODE returns CODE.
+// access violation, "exit" ends it with exit status 7, "sleep" waits a
+// minute, and ZARN_BACKEND_FAIL=run_velda_main:CODE returns CODE.
 #include <windows.h>
 
 #include <algorithm>
@@ -69,6 +70,8 @@ extern "C" __declspec(dllexport) int run_velda_main(int argc, char **argv) {
         return 2;
     if (type == "crash")
         *static_cast<volatile int *>(nullptr) = 1;
+    if (type == "exit")
+        std::exit(7);
     if (type == "sleep")
         ::Sleep(60000);
     if (const int code = injected_failure(); code != 0)
