@@ -18,6 +18,142 @@
 
 namespace ORN {
 
+namespace {
+
+// The pixel buffers of matrices released on a worker thread, kept for the
+// thread's next matrix of the same byte size (the next record's captures
+// and panorama), so that a worker does not take fresh pages from the system
+// for every record. At least MIN_BYTES each (smaller ones cost little to
+// allocate), the newest MAX_BUFFERS of them up to MAX_BYTES in all; they go
+// with their thread.
+class PixelStore {
+public:
+    static constexpr std::size_t MIN_BYTES = std::size_t(1) << 20;
+    static constexpr std::size_t MAX_BYTES = std::size_t(192) << 20;
+    static constexpr std::size_t MAX_BUFFERS = 10;
+
+    ~PixelStore() {
+        tGone = true;
+        for (const BUFFER &b : mBuffers)
+            cv::fastFree(b.mData);
+    }
+
+    // This thread's store; null off the workers and while the thread ends.
+    static PixelStore *here() {
+        if (tGone || !WorkThread::on_worker())
+            return nullptr;
+        thread_local PixelStore store;
+        return &store;
+    }
+
+    // A kept buffer of exactly `bytes` bytes, taken out; null when none.
+    void *take(std::size_t bytes) {
+        for (auto i = mBuffers.rbegin(); i != mBuffers.rend(); ++i)
+            if (i->mBytes == bytes) {
+                void *data = i->mData;
+                mBuffers.erase(std::next(i).base());
+                mBytes -= bytes;
+                return data;
+            }
+        return nullptr;
+    }
+
+    // Keeps the buffer, or frees it when it is not worth keeping.
+    void give(void *data, std::size_t bytes) {
+        if (bytes < MIN_BYTES || bytes > MAX_BYTES) {
+            cv::fastFree(data);
+            return;
+        }
+        mBuffers.push_back({data, bytes});
+        mBytes += bytes;
+        while (mBuffers.size() > MAX_BUFFERS || mBytes > MAX_BYTES) {
+            mBytes -= mBuffers.front().mBytes;
+            cv::fastFree(mBuffers.front().mData);
+            mBuffers.erase(mBuffers.begin());
+        }
+    }
+
+private:
+    struct BUFFER {
+        void *mData;
+        std::size_t mBytes;
+    };
+    static thread_local bool tGone;
+    std::vector<BUFFER> mBuffers;
+    std::size_t mBytes = 0;
+};
+
+thread_local bool PixelStore::tGone = false;
+
+// OpenCV's allocation of a matrix, in contiguous rows, through the store:
+// a matrix made with this allocator takes a kept buffer of its size when the
+// thread has one, and its buffer goes back to the store of the thread that
+// releases the matrix last. Nothing is kept while anything still shows it.
+class ReusingAllocator final : public cv::MatAllocator {
+public:
+    cv::UMatData *allocate(int dims, const int *sizes, int type, void *data0, size_t *step, cv::AccessFlag,
+                           cv::UMatUsageFlags) const override {
+        std::size_t total = CV_ELEM_SIZE(type);
+        for (int i = dims - 1; i >= 0; --i) {
+            if (step != nullptr) {
+                if (data0 != nullptr && step[i] != cv::Mat::AUTO_STEP)
+                    total = step[i];
+                else
+                    step[i] = total;
+            }
+            total *= static_cast<std::size_t>(sizes[i]);
+        }
+        void *data = data0;
+        if (data == nullptr)
+            if (PixelStore *store = PixelStore::here())
+                data = store->take(total);
+        if (data == nullptr && data0 == nullptr)
+            data = cv::fastMalloc(total);
+        auto *u = new cv::UMatData(this);
+        u->data = u->origdata = static_cast<uchar *>(data);
+        u->size = total;
+        if (data0 != nullptr)
+            u->flags |= cv::UMatData::USER_ALLOCATED;
+        return u;
+    }
+
+    bool allocate(cv::UMatData *u, cv::AccessFlag, cv::UMatUsageFlags) const override { return u != nullptr; }
+
+    void deallocate(cv::UMatData *u) const override {
+        if (u == nullptr)
+            return;
+        if (!(u->flags & cv::UMatData::USER_ALLOCATED) && u->origdata != nullptr) {
+            if (PixelStore *store = PixelStore::here())
+                store->give(u->origdata, u->size);
+            else
+                cv::fastFree(u->origdata);
+        }
+        delete u;
+    }
+
+    // The allocator; never destroyed, as matrices may outlive every scope.
+    static cv::MatAllocator *get() {
+        static ReusingAllocator *const allocator = new ReusingAllocator;
+        return allocator;
+    }
+};
+
+// An empty matrix whose pixels, once made, come from the store.
+cv::Mat reusing_matrix() {
+    cv::Mat m;
+    m.allocator = ReusingAllocator::get();
+    return m;
+}
+
+// A matrix of that size and type: a kept buffer when there is one.
+cv::Mat reused_pixels(int rows, int cols, int type) {
+    cv::Mat m = reusing_matrix();
+    m.create(rows, cols, type);
+    return m;
+}
+
+} // namespace
+
 class Image::Private::Implement {
 public:
     explicit Implement(cv::Mat pixels) : mPixels(std::move(pixels)) {}
@@ -92,6 +228,14 @@ std::vector<int> write_params(std::string_view extension, INDEX quality) {
     return true;
 }();
 
+// Decodes into a matrix whose pixels come from the store (an undecodable
+// image leaves it empty).
+cv::Mat decode_reusing(const cv::Mat &encoded, ImageReadMode mode) {
+    cv::Mat out = reusing_matrix();
+    cv::imdecode(encoded, read_flags(mode), &out);
+    return out;
+}
+
 // The matrix of an image; an empty matrix for an empty image.
 const cv::Mat &pixels_of(const StrongRef<Image::Private::Implement> &pixels) {
     static const cv::Mat none;
@@ -129,9 +273,10 @@ cv::Mat new_pixels(INDEX width, INDEX height, INDEX channels, ImageDepth depth, 
                "size out of range");
     _DYNAMIC_ASSERT_(r1x);
     const int type = CV_MAKETYPE(cv_depth(depth), static_cast<int>(channels));
+    cv::Mat pixels = reused_pixels(static_cast<int>(height), static_cast<int>(width), type);
     if (zero)
-        return cv::Mat::zeros(static_cast<int>(height), static_cast<int>(width), type);
-    return cv::Mat(static_cast<int>(height), static_cast<int>(width), type);
+        pixels.setTo(cv::Scalar::all(0));
+    return pixels;
 }
 
 } // namespace
@@ -146,7 +291,10 @@ Image Image::zeros(INDEX width, INDEX height, INDEX channels, ImageDepth depth) 
 Image Image::clone() const {
     if (empty())
         return Image();
-    return Image(StrongRef<Private::Implement>::make(mThis->mPixels.clone()));
+    const cv::Mat &from = mThis->mPixels;
+    cv::Mat copy = reused_pixels(from.rows, from.cols, from.type());
+    from.copyTo(copy);
+    return Image(StrongRef<Private::Implement>::make(std::move(copy)));
 }
 
 // Files go through the file system layer (a regular file, read without
@@ -167,7 +315,7 @@ Image Image::read(const String<char> &path, ImageReadMode mode) {
     else
         try {
             const cv::Mat encoded(1, static_cast<int>(bytes.size()), CV_8U, bytes.data());
-            r1x = cv::imdecode(encoded, read_flags(mode));
+            r1x = decode_reusing(encoded, mode);
         } catch (const cv::Exception &e) {
             reason = e.err;
         }
@@ -229,7 +377,7 @@ Image Image::decode(const unsigned char *bytes, INDEX size, ImageReadMode mode) 
     else
         try {
             const cv::Mat encoded(1, static_cast<int>(size), CV_8U, const_cast<unsigned char *>(bytes));
-            r1x = cv::imdecode(encoded, read_flags(mode));
+            r1x = decode_reusing(encoded, mode);
         } catch (const cv::Exception &e) {
             reason = e.err;
         }

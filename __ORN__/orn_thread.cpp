@@ -280,6 +280,7 @@ WorkThread::~WorkThread() = default;
 INDEX WorkThread::concurrency() const { return mThis->concurrency(); }
 void WorkThread::submit(Function<void()> task) { mThis->submit(std::move(task)); }
 void WorkThread::wait() { mThis->wait(); }
+bool WorkThread::on_worker() noexcept { return tPool != nullptr; }
 bool WorkThread::failed() const noexcept { return mThis.exist() && mThis.get()->failed(); }
 
 } // namespace ORN

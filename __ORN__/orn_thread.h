@@ -278,6 +278,9 @@ public:
     // rethrows the first failure, if any, and clears it.
     void wait();
 
+    // True on a worker thread of any pool (while it runs a task).
+    static bool on_worker() noexcept;
+
     // True once a task has thrown, until wait() rethrows the exception.
     bool failed() const noexcept;
 

@@ -2,6 +2,7 @@
 // and the console's progress line on plain output, in the log and on a
 // terminal.
 #include "__ORN__/orn_debugger.h"
+#include "__ORN__/orn_images.h"
 #include "__ORN__/orn_thread.h"
 
 #include "support.h"
@@ -15,6 +16,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <cstring>
 #include <optional>
 #include <regex>
 #include <stdexcept>
@@ -241,6 +243,61 @@ TEST(WorkThread, APoolFromAPlanSizesTheLibrariesAndRestoresThem) {
     EXPECT_THROW(ORN::WorkThread::own_library_threads(ORN::LIBRARY_THREADS{"broken", nullptr, nullptr}),
                  ORN::Exception);
     ORN::WorkThread::own_library_threads(ORN::LIBRARY_THREADS{"test library", [] { return 1; }, [](int) {}});
+}
+
+// A worker keeps the pixels of the images it releases for its next image of
+// the same size: the second record's decode and panorama take no fresh pages,
+// a buffer still shown by another image is never handed out, and a bytes
+// that do not decode still fail on a worker with nothing made.
+TEST(WorkThread, AWorkerReusesThePixelsOfTheImagesItReleased) {
+#ifdef _WIN32
+    GTEST_SKIP() << "POSIX only: page-fault counts (getrusage), and image codecs (OpenCV)";
+#else
+    constexpr INDEX SIDE = 1536;
+    ORN::Image source(SIDE, SIDE, 3, ORN::ImageDepth::U8);
+    for (INDEX y = 0; y < SIDE; ++y)
+        for (INDEX x = 0; x < SIDE * 3; ++x)
+            source.data()[y * source.step() + x] = static_cast<unsigned char>((x * 7 + y * 13) % 251);
+    const ORN::Buffer<unsigned char> png = ORN::Image::encode(".png", source);
+    const auto faults = [] {
+        struct rusage usage {};
+        getrusage(RUSAGE_THREAD, &usage);
+        return usage.ru_minflt;
+    };
+    long first = 0, second = 0;
+    const unsigned char *first_pixels = nullptr;
+    bool same_bytes = false, distinct = false;
+    ORN::WorkThread pool(1);
+    pool.parallel_for(1, [&](INDEX) {
+        long before = faults();
+        {
+            const ORN::Image decoded = ORN::Image::decode(png.data(), png.size(), ORN::ImageReadMode::COLOR);
+            ORN::Image panorama(SIDE, SIDE, 3, ORN::ImageDepth::U8);
+            std::memset(panorama.data(), 1, static_cast<std::size_t>(panorama.step() * SIDE));
+            first_pixels = decoded.data();
+        }
+        first = faults() - before;
+        before = faults();
+        {
+            const ORN::Image decoded = ORN::Image::decode(png.data(), png.size(), ORN::ImageReadMode::COLOR);
+            const ORN::Image panorama = ORN::Image::zeros(SIDE, SIDE, 3, ORN::ImageDepth::U8);
+            second = faults() - before;
+            same_bytes = std::memcmp(decoded.data(), source.data(), static_cast<std::size_t>(source.step() * SIDE)) == 0 &&
+                         panorama.data()[panorama.step() * SIDE - 1] == 0;
+            // Held here: the next image of its size gets other pixels.
+            const ORN::Image held = decoded;
+            const ORN::Image other = ORN::Image::decode(png.data(), png.size(), ORN::ImageReadMode::COLOR);
+            distinct = other.data() != held.data() && other.data() != panorama.data();
+        }
+        EXPECT_THROW(ORN::Image::decode(png.data(), png.size() / 2, ORN::ImageReadMode::COLOR), ORN::Exception);
+    });
+    // Each image is 6.75 MiB: about 1700 pages each the first time.
+    EXPECT_GT(first, 2000);
+    EXPECT_LT(second, 200) << "first " << first;
+    EXPECT_NE(first_pixels, nullptr);
+    EXPECT_TRUE(same_bytes);
+    EXPECT_TRUE(distinct);
+#endif
 }
 
 // The resources as the system reports them, in a child whose affinity,
