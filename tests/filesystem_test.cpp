@@ -430,14 +430,23 @@ TEST(JobDirectory, PublicationLeavesTheFoldersOwnedElsewhere) {
 // A checked input is handed on as the open file: swapping the name for a
 // link afterwards changes nothing the reader sees.
 TEST(JobDirectory, AnInputIsHeldOpenAsChecked) {
-#ifdef _WIN32
-    GTEST_SKIP() << "POSIX only: symbolic links";
-#endif
     TempDir dir, outside;
     const ORN::JobDirectory job(dir.str());
     write_file(dir / "in.jpg", "inside");
     write_file(outside / "secret", "secret");
     const ORN::JobDirectory::Input input = job.open_input("in.jpg");
+#ifdef _WIN32
+    // Held open, shared for reading only: the name can be neither replaced
+    // nor removed while the input lives; read, it is the file checked.
+    write_file(outside / "other.jpg", "outside");
+    std::error_code replaced, removed;
+    fs::rename(outside / "other.jpg", dir / "in.jpg", replaced);
+    fs::remove(dir / "in.jpg", removed);
+    EXPECT_TRUE(replaced && removed);
+    EXPECT_EQ(read_file(std::string(input.path())), "inside");
+    EXPECT_EQ(job.why_refused("missing"), "missing");
+    return; // symbolic links: POSIX only
+#endif
     fs::remove(dir / "in.jpg");
     fs::create_symlink(outside / "secret", dir / "in.jpg");
     EXPECT_EQ(read_file(std::string(input.path())), "inside");
