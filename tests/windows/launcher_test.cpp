@@ -111,6 +111,7 @@ TEST(LauncherRun, CalibrationJobWritesItsManifestOrFailsWithTheLibrarysCode) {
     write_file(job + "\\captures\\chart_00.jpg", "another chart");
     const RUN failed = zarn("run --process CalibMainProcess --libs " + CALIB_LIBS + " " + job, "run_analysis_main:8");
     EXPECT_EQ(failed.mStatus, 1u) << failed.mOutput;
+    EXPECT_TRUE(contains(failed.mOutput, "run_analysis_main failed : an output cannot be written\n")) << failed.mOutput;
     EXPECT_TRUE(contains(failed.mOutput, "CalibMainProcess error\n")) << failed.mOutput;
     EXPECT_TRUE(contains(failed.mOutput, "failed : CalibMainProcess : " + job + " : ")) << failed.mOutput;
     EXPECT_EQ(file_identity(job + "\\results\\calib\\colorCalibrate.txt"), published);
