@@ -4,18 +4,29 @@
 // values have to be held). The reader streams the file through a bounded
 // window, so its peak memory should stay near the values alone.
 //
+// Chunk loading (PointCloudProc::read_chunk: the reader decoding the vertex
+// element straight into the cloud's arrays) is measured against the raw
+// read of the same file in the same run, beside the previous two-pass form
+// (the reader storing every value widened, then the cloud converted from
+// its columns), kept here only as the peer.
+//
 // Files (made once under /tmp, removed at exit):
 //   vertices: 10^7 vertices, x y z float, red green blue uchar;
+//   chunk:    4*10^6 vertices, x y z nx ny nz float, red green blue uchar
+//             (a reconstruction's chunk with normals);
 //   mesh:     10^6 vertices (x y z float) and 2*10^6 triangles
 //             (list uchar int vertex_indices);
 // each as binary little-endian, binary big-endian and ascii.
 #include "ZARN_Common/PlyReader.h"
+#include "ZARN_Common/PointCloudProc.h"
 #include "__ORN__/orn_filesystem.h"
 #include "__ORN__/orn_stream.h"
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -33,6 +44,7 @@ namespace fs = std::filesystem;
 using ORN::INDEX;
 
 constexpr INDEX VERTEX_COUNT = 10'000'000;
+constexpr INDEX CHUNK_COUNT = 4'000'000;
 constexpr INDEX MESH_VERTEX_COUNT = 1'000'000;
 constexpr INDEX FACE_COUNT = 2'000'000;
 
@@ -45,6 +57,7 @@ struct Files {
         fs::create_directories(dir);
         for (const char *format : FORMATS) {
             write_vertices(path("vertices", format), format);
+            write_chunk(path("chunk", format), format);
             write_mesh(path("mesh", format), format);
         }
     }
@@ -104,6 +117,24 @@ struct Files {
         }
     }
 
+    static void write_chunk(const std::string &p, const std::string &format) {
+        Out out(p, format);
+        out.text("ply\nformat " + format + " 1.0\nelement vertex " + std::to_string(CHUNK_COUNT) +
+                 "\nproperty float x\nproperty float y\nproperty float z\nproperty float nx\nproperty float ny\n"
+                 "property float nz\nproperty uchar red\nproperty uchar green\nproperty uchar blue\nend_header\n");
+        std::mt19937 rng(3);
+        std::uniform_real_distribution<float> u(-100.f, 100.f), d(-1.f, 1.f);
+        for (INDEX i = 0; i < CHUNK_COUNT; ++i) {
+            for (int a = 0; a < 3; ++a)
+                out.value(u(rng), ' ');
+            for (int a = 0; a < 3; ++a)
+                out.value(d(rng), ' ');
+            out.value(static_cast<unsigned char>(rng()), ' ');
+            out.value(static_cast<unsigned char>(rng()), ' ');
+            out.value(static_cast<unsigned char>(rng()), '\n');
+        }
+    }
+
     static void write_mesh(const std::string &p, const std::string &format) {
         Out out(p, format);
         out.text("ply\nformat " + format + " 1.0\nelement vertex " + std::to_string(MESH_VERTEX_COUNT) +
@@ -132,7 +163,9 @@ const Files &files() {
 
 // Bytes of the values a reader keeps for each file kind.
 INDEX stored_bytes(const std::string &kind) {
-    return kind == "vertices" ? VERTEX_COUNT * 6 * 8 : MESH_VERTEX_COUNT * 3 * 8 + FACE_COUNT * 3 * 8;
+    return kind == "vertices" ? VERTEX_COUNT * 6 * 8
+           : kind == "chunk"  ? CHUNK_COUNT * 9 * 8
+                              : MESH_VERTEX_COUNT * 3 * 8 + FACE_COUNT * 3 * 8;
 }
 
 // Seconds per load of the raw read, by file, for the ratio counters.
@@ -199,9 +232,85 @@ void BM_PlyReader(benchmark::State &state, std::string kind, std::string format)
     }
 }
 
+// The previous form of chunk loading, the peer of read_chunk: the reader
+// stores every value widened to 8 bytes, then a second pass converts the
+// columns into the cloud's arrays (normals made unit length, colours
+// clamped, the chunk number filled in). The file's checks are read_chunk's.
+ZARN::PointCloudProc::CLOUD two_pass_chunk(const std::string &path) {
+    const ZARN::PlyReader ply(path);
+    const INDEX vertex = ply.find_element("vertex");
+    const auto find = [&](const char *name) { return ply.find_property(vertex, name); };
+    const INDEX n = ply.element_size(vertex);
+    ZARN::PointCloudProc::CLOUD cloud;
+    cloud.resize(n);
+    const double *axis[3] = {ply.get_values(vertex, find("x")).data(), ply.get_values(vertex, find("y")).data(),
+                             ply.get_values(vertex, find("z")).data()};
+    float *p = cloud.mPosition.data();
+    for (INDEX i = 0; i < n; ++i, p += 3) {
+        for (int a = 0; a < 3; ++a)
+            p[a] = static_cast<float>(axis[a][i]);
+        if (!(std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2])))
+            std::abort();
+    }
+    float *nn = cloud.mNormal.data();
+    if (find("nx") != ORN::VAR_NONE) {
+        const double *normal[3] = {ply.get_values(vertex, find("nx")).data(), ply.get_values(vertex, find("ny")).data(),
+                                   ply.get_values(vertex, find("nz")).data()};
+        for (INDEX i = 0; i < n; ++i, nn += 3) {
+            const double v[3] = {normal[0][i], normal[1][i], normal[2][i]};
+            const double length = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+            for (int a = 0; a < 3; ++a)
+                nn[a] = length > 0 ? static_cast<float>(v[a] / length) : 0.0f;
+        }
+    } else {
+        std::fill(cloud.mNormal.begin(), cloud.mNormal.end(), 0.0f);
+    }
+    if (find("red") != ORN::VAR_NONE) {
+        const ORN::uint64 *channel[3] = {ply.get_bytes(vertex, find("red")).data(), ply.get_bytes(vertex, find("green")).data(),
+                                         ply.get_bytes(vertex, find("blue")).data()};
+        std::uint8_t *c = cloud.mColour.data();
+        for (INDEX i = 0; i < n; ++i, c += 3)
+            for (int a = 0; a < 3; ++a)
+                c[a] = static_cast<std::uint8_t>(std::min<ORN::uint64>(channel[a][i], 255));
+    } else {
+        std::fill(cloud.mColour.begin(), cloud.mColour.end(), std::uint8_t(160));
+    }
+    std::fill(cloud.mChunk.begin(), cloud.mChunk.end(), std::uint16_t(0));
+    return cloud;
+}
+
+// One way of loading a file: the reader alone, read_chunk, or the previous
+// two-pass chunk loading.
+enum LOAD { READER, CHUNK, TWO_PASS };
+
+void load(LOAD what, const std::string &path) {
+    if (what == READER) {
+        ZARN::PlyReader reader(path);
+        benchmark::DoNotOptimize(&reader.get_value(0, 0, 0));
+    } else {
+        const ZARN::PointCloudProc::CLOUD cloud =
+            what == CHUNK ? ZARN::PointCloudProc::read_chunk(path, 0) : two_pass_chunk(path);
+        benchmark::DoNotOptimize(cloud.mPosition.data());
+    }
+}
+
+// Chunk loading, either form, against the raw read of the same file.
+void BM_Chunk(benchmark::State &state, std::string kind, std::string format, LOAD what) {
+    const std::string path = files().path(kind, format);
+    double total = 0;
+    for (auto _ : state) {
+        const auto t = std::chrono::steady_clock::now();
+        load(what, path);
+        total += seconds_since(t);
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(fs::file_size(path)) * state.iterations());
+    if (raw_seconds().count(path))
+        state.counters["x_raw_read"] = total / static_cast<double>(state.iterations()) / raw_seconds()[path];
+}
+
 // Peak resident memory of one load, measured in a child process: the peak
 // mark is reset after the fork, so it covers only what the load adds.
-void BM_PeakMemory(benchmark::State &state, std::string kind, std::string format) {
+void BM_PeakMemory(benchmark::State &state, std::string kind, std::string format, LOAD what) {
     const std::string path = files().path(kind, format);
     double grown_mb = 0;
     for (auto _ : state) {
@@ -222,10 +331,7 @@ void BM_PeakMemory(benchmark::State &state, std::string kind, std::string format
             };
             std::ofstream("/proc/self/clear_refs") << "5";
             const long before = kib("VmRSS:");
-            {
-                ZARN::PlyReader reader(path);
-                benchmark::DoNotOptimize(&reader.get_value(0, 0, 0));
-            }
+            load(what, path);
             const long grown = kib("VmHWM:") - before;
             [[maybe_unused]] const auto n = ::write(fds[1], &grown, sizeof grown);
             ::_exit(0);
@@ -237,7 +343,11 @@ void BM_PeakMemory(benchmark::State &state, std::string kind, std::string format
         ::close(fds[1]);
         grown_mb = static_cast<double>(grown) / 1024.0;
     }
-    const double stored_mb = static_cast<double>(stored_bytes(kind)) / (1024.0 * 1024.0);
+    // The values a reader keeps, or the cloud read_chunk makes.
+    const INDEX kept = what == READER ? stored_bytes(kind)
+                                      : (kind == "vertices" ? VERTEX_COUNT : kind == "chunk" ? CHUNK_COUNT : MESH_VERTEX_COUNT) *
+                                            ZARN::PointCloudProc::CLOUD::POINT_BYTES;
+    const double stored_mb = static_cast<double>(kept) / (1024.0 * 1024.0);
     const double file_mb = static_cast<double>(fs::file_size(path)) / (1024.0 * 1024.0);
     state.counters["peak_MiB"] = grown_mb;
     state.counters["values_MiB"] = stored_mb;
@@ -246,7 +356,7 @@ void BM_PeakMemory(benchmark::State &state, std::string kind, std::string format
 }
 
 void register_all() {
-    for (const std::string kind : {"vertices", "mesh"}) {
+    for (const std::string kind : {"vertices", "chunk", "mesh"}) {
         benchmark::RegisterBenchmark(("ValuesFirstWrite/" + kind).c_str(), BM_ValuesFirstWrite, kind)
             ->Iterations(kind == "vertices" ? 5 : 10)
             ->Unit(benchmark::kMillisecond)
@@ -263,10 +373,19 @@ void register_all() {
                 ->Iterations(iterations)
                 ->Unit(benchmark::kMillisecond)
                 ->UseRealTime();
-            benchmark::RegisterBenchmark(("PeakMemory/" + kind + "/" + format).c_str(), BM_PeakMemory, kind, format)
-                ->Iterations(1)
+            benchmark::RegisterBenchmark(("ReadChunk/" + kind + "/" + format).c_str(), BM_Chunk, kind, format, CHUNK)
+                ->Iterations(iterations)
                 ->Unit(benchmark::kMillisecond)
                 ->UseRealTime();
+            benchmark::RegisterBenchmark(("TwoPassChunk/" + kind + "/" + format).c_str(), BM_Chunk, kind, format, TWO_PASS)
+                ->Iterations(iterations)
+                ->Unit(benchmark::kMillisecond)
+                ->UseRealTime();
+            for (const auto &[name, what] : {std::pair{"PeakMemory/", READER}, std::pair{"PeakMemory/ReadChunk/", CHUNK}})
+                benchmark::RegisterBenchmark((name + kind + "/" + format).c_str(), BM_PeakMemory, kind, format, what)
+                    ->Iterations(1)
+                    ->Unit(benchmark::kMillisecond)
+                    ->UseRealTime();
         }
     }
 }
