@@ -49,6 +49,8 @@ using namespace ZARN::Host;
 using Platform::Pipe;
 using Platform::NO_PIPE;
 
+// The help text, in pieces around the platform's default module and stop
+// signals.
 constexpr const char *USAGE = R"(usage:
   zarn run [--process NAME]... [--libs DIR] [--log DIR] [--log-in-job]
            [--module FILE] [--no-wait] [--verbose] [--time-limit SECONDS]
@@ -79,7 +81,8 @@ list     prints the nine process names in the default order
 --log-in-job   keeps each job's own console log in the job, in
                caches/logs/console.log (the previous one is kept as
                caches/logs/console.old.log)
---module FILE  the module to load (default: ../lib/libZARN_Velda.so next to
+--module FILE  the module to load (default: )";
+constexpr const char *USAGE_MODULE = R"( next to
                this program)
 --no-wait      fail at once when another run holds a job's lock, instead of
                waiting for it
@@ -106,10 +109,8 @@ standard error. The run ends with a summary: each job's processes with
 their state (failed first, then done, skipped, not run) and time. Each job
 keeps the record of its run in caches/zarn_run.json.
 
-SIGTERM, SIGINT or SIGHUP stop the jobs that run (the signal is passed on to
-all their programs, which are killed after 10 s), no further job starts, and
-zarn exits with 128 + the signal's number.
-
+)";
+constexpr const char *USAGE_END = R"(
 exit status: 0 all done, 1 a process failed, 2 usage error, 128 + N
              stopped by signal N; zarn status: 0 every job done, 1 not
 )";
@@ -509,15 +510,17 @@ public:
     JobRun &operator=(const JobRun &) = delete;
     ~JobRun() { Platform::release_child(mChild); }
 
-    // Starts the child; `cpus`, when not empty, is the processors it may
-    // use. `index` and `directory` tell a child that is the launcher started
-    // again which job it runs and where the launcher was started.
-    void start(const std::vector<int> &cpus, std::size_t index, const std::string &directory) {
+    // Starts the child; `cores`, when above 0, is how many processors its
+    // workers plan with (ZARN_CORES, which the child inherits). `index` and
+    // `directory` tell a child that is the launcher started again which job
+    // it runs and where the launcher was started.
+    void start(std::size_t cores, std::size_t index, const std::string &directory) {
         mRecord.mStarted = utc_now();
         std::fflush(nullptr);
+        if (cores > 0)
+            Platform::set_environment("ZARN_CORES", std::to_string(cores).c_str());
         Platform::CHILD_START start;
         start.mCapture = mCapture;
-        start.mCpus = cpus;
         start.mDirectory = directory;
         start.mChildArgument = std::to_string(index) + ":" + std::to_string(mRecord.mPid) + ":" + mRecord.mStarted;
         start.mBody = [this](Pipe channel) {
@@ -764,28 +767,19 @@ private:
     bool mFailed = false, mTimedOut = false;
 };
 
-// The processors each of `slots` jobs at once may use: the launcher's own
-// (its affinity mask) split into `slots` runs of neighbours whose sizes
-// differ by one at most; with fewer processors than jobs, one each, in turn.
-// One job keeps the launcher's own mask (no list).
-std::vector<std::vector<int>> processor_shares(std::size_t slots) {
-    std::vector<std::vector<int>> shares(slots);
-    if (slots < 2)
+// How many processors each of `slots` jobs at once plans its workers with:
+// the launcher's own (its affinity mask) shared out in counts that differ by
+// one at most, at least one each; 0 (no cap) for one job. The children are
+// capped, not pinned: the system still runs any of them on any processor,
+// so a job in a step that keeps fewer cores busy leaves the rest to the
+// others.
+std::vector<std::size_t> core_shares(std::size_t slots) {
+    std::vector<std::size_t> shares(slots, 0);
+    const std::size_t cpus = Platform::processors().size();
+    if (slots < 2 || cpus == 0)
         return shares;
-    const std::vector<int> cpus = Platform::processors();
-    if (cpus.empty())
-        return shares;
-    if (cpus.size() < slots) {
-        for (std::size_t s = 0; s < slots; ++s)
-            shares[s] = {cpus[s % cpus.size()]};
-        return shares;
-    }
-    std::size_t next = 0;
-    for (std::size_t s = 0; s < slots; ++s) {
-        const std::size_t size = cpus.size() / slots + (s < cpus.size() % slots ? 1 : 0);
-        shares[s].assign(cpus.begin() + next, cpus.begin() + next + size);
-        next += size;
-    }
+    for (std::size_t s = 0; s < slots; ++s)
+        shares[s] = std::max<std::size_t>(cpus / slots + (s < cpus % slots ? 1 : 0), 1);
     return shares;
 }
 
@@ -840,7 +834,7 @@ int run_jobs(const std::vector<JOB> &jobs, const Factories &factories, std::int6
              const std::string &directory, std::vector<OUTCOME> &outcomes) {
     const std::size_t slots = std::min(parallel, jobs.size());
     const bool capture = slots > 1 || !Platform::CHILD_SHARES_CONSOLE;
-    const auto shares = processor_shares(slots);
+    const auto shares = core_shares(slots);
     std::vector<std::size_t> free_slots;
     for (std::size_t s = slots; s-- > 0;)
         free_slots.push_back(s);
@@ -1017,7 +1011,7 @@ int main(int argc, char **argv) {
             return submit_command(argc - 2, argv + 2);
         const Options o = parse(argc, argv);
         if (o.command == "--help" || o.command == "-h") {
-            std::cout << USAGE;
+            std::cout << USAGE << Platform::DEFAULT_MODULE << USAGE_MODULE << Platform::STOP_HELP << USAGE_END;
             return EXIT_DONE;
         }
         if (o.command == "--version") {

@@ -25,6 +25,8 @@ extern const char *const DEFAULT_MODULE;
 // error (and its log) when it runs alone; otherwise its lines always come
 // back through pipes and the launcher shows and logs them.
 extern const bool CHILD_SHARES_CONSOLE;
+// The help's paragraph on the stop signals.
+extern const char *const STOP_HELP;
 
 // Standard output line-buffered even into a pipe or a file, so that what
 // the closed libraries print with C stdio keeps its place among the console

@@ -27,6 +27,10 @@ namespace ZARN::Host::Platform {
 
 const char *const DEFAULT_MODULE = "../lib/libZARN_Velda.so";
 const bool CHILD_SHARES_CONSOLE = true;
+const char *const STOP_HELP = R"(SIGTERM, SIGINT or SIGHUP stop the jobs that run (the signal is passed on to
+all their programs, which are killed after 10 s), no further job starts, and
+zarn exits with 128 + the signal's number.
+)";
 
 namespace {
 

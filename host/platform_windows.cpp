@@ -39,6 +39,10 @@ namespace Platform {
 
 const char *const DEFAULT_MODULE = "ZARN_Velda.dll";
 const bool CHILD_SHARES_CONSOLE = false;
+const char *const STOP_HELP = R"(Ctrl-C, Ctrl-Break or the console's close stop the jobs that run (their
+programs are ended after 10 s), no further job starts, and zarn exits with
+128 + 2, 21 or 15. zarn submit needs Slurm and is not available on Windows.
+)";
 
 namespace {
 
