@@ -7,7 +7,10 @@
 //                   current launcher over one copy and the baseline's over
 //                   the other (the order alternates between iterations
 //                   and repetitions):
-//                   current_s, baseline_s and ratio (current / baseline).
+//                   current_s, baseline_s and ratio (current / baseline),
+//                   and the same for the processor time (user and system)
+//                   of each launcher and all it started: *_cpu_s and
+//                   cpu_ratio, less moved by other work on the machine.
 //
 // After each iteration a breakdown goes to standard error: each process's
 // time from the job's run record (caches/zarn_run.json) and each heavy
@@ -29,6 +32,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -168,6 +172,9 @@ std::string cached_job(std::string &why) {
 // each heavy node's ("<process>/<node>", action plus release seconds).
 struct TIMES {
     double mWall = 0.0;
+    // Processor time (user and system) of the launcher and everything it
+    // started: less moved by other work on the machine than the wall time.
+    double mProcessor = 0.0;
     std::vector<std::pair<std::string, double>> mProcesses;
     std::vector<std::pair<std::string, double>> mNodes;
 };
@@ -215,6 +222,14 @@ std::vector<std::pair<std::string, double>> node_times(const std::string &log) {
     return times;
 }
 
+// The user and system time of the waited-for descendants so far.
+double children_processor_seconds() {
+    rusage usage{};
+    ::getrusage(RUSAGE_CHILDREN, &usage);
+    const auto seconds = [](const timeval &t) { return double(t.tv_sec) + double(t.tv_usec) * 1e-6; };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
 // Runs every process of the job with one side over a fresh copy of it.
 // Returns false, with the reason, when the run failed.
 bool run_side(const SIDE &side, const std::string &job, TIMES &times, std::string &why) {
@@ -225,10 +240,12 @@ bool run_side(const SIDE &side, const std::string &job, TIMES &times, std::strin
     bool ok = shell("cp -a " + quote(job) + " " + quote(copy.string())).first == 0;
     if (ok) {
         shell("sync");
+        const double before = children_processor_seconds();
         const auto start = std::chrono::steady_clock::now();
         const auto r = shell("env NO_COLOR=1 " + side.mEnvironment + " " + quote(side.mLauncher) + " run --libs " +
                              quote(side.mLibraries) + " --log " + quote(logs.string()) + " " + quote(copy.string()));
         times.mWall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        times.mProcessor = children_processor_seconds() - before;
         ok = r.first == 0;
         if (!ok)
             why = side.mName + " run failed (" + std::to_string(r.first) + "): " + tail(r.second, 8);
@@ -278,9 +295,11 @@ void print_breakdown(int iteration, const TIMES &current, const TIMES *baseline)
             std::fprintf(stderr, "  %-58s %10s %10s %7s\n", name.c_str(), cell(a, name).c_str(), cell(b, name).c_str(), ratio);
         }
     };
-    std::fprintf(stderr, "job_bench iteration %d: wall %.3f s", iteration, current.mWall);
+    std::fprintf(stderr, "job_bench iteration %d: wall %.3f s (processor %.3f s)", iteration, current.mWall,
+                 current.mProcessor);
     if (baseline)
-        std::fprintf(stderr, ", baseline %.3f s, ratio %.3f", baseline->mWall, current.mWall / baseline->mWall);
+        std::fprintf(stderr, ", baseline %.3f s (processor %.3f s), ratio %.3f (processor %.3f)", baseline->mWall,
+                     baseline->mProcessor, current.mWall / baseline->mWall, current.mProcessor / baseline->mProcessor);
     std::fprintf(stderr, "\n");
     table("process", current.mProcesses, baseline ? &baseline->mProcesses : nullptr);
     table("heavy node (process/node, action + release)", current.mNodes, baseline ? &baseline->mNodes : nullptr);
@@ -300,7 +319,7 @@ void BM_TypicalJob(benchmark::State &state) {
     }
     const SIDE current = side_of("current", snapshot.root()), baseline = baseline_side();
     const bool peer = !baseline.mLauncher.empty();
-    double mine = 0.0, theirs = 0.0;
+    double mine = 0.0, theirs = 0.0, mine_cpu = 0.0, theirs_cpu = 0.0;
     // Counted over repetitions too (--benchmark_repetitions=N).
     static int iteration = 0;
     for (auto _ : state) {
@@ -321,12 +340,17 @@ void BM_TypicalJob(benchmark::State &state) {
         print_breakdown(++iteration, a, peer ? &b : nullptr);
         mine += a.mWall;
         theirs += b.mWall;
+        mine_cpu += a.mProcessor;
+        theirs_cpu += b.mProcessor;
     }
     const double n = static_cast<double>(state.iterations());
     state.counters["current_s"] = mine / n;
+    state.counters["current_cpu_s"] = mine_cpu / n;
     if (peer) {
         state.counters["baseline_s"] = theirs / n;
+        state.counters["baseline_cpu_s"] = theirs_cpu / n;
         state.counters["ratio"] = mine / theirs;
+        state.counters["cpu_ratio"] = mine_cpu / theirs_cpu;
     }
 }
 BENCHMARK(BM_TypicalJob)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
