@@ -65,6 +65,7 @@ struct Setup {
                                     " --width 4096 --points 2 --videos 0 > /dev/null";
         if (std::system(command.c_str()) != 0)
             throw std::runtime_error("zarn_capture failed: " + command);
+        fs::create_directories(mJob / "caches/images");
         const char *other = std::getenv("ZARN_STITCH_LIBRARY");
         const fs::path library = other && *other ? fs::path(other) : build_directory() / "backends/libStitch.so";
         void *lib = dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL);
