@@ -164,7 +164,8 @@ private:
 // What the machine lends this process for its workers.
 struct WORKER_RESOURCES {
     // Processors the process may run on: its affinity mask, and no more
-    // than SLURM_CPUS_PER_TASK where that is set. At least 1.
+    // than SLURM_CPUS_PER_TASK or ZARN_CORES (the launcher's share for a
+    // job it runs beside others) where those are set. At least 1.
     INDEX mCores = 1;
     String<char> mCoresFrom = "affinity";
     // Bytes the process may still take: the least of MemAvailable of

@@ -1,5 +1,5 @@
 // The resources the workers may use, as Linux tells them: the affinity
-// mask and SLURM_CPUS_PER_TASK for the processors; MemAvailable, the memory
+// mask, SLURM_CPUS_PER_TASK and ZARN_CORES for the processors; MemAvailable, the memory
 // cgroup (version 2, or version 1) and the address space limit for memory.
 
 #ifndef _WIN32
@@ -87,13 +87,16 @@ WORKER_RESOURCES WorkThread::resources() {
     CPU_ZERO(&set);
     r.mCores = sched_getaffinity(0, sizeof(set), &set) == 0 ? std::max(CPU_COUNT(&set), 1)
                                                              : Thread::hardware_concurrency();
-    if (const char *slurm = std::getenv("SLURM_CPUS_PER_TASK")) {
-        const int64 cpus = leading_number(slurm);
-        if (cpus >= 1 && cpus < r.mCores) {
-            r.mCores = cpus;
-            r.mCoresFrom = "SLURM_CPUS_PER_TASK";
+    // The scheduler's share of a task, and the launcher's share of a job it
+    // runs beside others (zarn run -j N).
+    for (const char *cap : {"SLURM_CPUS_PER_TASK", "ZARN_CORES"})
+        if (const char *value = std::getenv(cap)) {
+            const int64 cpus = leading_number(value);
+            if (cpus >= 1 && cpus < r.mCores) {
+                r.mCores = cpus;
+                r.mCoresFrom = cap;
+            }
         }
-    }
 
     const auto take = [&r](int64 bytes, const char *from) {
         if (bytes >= 0 && (r.mMemory < 0 || bytes < r.mMemory)) {

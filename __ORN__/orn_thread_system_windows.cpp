@@ -1,5 +1,5 @@
 // The resources the workers may use, as Windows tells them: the process's
-// affinity mask (and SLURM_CPUS_PER_TASK where set) for the processors, the
+// affinity mask (and SLURM_CPUS_PER_TASK or ZARN_CORES where set) for the processors, the
 // available physical memory, and the job object's limit when the process
 // runs in one.
 
@@ -27,13 +27,14 @@ WORKER_RESOURCES WorkThread::resources() {
     r.mCores = GetProcessAffinityMask(GetCurrentProcess(), &process, &system) && process != 0
                    ? std::popcount(static_cast<unsigned long long>(process))
                    : Thread::hardware_concurrency();
-    if (const char *slurm = std::getenv("SLURM_CPUS_PER_TASK")) {
-        const long long cpus = std::atoll(slurm);
-        if (cpus >= 1 && cpus < r.mCores) {
-            r.mCores = cpus;
-            r.mCoresFrom = "SLURM_CPUS_PER_TASK";
+    for (const char *cap : {"SLURM_CPUS_PER_TASK", "ZARN_CORES"})
+        if (const char *value = std::getenv(cap)) {
+            const long long cpus = std::atoll(value);
+            if (cpus >= 1 && cpus < r.mCores) {
+                r.mCores = cpus;
+                r.mCoresFrom = cap;
+            }
         }
-    }
     MEMORYSTATUSEX status{};
     status.dwLength = sizeof(status);
     if (GlobalMemoryStatusEx(&status)) {

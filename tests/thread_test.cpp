@@ -329,6 +329,14 @@ TEST(WorkThread, TheResourcesFollowTheAffinityTheSchedulerAndTheLimits) {
     if (ORN::Thread::hardware_concurrency() > 1) {
         const std::string slurm = resources_in_child([] { ::setenv("SLURM_CPUS_PER_TASK", "1", 1); });
         EXPECT_TRUE(starts_with(slurm, "1 SLURM_CPUS_PER_TASK ")) << slurm;
+        // The launcher's share of a job run beside others caps it the same
+        // way; a share above what the process has, or not a number, does not.
+        const std::string share = resources_in_child([] { ::setenv("ZARN_CORES", "1", 1); });
+        EXPECT_TRUE(starts_with(share, "1 ZARN_CORES ")) << share;
+        for (const char *ignored : {"100000", "x", "0"}) {
+            const std::string wide = resources_in_child([ignored] { ::setenv("ZARN_CORES", ignored, 1); });
+            EXPECT_TRUE(starts_with(wide, std::to_string(ORN::WorkThread::resources().mCores) + " affinity ")) << wide;
+        }
     }
     // 64 MiB more address space than the child uses now.
     const std::string limited = resources_in_child([] {
