@@ -27,6 +27,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -145,6 +146,16 @@ inline std::string capture_stdout(const std::function<void()> &f) {
     }
     restore();
     return read_file(file);
+}
+
+// Sets a variable of the process's environment, or removes it (null).
+inline void set_environment(const char *name, const char *value) {
+#ifdef _WIN32
+    ::_putenv_s(name, value != nullptr ? value : "");
+    ::SetEnvironmentVariableA(name, value);
+#else
+    value != nullptr ? ::setenv(name, value, 1) : ::unsetenv(name);
+#endif
 }
 
 // The lines of a text, without their line feeds.
