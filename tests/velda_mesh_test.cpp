@@ -12,7 +12,9 @@
 #include <array>
 #include <cmath>
 #include <map>
+#include <regex>
 #include <set>
+#include <sstream>
 #include <vector>
 
 namespace {
@@ -512,6 +514,33 @@ TEST_F(VeldaMesh, MalformedParametersListingsAndSettingsAreRefusedBeforeAnyWork)
         EXPECT_EQ(read_file(j / "caches/mesh_report.json"), report);
         fs::remove_all(j);
     }
+}
+
+// What the surfaces start with: the merged cloud, its kd-tree and the
+// neighbour rows are needed by no node that plays from the surfaces on, so
+// the graph has released them before the first solve (they were once held
+// to the end for the trimming and for two counts of the report).
+TEST_F(VeldaMesh, NothingBeforeTheFinalCloudIsHeldThroughTheSurfaces) {
+    const auto r = run("env NO_COLOR=1 " + quote(ZARN) + " graph --process VeldaMeshProcess " +
+                       quote((sBase->path() / "job").string()));
+    ASSERT_EQ(r.status, 0) << r.output;
+    std::map<std::string, std::string> label;
+    std::multimap<std::string, std::string> needs;
+    std::istringstream lines(r.output);
+    std::string line;
+    std::smatch m;
+    while (std::getline(lines, line))
+        if (std::regex_search(line, m, std::regex(R"re(^\s*(n\d+) \[label="(\w+)")re")))
+            label[m[1]] = m[2];
+        else if (std::regex_search(line, m, std::regex(R"(^\s*(n\d+) -> (n\d+))")))
+            needs.emplace(m[1], m[2]);
+    std::set<std::string> dependents;
+    for (const auto &[from, to] : needs)
+        if (label[to] == "CON_mMergedPointCloud" || label[to] == "CON_mFinalPointCloudKDTree" ||
+            label[to] == "CON_mPointNeighbour")
+            dependents.insert(label[from]);
+    EXPECT_EQ(dependents, (std::set<std::string>{"CON_mFinalPointCloud", "CON_mFinalPointCloudKDTree", "CON_mFloorGroup",
+                                                 "CON_mPointCloudOutlier", "CON_mPointNeighbour"}));
 }
 
 // ---------------------------------------------------------------------------
