@@ -129,7 +129,9 @@ struct SHOULDER {
         // radiance; the shoulder s ln(1 + (v - knee) / s) / ln(1 + (white -
         // knee) / s) of the remaining levels has that slope there when
         // s ln(1 + (white - knee) / s) = levels / slope, found by bisection
-        // (the left side grows with s).
+        // (the left side grows with s) between 0 and levels / slope; a
+        // white so near the knee that the equation has no root there takes
+        // levels / slope, a shoulder a little steeper than the curve there.
         const double slope = 255 / gamma * std::pow(mKnee, 1 / gamma - 1);
         const double levels = 255.0 - FUSE_KNEE, room = std::max(white - mKnee, 1e-6);
         double low = 1e-9, high = levels / slope;
@@ -172,11 +174,13 @@ cv::Mat merge_exposures(const std::vector<cv::Mat> &exposures) {
     // neighbours as given; then the exposures from the darkest.
     std::vector<double> light(static_cast<std::size_t>(n), 1.0);
     for (int k = 1; k < n; ++k)
-        light[std::size_t(k)] = light[std::size_t(k - 1)] * exposure_ratio(exposures[std::size_t(k - 1)], exposures[std::size_t(k)], linear);
+        light[std::size_t(k)] =
+            light[std::size_t(k - 1)] * exposure_ratio(exposures[std::size_t(k - 1)], exposures[std::size_t(k)], linear);
     std::vector<int> order(static_cast<std::size_t>(n));
     for (int k = 0; k < n; ++k)
         order[std::size_t(k)] = k;
-    std::stable_sort(order.begin(), order.end(), [&](int a, int b) { return light[std::size_t(a)] < light[std::size_t(b)]; });
+    std::stable_sort(order.begin(), order.end(),
+                     [&](int a, int b) { return light[std::size_t(a)] < light[std::size_t(b)]; });
     // The reference: the middle exposure (of an even count, the brighter
     // middle one), as a bracket is set around the metered exposure. Its
     // darker ones bring the highlights it clips; the brighter ones add
@@ -196,7 +200,9 @@ cv::Mat merge_exposures(const std::vector<cv::Mat> &exposures) {
     for (int k = 0; k < n; ++k) {
         const double share = light[std::size_t(k)] / light[std::size_t(reference)];
         for (int g = 0; g < 256; ++g) {
-            const double ramp = g <= FUSE_KNEE ? 1.0 : g >= FUSE_WHITE ? 0.0 : double(FUSE_WHITE - g) / (FUSE_WHITE - FUSE_KNEE);
+            const double ramp = g <= FUSE_KNEE    ? 1.0
+                                : g >= FUSE_WHITE ? 0.0
+                                                  : double(FUSE_WHITE - g) / (FUSE_WHITE - FUSE_KNEE);
             tables[std::size_t(k)].mRadiance[g] = static_cast<float>(linear[g] / share);
             tables[std::size_t(k)].mWeight[g] = static_cast<float>(ramp * share);
         }
