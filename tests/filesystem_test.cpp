@@ -9,8 +9,11 @@
 #include <sys/stat.h>
 #endif
 
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <optional>
+#include <thread>
 
 namespace {
 
@@ -361,20 +364,43 @@ TEST(JobDirectory, PublishesASetWholeOrNotAtAll) {
     EXPECT_EQ(fs::directory_entry(dir / "results/r").exists() ? std::distance(fs::directory_iterator(dir / "results/r"), {}) : 0, 2);
 }
 
+// The directory of a test that kills a write in a death test's child. On
+// Windows that child is the test program started again, which runs the
+// test from its start (every step up to the kill must be one it repeats
+// without a change) and finds its parent's directory in the environment.
+class SharedDir {
+public:
+    SharedDir() {
+        const char *shared = std::getenv("ZARN_TEST_SHARED_DIR");
+        mRoot = shared != nullptr ? std::string(shared) : mOwned.emplace().str();
+        if (shared == nullptr)
+            set_environment("ZARN_TEST_SHARED_DIR", mRoot.c_str());
+    }
+    ~SharedDir() {
+        if (mOwned)
+            set_environment("ZARN_TEST_SHARED_DIR", nullptr);
+    }
+    const std::string &str() const { return mRoot; }
+    std::string operator/(const std::string &name) const { return (fs::path(mRoot) / name).make_preferred().string(); }
+
+private:
+    std::optional<TempDir> mOwned;
+    std::string mRoot;
+};
+
+#ifdef _WIN32
+const auto KILLED = ::testing::ExitedWithCode(9); // TerminateProcess with SIGKILL's number
+#else
+const auto KILLED = ::testing::KilledBySignal(SIGKILL);
+#endif
+
 // Killed between two replacements: the journal says the folder is mixed,
 // every result is still there, and the next publication says so and
-// completes the switch. The kill is a death test's child; on Windows that
-// is the test program started again, which runs this test from its start
-// on the directory its parent names in the environment (every step up to
-// the kill is one it repeats without a change).
+// completes the switch.
 TEST(JobDirectory, AKilledPublicationIsCompletedByTheNextOne) {
-    std::optional<TempDir> owned;
-    const char *shared = std::getenv("ZARN_TEST_SHARED_DIR");
-    const std::string root = shared != nullptr ? std::string(shared) : owned.emplace().str();
-    if (shared == nullptr)
-        set_environment("ZARN_TEST_SHARED_DIR", root.c_str());
-    const auto at = [&](const std::string &name) { return (fs::path(root) / name).make_preferred().string(); };
-    const ORN::JobDirectory job(root);
+    const SharedDir dir;
+    const auto at = [&](const std::string &name) { return dir / name; };
+    const ORN::JobDirectory job(dir.str());
     using P = ORN::JobDirectory::PUBLISHED;
     write_file(at("caches/a"), "a");
     write_file(at("caches/b"), "b");
@@ -385,19 +411,13 @@ TEST(JobDirectory, AKilledPublicationIsCompletedByTheNextOne) {
         return out + text;
     };
     publish({{"caches/a", "results/r/a"}, {"caches/b", "results/r/sub/b"}});
-#ifdef _WIN32
-    const auto killed = ::testing::ExitedWithCode(9); // TerminateProcess with SIGKILL's number
-#else
-    const auto killed = ::testing::KilledBySignal(SIGKILL);
-#endif
     EXPECT_EXIT(
         {
             set_environment("ZARN_FAULT_POINT", "publish_file:before_rename@b");
             publish({{"caches/a2", "results/r/a"}, {"caches/a2", "results/r/sub/b"}});
             std::exit(0);
         },
-        killed, "");
-    set_environment("ZARN_TEST_SHARED_DIR", nullptr);
+        KILLED, "");
     EXPECT_EQ(read_file(at("results/r/a")), "a2");
     EXPECT_EQ(read_file(at("results/r/sub/b")), "b");
     EXPECT_EQ(read_file(at("caches/publishing/results.r.json")),
@@ -537,6 +557,60 @@ TEST(JobDirectory, DurableSaveReplacesWholeKeepsTheModeAndClearsLeftovers) {
     EXPECT_EQ(fs::directory_iterator(dir / "d.json")->path().filename(), "x");
     for (const auto &e : fs::directory_iterator(dir.path()))
         EXPECT_FALSE(contains(e.path().filename().string(), ".tmp")) << e.path();
+}
+
+// A durable save killed just before or just after its rename leaves the
+// old file or the new one whole; the next save clears what it left.
+TEST(JobDirectory, AKilledDurableSaveLeavesTheOldFileOrTheNewOne) {
+    const SharedDir dir;
+    const ORN::JobDirectory job(dir.str());
+    job.save_file("r.json", "{\"old\":1}");
+    for (const auto &[point, left] : {std::pair{"save_file:before_rename@r.json", "{\"old\":1}"},
+                                      std::pair{"save_file:after_rename@r.json", "{\"new\":2}"}}) {
+        EXPECT_EXIT(
+            {
+                set_environment("ZARN_FAULT_POINT", point);
+                job.save_file("r.json", "{\"new\":2}");
+                std::exit(0);
+            },
+            KILLED, "")
+            << point;
+        EXPECT_EQ(read_file(dir / "r.json"), left) << point;
+    }
+    job.save_file("r.json", "{\"new\":3}");
+    EXPECT_EQ(read_file(dir / "r.json"), "{\"new\":3}");
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir.str()), {}), 1) << "no temporary left";
+}
+
+// One run at a time: with waiting off a second holder of the job's lock
+// fails at once after one line; with waiting on it holds the lock once the
+// first lets go.
+TEST(JobLock, ASecondHolderIsRefusedOrWaitsForTheFirst) {
+    TempDir dir;
+    const ORN::JobDirectory job(dir.str());
+    const bool waits = ORN::JobLock::wait();
+    std::optional<ORN::JobLock> first(std::in_place, job);
+    ORN::JobLock::set_wait(false);
+    std::string text;
+    const std::string out = capture_stdout([&] { text = failure_of([&] { ORN::JobLock second(job); }); });
+    EXPECT_EQ(out, "lock : " + (dir / "caches/job.lock") + " : the job is locked by another run\n");
+    EXPECT_TRUE(starts_with(text, "dynamic_assert failed : locked : at ")) << text;
+
+    ORN::JobLock::set_wait(true);
+    std::atomic<bool> held{false};
+    std::thread second([&] {
+        const ORN::JobLock lock(job);
+        held = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_FALSE(held) << "held while the first holder still has it";
+    first.reset();
+    second.join();
+    EXPECT_TRUE(held);
+    ORN::JobLock::set_wait(false);
+    EXPECT_EQ(failure_of([&] { ORN::JobLock third(job); }), "");
+    ORN::JobLock::set_wait(waits);
+    EXPECT_TRUE(fs::is_regular_file(dir / "caches/job.lock"));
 }
 
 TEST(JobDirectory, ReadsOnlyRegularFilesWithinTheJobAndTheLimit) {
