@@ -296,6 +296,39 @@ TEST_F(PlyReaderTest, MalformedBodiesFailWithoutReadingPastTheData) {
     }
 }
 
+// A plan that asks for every scalar property: reals into float arrays two
+// apart ("w" into doubles two apart), the unsigned types into bytes, and
+// the signed ones into bytes as well, which the reader must refuse.
+struct Delivered {
+    std::vector<INDEX> elements;
+    std::map<std::pair<INDEX, INDEX>, std::vector<float>> floats;
+    std::map<std::pair<INDEX, INDEX>, std::vector<double>> doubles;
+    std::map<std::pair<INDEX, INDEX>, std::vector<std::uint8_t>> bytes;
+    std::set<std::pair<INDEX, INDEX>> refused;
+
+    PlyReader::PLAN plan() {
+        return [this](PlyReader::DELIVERY &d) {
+            const INDEX e = d.element_index();
+            elements.push_back(e);
+            const auto n = static_cast<std::size_t>(d.element_size());
+            for (const std::string name : {"x", "w", "id", "big", "red", "flags", "mask", "tag", "material", "area", "vertex_indices", "uv"}) {
+                const INDEX p = d.find_property(name);
+                if (p == ORN::VAR_NONE)
+                    continue;
+                bool taken;
+                if (name == "w")
+                    taken = d.deliver(p, (doubles[{e, p}] = std::vector<double>(2 * n)).data(), 2);
+                else if (name == "x" || name == "area" || name == "uv")
+                    taken = d.deliver(p, (floats[{e, p}] = std::vector<float>(2 * n, -1.0f)).data(), 2);
+                else
+                    taken = d.deliver(p, (bytes[{e, p}] = std::vector<std::uint8_t>(n)).data(), 1);
+                if (!taken)
+                    refused.insert({e, p});
+            }
+        };
+    }
+};
+
 TEST_F(PlyReaderTest, ListsOfChangingLengthAndNumbersStraddlingWindowsKeepTheirValues) {
     // Lists of one length over many blocks, then changing lengths, one list
     // several windows long, and a list of fixed length beside them.
@@ -314,6 +347,15 @@ TEST_F(PlyReaderTest, ListsOfChangingLengthAndNumbersStraddlingWindowsKeepTheirV
         for (const INDEX bytes : {INDEX(64), INDEX(1000), ZARN::ply_reader_window()}) {
             const Window window(bytes);
             expect_model(PlyReader(write(format + ".ply", encode(format, {faces}))), {faces}, format + " window " + std::to_string(bytes));
+            // A scalar taken by a plan between lists of changing length.
+            Delivered d;
+            const PlyReader planned(mDir / (format + ".ply"), d.plan());
+            const std::vector<double> &w = d.doubles[{0, 2}];
+            ASSERT_EQ(w.size(), 800u);
+            for (std::size_t i = 0; i < 400; ++i)
+                ASSERT_EQ(std::bit_cast<std::uint64_t>(w[2 * i]), bits_of(faces.properties[2].items[i][0], "double")) << format << " item " << i;
+            EXPECT_EQ(planned.get_index_list(0, 1, 300).size(), 3000);
+            EXPECT_EQ(planned.get_byte_list(0, 3, 399)[1], 399u);
         }
 }
 
@@ -336,39 +378,6 @@ TEST_F(PlyReaderTest, BlankRunsLongerThanTheWindowAreSkippedAcrossRefills) {
     }
 }
 
-// A plan that asks for every scalar property: reals into float arrays two
-// apart (or doubles where the name says so), the unsigned types into bytes,
-// and the signed ones into bytes as well, which the reader must refuse.
-struct Delivered {
-    std::vector<INDEX> elements;
-    std::map<std::pair<INDEX, INDEX>, std::vector<float>> floats;
-    std::map<std::pair<INDEX, INDEX>, std::vector<double>> doubles;
-    std::map<std::pair<INDEX, INDEX>, std::vector<std::uint8_t>> bytes;
-    std::set<std::pair<INDEX, INDEX>> refused;
-
-    PlyReader::PLAN plan() {
-        return [this](PlyReader::DELIVERY &d) {
-            const INDEX e = d.element_index();
-            elements.push_back(e);
-            const auto n = static_cast<std::size_t>(d.element_size());
-            for (const std::string name : {"x", "w", "id", "big", "red", "flags", "mask", "tag", "material", "area", "vertex_indices", "uv"}) {
-                const INDEX p = d.find_property(name);
-                if (p == ORN::VAR_NONE)
-                    continue;
-                bool taken;
-                if (name == "w")
-                    taken = d.deliver(p, (doubles[{e, p}] = std::vector<double>(n)).data(), 1);
-                else if (name == "x" || name == "area" || name == "uv")
-                    taken = d.deliver(p, (floats[{e, p}] = std::vector<float>(2 * n, -1.0f)).data(), 2);
-                else
-                    taken = d.deliver(p, (bytes[{e, p}] = std::vector<std::uint8_t>(n)).data(), 1);
-                if (!taken)
-                    refused.insert({e, p});
-            }
-        };
-    }
-};
-
 TEST_F(PlyReaderTest, APlanTakesScalarsOfItsClassIntoItsArraysAndTheRestIsKept) {
     const auto elements = model();
     for (const std::string format : {"ascii", "binary_little_endian", "binary_big_endian"})
@@ -389,9 +398,9 @@ TEST_F(PlyReaderTest, APlanTakesScalarsOfItsClassIntoItsArraysAndTheRestIsKept) 
             EXPECT_EQ((d.floats[{0, 0}]), (std::vector<float>{0.5f, -1.0f, -1.25f, -1.0f, 3.75f, -1.0f}));
             EXPECT_EQ((d.floats[{3, 3}]), (std::vector<float>{2.5f, -1.0f, -0.125f, -1.0f}));
             const std::vector<double> w = d.doubles[{0, 1}];
-            ASSERT_EQ(w.size(), 3u);
+            ASSERT_EQ(w.size(), 6u);
             for (std::size_t i = 0; i < 3; ++i)
-                EXPECT_EQ(std::bit_cast<std::uint64_t>(w[i]), bits_of(elements[0].properties[1].items[i][0], "double"));
+                EXPECT_EQ(std::bit_cast<std::uint64_t>(w[2 * i]), bits_of(elements[0].properties[1].items[i][0], "double"));
             // Bytes as they are, anything above 255 as 255.
             EXPECT_EQ((d.bytes[{0, 4}]), (std::vector<std::uint8_t>{0, 128, 255}));
             EXPECT_EQ((d.bytes[{0, 5}]), (std::vector<std::uint8_t>{255, 1, 255}));
