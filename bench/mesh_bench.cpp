@@ -10,8 +10,8 @@
 //              own kd-tree (KDTreeFlann over the same points) is also built
 //              alone to tell the search from the tree.
 //   Process    the whole process through the launcher, its stages from the
-//              verbose time report, its peak memory (the child's
-//              ru_maxrss, and the resident size sampled per stage) against
+//              verbose time report, its processor time and peak memory
+//              (the child's rusage, and the resident size sampled per stage) against
 //              twice the final cloud's own size plus the meshes' own size.
 //              With ZARN_MESH_BENCH_BASELINE naming the tree of an earlier
 //              build (bin/zarn, lib/, backends/), Process/baseline runs that
