@@ -10,10 +10,13 @@
 //                           two workers of a plain pool that leaves OpenCV's
 //                           own count alone (the form before the plan did).
 //                           speedup = one / two planned (target at least
-//                           1.8), plain_speedup = one / two plain. Page
+//                           1.8), plain_speedup = one / two plain, and
+//                           speedup_over_single = one worker whose OpenCV
+//                           runs on one thread / two planned workers. Page
 //                           faults (getrusage ru_minflt of the worker thread)
 //                           of each worker's first panorama and of the later
-//                           ones.
+//                           ones; the cores each form kept busy on average
+//                           (CPU seconds / wall seconds).
 //   BM_DefaultConfiguration `zarn run --force --process StitchMainProcess`
 //                           over the job with this build and with the
 //                           baseline's binaries (/work/baseline, or
@@ -83,6 +86,14 @@ long thread_faults() {
     struct rusage usage {};
     getrusage(RUSAGE_THREAD, &usage);
     return usage.ru_minflt;
+}
+
+// CPU seconds of this process (every thread), user and system.
+double cpu_seconds() {
+    struct rusage usage {};
+    getrusage(RUSAGE_SELF, &usage);
+    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
 long children_faults() {
@@ -179,23 +190,34 @@ ORN::WORKER_PLAN plan_of(ORN::int64 requested) {
 
 void BM_StitchWorkers(benchmark::State &state) {
     Setup::get();
-    double one = 0, two = 0, plain = 0;
+    double one = 0, two = 0, plain = 0, single = 0, cpu[3] = {0, 0, 0};
     FAULTS faults;
     for (auto _ : state) {
-        double a, b, c;
+        double a, b, c, at = cpu_seconds();
         {
             ORN::WorkThread pool(plan_of(1));
             a = stitch_records(pool, nullptr);
         }
+        cpu[0] += cpu_seconds() - at, at = cpu_seconds();
         {
             ORN::WorkThread pool(plan_of(2));
             b = stitch_records(pool, &faults);
         }
+        cpu[1] += cpu_seconds() - at, at = cpu_seconds();
         {
             ORN::WorkThread pool(plan_of(2).mWorkers);
             c = stitch_records(pool, nullptr);
         }
-        if (a < 0 || b < 0 || c < 0) {
+        cpu[2] += cpu_seconds() - at;
+        double d;
+        {
+            ORN::WORKER_PLAN alone = plan_of(1);
+            alone.mLibraryThreads = 1;
+            ORN::WorkThread pool(alone);
+            d = stitch_records(pool, nullptr);
+        }
+        single += d;
+        if (a < 0 || b < 0 || c < 0 || d < 0) {
             state.SkipWithError("a panorama failed");
             return;
         }
@@ -207,7 +229,13 @@ void BM_StitchWorkers(benchmark::State &state) {
     state.counters["two_s"] = two / n;
     state.counters["plain_two_s"] = plain / n;
     state.counters["speedup"] = one / two;
+    // Cores kept busy on average (CPU seconds over wall seconds).
+    state.counters["one_cores"] = cpu[0] / one;
+    state.counters["two_cores"] = cpu[1] / two;
+    state.counters["plain_two_cores"] = cpu[2] / plain;
     state.counters["plain_speedup"] = one / plain;
+    state.counters["one_single_s"] = single / n;
+    state.counters["speedup_over_single"] = single / two;
     state.counters["faults_first"] = faults.mFirstCount ? double(faults.mFirst) / double(faults.mFirstCount) : 0;
     state.counters["faults_later"] = faults.mLaterCount ? double(faults.mLater) / double(faults.mLaterCount) : 0;
 }
