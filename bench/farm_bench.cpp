@@ -18,6 +18,8 @@
 //
 // The cluster benchmarks are skipped when the daemons cannot be started.
 
+#include "bench_support.h"
+
 #include <benchmark/benchmark.h>
 
 #include <unistd.h>
@@ -33,32 +35,13 @@
 namespace {
 
 namespace fs = std::filesystem;
+using bench_support::shell_output;
+using bench_support::quote;
+using bench_support::seconds_since;
 
 const std::string BIN = std::string(ZARN_BINARY_DIR) + "/bin";
 const std::string BACKENDS = std::string(ZARN_BINARY_DIR) + "/backends";
 const std::string CLUSTER = std::string(ZARN_SOURCE_DIR) + "/scripts/slurm-private-cluster.sh";
-
-std::string quote(const std::string &word) {
-    std::string q = "'";
-    for (const char c : word)
-        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
-
-// Runs a shell command; its exit status and output (both streams).
-std::pair<int, std::string> shell(const std::string &command) {
-    FILE *pipe = ::popen(("{ " + command + "\n} 2>&1").c_str(), "r");
-    std::string out;
-    char buffer[4096];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0;)
-        out.append(buffer, n);
-    const int status = ::pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128, out};
-}
-
-double seconds_since(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
 
 // A folder of generated jobs, removed at the end.
 class Jobs {
@@ -68,8 +51,9 @@ public:
         mRoot = ::mkdtemp(pattern);
         for (int i = 0; i < count; ++i) {
             const std::string job = mRoot + "/job" + std::to_string(i);
-            shell(quote(BIN + "/zarn_capture") + " " + quote(job) + " --width 256 --points 1 --videos 0");
-            mList += " " + quote(job);
+            shell_output(quote(BIN + "/zarn_capture") + " " + quote(job) + " --width 256 --points 1 --videos 0");
+            mList += ' ';
+            mList += quote(job);
             mJobs.push_back(job);
         }
     }
@@ -88,7 +72,7 @@ private:
 // Runs the jobs here; the seconds it took, or a negative number on failure.
 double run_here(const Jobs &jobs, int parallel) {
     const auto start = std::chrono::steady_clock::now();
-    const auto r = shell("NO_COLOR=1 " + quote(BIN + "/zarn") + " run --force -j " + std::to_string(parallel) +
+    const auto r = shell_output("NO_COLOR=1 " + quote(BIN + "/zarn") + " run --force -j " + std::to_string(parallel) +
                          " --process StitchMainProcess --libs " + quote(BACKENDS) + jobs.list() + " > /dev/null");
     return r.first == 0 ? seconds_since(start) : -1.0;
 }
@@ -108,7 +92,7 @@ public:
         const std::string env = "SLURM_CONF=" + quote(mDir + "/slurm.conf");
         const std::string into = jobs.root() + "/submission-" + std::to_string(round);
         const auto start = std::chrono::steady_clock::now();
-        const auto r = shell("env " + env + " " + quote(BIN + "/zarn") + " submit --cpus 1 --process StitchMainProcess --libs " +
+        const auto r = shell_output("env " + env + " " + quote(BIN + "/zarn") + " submit --cpus 1 --process StitchMainProcess --libs " +
                              quote(BACKENDS) + " --into " + quote(into) + jobs.list() + " | tail -n 1");
         const auto at = r.second.rfind("Slurm job ");
         if (r.first != 0 || at == std::string::npos)
@@ -117,7 +101,7 @@ public:
         // Done when squeue knows nothing of the job (Slurm's own end),
         // looked at every 20 ms.
         for (int i = 0; i < 6000; ++i) {
-            const auto q = shell("env " + env + " squeue -h -j " + id);
+            const auto q = shell_output("env " + env + " squeue -h -j " + id);
             if (q.first == 0 && q.second.empty())
                 return seconds_since(start);
             ::usleep(20000);
@@ -126,7 +110,7 @@ public:
     }
     ~Cluster() {
         if (mUp)
-            shell(quote(CLUSTER) + " stop " + quote(mDir));
+            shell_output(quote(CLUSTER) + " stop " + quote(mDir));
         std::error_code ec;
         fs::remove_all(mDir, ec);
     }
@@ -135,7 +119,7 @@ private:
     Cluster() {
         char pattern[] = "/tmp/zarn-cluster-XXXXXX";
         mDir = ::mkdtemp(pattern);
-        const auto r = shell("timeout 60 " + quote(CLUSTER) + " start " + quote(mDir) + " " + std::to_string(::getpid()));
+        const auto r = shell_output("timeout 60 " + quote(CLUSTER) + " start " + quote(mDir) + " " + std::to_string(::getpid()));
         mUp = r.first == 0;
         mWhy = r.second;
         if (mUp) {

@@ -30,6 +30,8 @@
 // when the generator is newer than it) and copied for every run, so that
 // each run does all the work.
 
+#include "bench_support.h"
+
 #include <benchmark/benchmark.h>
 
 #include <sys/resource.h>
@@ -51,6 +53,9 @@
 namespace {
 
 namespace fs = std::filesystem;
+using bench_support::shell_output;
+using bench_support::quote;
+using bench_support::read_text;
 
 const std::string BUILD = ZARN_BINARY_DIR;
 constexpr double HEAVY_SECONDS = 0.05;
@@ -58,31 +63,6 @@ constexpr double HEAVY_SECONDS = 0.05;
 std::string environment(const char *name, const std::string &fallback) {
     const char *value = std::getenv(name);
     return value ? std::string(value) : fallback;
-}
-
-std::string quote(const std::string &word) {
-    std::string q = "'";
-    for (const char c : word)
-        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
-
-// Runs a shell command; its exit status and output (both streams).
-std::pair<int, std::string> shell(const std::string &command) {
-    FILE *pipe = ::popen(("{ " + command + "\n} 2>&1").c_str(), "r");
-    std::string out;
-    char buffer[4096];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0;)
-        out.append(buffer, n);
-    const int status = ::pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128, out};
-}
-
-std::string read_text(const fs::path &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 std::string tail(const std::string &text, std::size_t lines) {
@@ -110,7 +90,7 @@ public:
     Snapshot() {
         char pattern[] = "/tmp/zarn-job-bench-build-XXXXXX";
         mRoot = ::mkdtemp(pattern);
-        const auto r = shell("cd " + quote(BUILD) + " && mkdir -p " + quote(mRoot + "/bin") + " " + quote(mRoot + "/lib") +
+        const auto r = shell_output("cd " + quote(BUILD) + " && mkdir -p " + quote(mRoot + "/bin") + " " + quote(mRoot + "/lib") +
                              " " + quote(mRoot + "/backends") + " && cp -a bin/zarn " + quote(mRoot + "/bin/") +
                              " && cp -a lib/*.so lib/DataConverter.sh lib/zarn_inpaint " + quote(mRoot + "/lib/") +
                              " && cp -a backends/*.so backends/asset " + quote(mRoot + "/backends/"));
@@ -158,7 +138,7 @@ std::string cached_job(std::string &why) {
     fs::remove_all(fresh, ec);
     fs::remove_all(job, ec);
     fs::remove(stamp, ec);
-    const auto r = shell(quote(generator.string()) + " " + quote(fresh.string()) + " " + options);
+    const auto r = shell_output(quote(generator.string()) + " " + quote(fresh.string()) + " " + options);
     if (r.first != 0) {
         why = "zarn_capture failed: " + tail(r.second, 5);
         return {};
@@ -237,12 +217,12 @@ bool run_side(const SIDE &side, const std::string &job, TIMES &times, std::strin
     const fs::path root = ::mkdtemp(pattern);
     const fs::path copy = root / "job", logs = root / "logs";
     fs::create_directories(logs);
-    bool ok = shell("cp -a " + quote(job) + " " + quote(copy.string())).first == 0;
+    bool ok = shell_output("cp -a " + quote(job) + " " + quote(copy.string())).first == 0;
     if (ok) {
-        shell("sync");
+        shell_output("sync");
         const double before = children_processor_seconds();
         const auto start = std::chrono::steady_clock::now();
-        const auto r = shell("env NO_COLOR=1 " + side.mEnvironment + " " + quote(side.mLauncher) + " run --libs " +
+        const auto r = shell_output("env NO_COLOR=1 " + side.mEnvironment + " " + quote(side.mLauncher) + " run --libs " +
                              quote(side.mLibraries) + " --log " + quote(logs.string()) + " " + quote(copy.string()));
         times.mWall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         times.mProcessor = children_processor_seconds() - before;

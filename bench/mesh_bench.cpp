@@ -42,6 +42,8 @@
 #include "__ORN__/orn_thread.h"
 #include "interior_scene.h"
 
+#include "bench_support.h"
+
 #include <benchmark/benchmark.h>
 #include <omp.h>
 #include <open3d/geometry/KDTreeFlann.h>
@@ -73,6 +75,8 @@
 namespace {
 
 namespace fs = std::filesystem;
+using bench_support::quote;
+using bench_support::read_text;
 using ORN::INDEX;
 using ZARN::PointCloudProc::CLOUD;
 using Clock = std::chrono::steady_clock;
@@ -88,15 +92,6 @@ INDEX point_count() {
     const char *text = std::getenv("ZARN_MESH_BENCH_POINTS");
     const long long n = text != nullptr ? std::atoll(text) : 0;
     return n > 0 ? INDEX(n) : INDEX(10'000'000);
-}
-
-std::string quote(const std::string &s) { return "'" + s + "'"; }
-
-std::string read_text(const fs::path &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
 }
 
 void check(bool ok, const std::string &what) {

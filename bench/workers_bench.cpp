@@ -30,6 +30,8 @@
 #include "ZARN_Common/StitchLibrary.h"
 #include "__ORN__/orn_thread.h"
 
+#include "bench_support.h"
+
 #include <benchmark/benchmark.h>
 
 #include <dlfcn.h>
@@ -52,6 +54,9 @@
 namespace {
 
 namespace fs = std::filesystem;
+using bench_support::quote;
+using bench_support::read_text;
+using bench_support::seconds_since;
 namespace Lib = ZARN::StitchLibrary;
 using ORN::INDEX;
 
@@ -66,20 +71,9 @@ std::string baseline() {
     return from != nullptr && *from != '\0' ? from : "/work/baseline";
 }
 
-std::string quote(const std::string &word) {
-    std::string q = "'";
-    for (const char c : word)
-        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
-
 int shell(const std::string &command) {
     const int status = std::system(command.c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
-}
-
-double seconds_since(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 long thread_faults() {
@@ -100,13 +94,6 @@ long children_faults() {
     struct rusage usage {};
     getrusage(RUSAGE_CHILDREN, &usage);
     return usage.ru_minflt;
-}
-
-std::string read_text(const fs::path &file) {
-    std::ifstream in(file);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 // The generated job (made once), and the stitching library over it.
