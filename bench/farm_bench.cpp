@@ -27,6 +27,7 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -133,52 +134,50 @@ private:
     bool mUp = false;
 };
 
-void BM_ClusterOverhead(benchmark::State &state) {
+// Runs `jobs` fresh jobs here (with `parallel` at once) and as many through
+// the cluster in every iteration; the mean seconds of each, or nothing when
+// the cluster is down or a run fails (the benchmark then says why).
+std::optional<std::pair<double, double>> here_and_there(benchmark::State &state, int jobs, int parallel) {
     Cluster &cluster = Cluster::get();
     if (!cluster.up()) {
         state.SkipWithError(("the private cluster did not start: " + cluster.why()).c_str());
-        return;
+        return std::nullopt;
     }
     double here = 0, there = 0;
     for (auto _ : state) {
         // Fresh jobs each time: a task does not redo work that is up to date.
-        const Jobs local(1), submitted(1);
-        const double h = run_here(local, 1), t = cluster.submit_and_wait(submitted, 1);
+        const Jobs local(jobs), submitted(jobs);
+        const double h = run_here(local, parallel), t = cluster.submit_and_wait(submitted, 1);
         if (h < 0 || t < 0) {
             state.SkipWithError("a run failed");
-            return;
+            return std::nullopt;
         }
         here += h;
         there += t;
     }
     const double n = static_cast<double>(state.iterations());
-    state.counters["run_here_s"] = here / n;
-    state.counters["submit_to_done_s"] = there / n;
-    state.counters["overhead_s"] = (there - here) / n;
+    return std::pair(here / n, there / n);
+}
+
+void BM_ClusterOverhead(benchmark::State &state) {
+    const auto times = here_and_there(state, 1, 1);
+    if (!times)
+        return;
+    const auto [here, there] = *times;
+    state.counters["run_here_s"] = here;
+    state.counters["submit_to_done_s"] = there;
+    state.counters["overhead_s"] = there - here;
 }
 BENCHMARK(BM_ClusterOverhead)->Iterations(5)->Unit(benchmark::kSecond)->UseRealTime();
 
 void BM_ClusterArray8(benchmark::State &state) {
-    Cluster &cluster = Cluster::get();
-    if (!cluster.up()) {
-        state.SkipWithError(("the private cluster did not start: " + cluster.why()).c_str());
+    const auto times = here_and_there(state, 8, 2);
+    if (!times)
         return;
-    }
-    double here = 0, there = 0;
-    for (auto _ : state) {
-        const Jobs local(8), submitted(8);
-        const double h = run_here(local, 2), t = cluster.submit_and_wait(submitted, 1);
-        if (h < 0 || t < 0) {
-            state.SkipWithError("a run failed");
-            return;
-        }
-        here += h;
-        there += t;
-    }
-    const double n = static_cast<double>(state.iterations());
-    state.counters["run_here_j2_s"] = here / n;
-    state.counters["submit_to_done_s"] = there / n;
-    state.counters["overhead_per_job_s"] = (there - here) / n / 8;
+    const auto [here, there] = *times;
+    state.counters["run_here_j2_s"] = here;
+    state.counters["submit_to_done_s"] = there;
+    state.counters["overhead_per_job_s"] = (there - here) / 8;
 }
 BENCHMARK(BM_ClusterArray8)->Iterations(2)->Unit(benchmark::kSecond)->UseRealTime();
 
